@@ -1,0 +1,58 @@
+// The kernel control channel: every call goes to the installed backend (a test's fake
+// kernel modules or the device emulator). Without one, the modules are absent.
+#include <atomic>
+
+#include "internal.hpp"
+
+namespace ipp {
+namespace {
+
+constexpr std::uint32_t kNoModule = 0x40010001u;
+
+std::atomic<ipp_kernel_handler> g_handler{nullptr};
+std::atomic<void*> g_ctx{nullptr};
+
+std::uint32_t dispatch(const ipp_kcall& call, void* reply, std::uint32_t* returned_len) noexcept {
+    const ipp_kernel_handler handler = g_handler.load(std::memory_order_acquire);
+    std::uint32_t returned = 0;
+    std::uint32_t status = kNoModule;
+    if (handler != nullptr) {
+        status = handler(g_ctx.load(std::memory_order_acquire), &call,
+                         call.reply_cap != 0 ? static_cast<std::uint8_t*>(reply) : nullptr, &returned);
+    }
+    if (returned_len != nullptr) *returned_len = returned;
+    return status;
+}
+
+}  // namespace
+
+void reset_kernel() noexcept {
+    g_handler.store(nullptr, std::memory_order_release);
+    g_ctx.store(nullptr, std::memory_order_release);
+}
+
+}  // namespace ipp
+
+extern "C" {
+
+void ipp_kernel_set_handler(ipp_kernel_handler handler, void* ctx) {
+    ipp::g_ctx.store(ctx, std::memory_order_release);
+    ipp::g_handler.store(handler, std::memory_order_release);
+}
+
+uint32_t CIOCTL(uint32_t node, uint32_t command, uint32_t request_len, const void* request, uint32_t reply_cap,
+                void* reply, uint32_t* returned_len) {
+    ipp::count(IPP_CALL_CIOCTL);
+    const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request != nullptr ? request_len : 0,
+                         reply != nullptr ? reply_cap : 0, 0};
+    return ipp::dispatch(call, reply, returned_len);
+}
+
+uint32_t CIOCTL_Async(uint32_t node, uint32_t command, uint32_t request_len, const void* request) {
+    ipp::count(IPP_CALL_CIOCTL_ASYNC);
+    const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request != nullptr ? request_len : 0,
+                         0, 1};
+    return ipp::dispatch(call, nullptr, nullptr);
+}
+
+}  // extern "C"

@@ -1,0 +1,145 @@
+// Wire codec: places big-endian and raw fields at byte offsets and reads them back.
+//
+// Every multi-byte field that crosses a channel is big-endian; addresses and opaque bytes
+// travel as they stand. Requests are built in fixed-size stack frames whose field offsets
+// are checked at compile time; bytes received from a peer are read through a View whose
+// every access is checked against what was received.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <span>
+
+namespace ipc::wire {
+
+template <class U>
+concept Word = std::same_as<U, std::uint8_t> || std::same_as<U, std::uint16_t> ||
+               std::same_as<U, std::uint32_t> || std::same_as<U, std::uint64_t>;
+
+// Host order <-> big-endian (the same operation both ways).
+template <Word U>
+constexpr U swap_be(U v) noexcept {
+    if constexpr (std::endian::native == std::endian::big || sizeof(U) == 1) {
+        return v;
+    } else if constexpr (sizeof(U) == 2) {
+        return __builtin_bswap16(v);
+    } else if constexpr (sizeof(U) == 4) {
+        return __builtin_bswap32(v);
+    } else {
+        return __builtin_bswap64(v);
+    }
+}
+
+template <Word U>
+inline void store_be(void* dst, U v) noexcept {
+    v = swap_be(v);
+    std::memcpy(dst, &v, sizeof v);
+}
+
+template <Word U>
+inline U load_be(const void* src) noexcept {
+    U v;
+    std::memcpy(&v, src, sizeof v);
+    return swap_be(v);
+}
+
+// A field of a record as it travels: big-endian words are swapped, raw bytes are not.
+struct Field {
+    std::uint16_t offset;
+    std::uint8_t width;  // 2, 4 or 8 for big-endian words
+};
+
+// Swaps, in place, every big-endian field of one record between wire and host order.
+// The operation is its own inverse, so it serves requests and replies alike.
+template <std::size_t N>
+inline void swap_fields(std::span<std::uint8_t> record, const std::array<Field, N>& fields) noexcept {
+    for (const Field& f : fields) {
+        if (static_cast<std::size_t>(f.offset) + f.width > record.size()) {
+            continue;  // never reached for the fixed tables; keeps the access in bounds
+        }
+        std::uint8_t* p = record.data() + f.offset;
+        switch (f.width) {
+            case 2: store_be(p, load_be<std::uint16_t>(p)); break;
+            case 4: store_be(p, load_be<std::uint32_t>(p)); break;
+            case 8: store_be(p, load_be<std::uint64_t>(p)); break;
+            default: break;
+        }
+    }
+}
+
+// A request under construction, N bytes on the stack, zero-filled.
+template <std::size_t N>
+class Frame {
+public:
+    static constexpr std::size_t size() noexcept { return N; }
+    std::uint8_t* data() noexcept { return bytes_.data(); }
+    const std::uint8_t* data() const noexcept { return bytes_.data(); }
+    std::span<std::uint8_t, N> span() noexcept { return bytes_; }
+
+    // Big-endian word at a fixed offset.
+    template <std::size_t Off, Word U>
+    void be(U v) noexcept {
+        static_assert(Off + sizeof(U) <= N, "field outside the frame");
+        store_be(bytes_.data() + Off, v);
+    }
+
+    // Bytes copied as they stand (addresses, opaque data).
+    template <std::size_t Off, std::size_t Len>
+    void raw(const void* src) noexcept {
+        static_assert(Off + Len <= N, "field outside the frame");
+        std::memcpy(bytes_.data() + Off, src, Len);
+    }
+
+    // A raw 32-bit value (an IPv4 address kept in network order).
+    template <std::size_t Off>
+    void raw32(std::uint32_t v) noexcept { raw<Off, 4>(&v); }
+
+    // A host-order record copied in, then its big-endian fields swapped.
+    template <std::size_t Off, class Rec, std::size_t F>
+    void record(const Rec& rec, const std::array<Field, F>& fields) noexcept {
+        static_assert(Off + sizeof(Rec) <= N, "record outside the frame");
+        std::memcpy(bytes_.data() + Off, &rec, sizeof(Rec));
+        swap_fields(std::span<std::uint8_t>(bytes_.data() + Off, sizeof(Rec)), fields);
+    }
+
+private:
+    std::array<std::uint8_t, N> bytes_{};
+};
+
+// Bytes received from a peer. Reads outside what was received yield nothing.
+class View {
+public:
+    constexpr View() noexcept = default;
+    constexpr explicit View(std::span<const std::uint8_t> bytes) noexcept : bytes_(bytes) {}
+    View(const void* p, std::size_t n) noexcept
+        : bytes_(static_cast<const std::uint8_t*>(p), p != nullptr ? n : 0) {}
+
+    constexpr std::size_t size() const noexcept { return bytes_.size(); }
+    constexpr bool has(std::size_t off, std::size_t len) const noexcept {
+        return off <= bytes_.size() && len <= bytes_.size() - off;
+    }
+
+    template <Word U>
+    std::optional<U> be(std::size_t off) const noexcept {
+        if (!has(off, sizeof(U))) return std::nullopt;
+        return load_be<U>(bytes_.data() + off);
+    }
+
+    // The bytes [off, off + len), or nothing when they were not all received.
+    std::optional<View> sub(std::size_t off, std::size_t len) const noexcept {
+        if (!has(off, len)) return std::nullopt;
+        return View(bytes_.subspan(off, len));
+    }
+
+    std::span<const std::uint8_t> bytes() const noexcept { return bytes_; }
+
+private:
+    std::span<const std::uint8_t> bytes_{};
+};
+
+}  // namespace ipc::wire
