@@ -48,6 +48,15 @@ inline U load_be(const void* src) noexcept {
     return swap_be(v);
 }
 
+// Converts one word in place between host and big-endian order.
+template <Word U>
+inline void swap_at(void* p) noexcept {
+    U v;
+    std::memcpy(&v, p, sizeof v);
+    v = swap_be(v);
+    std::memcpy(p, &v, sizeof v);
+}
+
 // A field of a record as it travels: big-endian words are swapped, raw bytes are not.
 struct Field {
     std::uint16_t offset;
@@ -64,9 +73,9 @@ inline void swap_fields(std::span<std::uint8_t> record, const std::array<Field, 
         }
         std::uint8_t* p = record.data() + f.offset;
         switch (f.width) {
-            case 2: store_be(p, load_be<std::uint16_t>(p)); break;
-            case 4: store_be(p, load_be<std::uint32_t>(p)); break;
-            case 8: store_be(p, load_be<std::uint64_t>(p)); break;
+            case 2: swap_at<std::uint16_t>(p); break;
+            case 4: swap_at<std::uint32_t>(p); break;
+            case 8: swap_at<std::uint64_t>(p); break;
             default: break;
         }
     }
