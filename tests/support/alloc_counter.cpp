@@ -15,7 +15,9 @@ void note() {
 }  // namespace
 
 #if defined(IPCLIENT_SANITIZE)
-#include <sanitizer/allocator_interface.h>
+// Provided by the sanitizer runtime (declared here: the compiler ships no header for it).
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, std::size_t),
+                                                          void (*free_hook)(const volatile void*));
 
 namespace {
 void on_malloc(const volatile void*, std::size_t) { note(); }
