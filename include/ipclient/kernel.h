@@ -8,7 +8,8 @@
  *
  * Unless an operation takes a node, the request goes to node 0x8000, passed to the channel
  * sign-extended as 0xFFFF8000. A node argument is sign-extended the same way, so a caller's
- * 0x8000 also reaches the channel as 0xFFFF8000 and any other node number as it stands.
+ * 0x8000 also reaches the channel as 0xFFFF8000 (device node numbers lie below 0x8000 and
+ * reach it unchanged).
  *
  * Every operation returns the channel status unchanged (0 on success) unless noted. No
  * operation checks its pointer arguments: the address library checks them. On failure the
@@ -168,7 +169,8 @@ IPCLIENT_API uint32_t IPAddr_Drvk_GetAddrGlobalEpoch(uint32_t uiWord1, uint32_t 
 IPCLIENT_API uint32_t IPAddr_Drvk_SelectSrcAddr(uint32_t uiDestination, uint16_t usVrf,
                                                 uint32_t uiIfIndex, uint32_t uiAddr,
                                                 uint32_t *puiSource);
-/* Operation 26, to the interface's node (0x8000 when the node cannot be obtained). */
+/* Operation 26, to the interface's node; when the node cannot be obtained the request still
+ * goes, to node 0x8000 (0xFFFF8000 on the channel). */
 IPCLIENT_API uint32_t IPAddr_Drvk_SetDrvMethod(uint32_t uiIfIndex, uint32_t uiMethod);
 /* Operation 27, to the interface's node; 0x40010001 when the node cannot be obtained. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetLoopBackInfo(uint32_t uiIfIndex, uint16_t *pusInfo);

@@ -17,8 +17,7 @@ std::uint32_t dispatch(const ipp_kcall& call, void* reply, std::uint32_t* return
     std::uint32_t returned = 0;
     std::uint32_t status = kNoModule;
     if (handler != nullptr) {
-        status = handler(g_ctx.load(std::memory_order_acquire), &call,
-                         call.reply_cap != 0 ? static_cast<std::uint8_t*>(reply) : nullptr, &returned);
+        status = handler(g_ctx.load(std::memory_order_acquire), &call, static_cast<std::uint8_t*>(reply), &returned);
     }
     if (returned_len != nullptr) *returned_len = returned;
     return status;
@@ -43,15 +42,14 @@ void ipp_kernel_set_handler(ipp_kernel_handler handler, void* ctx) {
 uint32_t CIOCTL(uint32_t node, uint32_t command, uint32_t request_len, const void* request, uint32_t reply_cap,
                 void* reply, uint32_t* returned_len) {
     ipp::count(IPP_CALL_CIOCTL);
-    const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request != nullptr ? request_len : 0,
-                         reply != nullptr ? reply_cap : 0, 0};
+    const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request_len, reply_cap, 0,
+                         reply == nullptr, returned_len == nullptr};
     return ipp::dispatch(call, reply, returned_len);
 }
 
 uint32_t CIOCTL_Async(uint32_t node, uint32_t command, uint32_t request_len, const void* request) {
     ipp::count(IPP_CALL_CIOCTL_ASYNC);
-    const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request != nullptr ? request_len : 0,
-                         0, 1};
+    const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request_len, 0, 1, 1, 1};
     return ipp::dispatch(call, nullptr, nullptr);
 }
 

@@ -20,21 +20,20 @@ std::uint32_t send(const ipc::wire::Frame<N>& req, std::uint32_t cap = 0, void* 
     return ipaddr_DrvkCioctl(static_cast<std::uint32_t>(N), req.data(), cap, reply, returned);
 }
 
-// To a node of the caller's choosing.
+// To a node of the caller's choosing; the own node goes through the private routine.
 template <std::size_t N>
 std::uint32_t send_to(std::uint16_t node, const ipc::wire::Frame<N>& req, std::uint32_t cap = 0,
                       void* reply = nullptr, std::uint32_t* returned = nullptr) noexcept {
+    if (node == kLocalNode) return send(req, cap, reply, returned);
     return CIOCTL(node_word(node), cmd::kAddress, static_cast<std::uint32_t>(N), req.data(), cap, reply,
                   returned);
 }
 
 // A request with one 4-byte big-endian reply, converted in the caller's word.
 template <std::size_t N>
-std::uint32_t send_for_word(std::uint32_t node_word_value, const ipc::wire::Frame<N>& req,
-                            std::uint32_t* out) noexcept {
+std::uint32_t send_for_word(std::uint16_t node, const ipc::wire::Frame<N>& req, std::uint32_t* out) noexcept {
     std::uint32_t returned = 0;
-    const std::uint32_t status = CIOCTL(node_word_value, cmd::kAddress, static_cast<std::uint32_t>(N), req.data(),
-                                        sizeof *out, out, &returned);
+    const std::uint32_t status = send_to(node, req, sizeof *out, out, &returned);
     if (status != IPSTATUS_OK) return status;
     *out = load_be<std::uint32_t>(out);
     return IPSTATUS_OK;
@@ -137,7 +136,7 @@ uint32_t IPAddr_Drvk_GetMatchAddr(uint16_t usNode, const IPAddrEntry* pstMatchKe
 uint32_t IPAddr_Drvk_GetMatchAddrNum(const IPAddrEntry* pstMatchKey, uint32_t* puiCount) {
     Request<kEntryLen> req(Op::kGetMatchAddrNum);
     req.record<8>(*pstMatchKey, kEntryFields);
-    return send_for_word(kLocalNodeWord, req, puiCount);
+    return send_for_word(kLocalNode, req, puiCount);
 }
 
 uint32_t IPAddr_Drvk_GetMatchBestNet(const IPAddrEntry* pstMatchKey, IPAddrEntry* pstOut) {
@@ -194,7 +193,7 @@ uint32_t IPAddr_Drvk_ClearCfgMethod(uint32_t uiWord1, uint32_t uiWord2) {
 uint32_t IPAddr_Drvk_GetIFMethod(uint16_t usNode, uint32_t uiIfIndex, uint32_t* puiMethod) {
     Request<4> req(Op::kGetIFMethod);
     req.be<8>(uiIfIndex);
-    return send_for_word(node_word(usNode), req, puiMethod);
+    return send_for_word(usNode, req, puiMethod);
 }
 
 uint32_t IPAddr_Drvk_GetBatchAddrOnIF(uint32_t uiWord1, uint32_t uiWord2, const IPAddrKey* pstKey,
@@ -209,7 +208,7 @@ uint32_t IPAddr_Drvk_GetBatchAddrOnIF(uint32_t uiWord1, uint32_t uiWord2, const 
 uint32_t IPAddr_Drvk_GetNextIf(uint32_t uiIfIndex, uint32_t* puiNextIfIndex) {
     Request<4> req(Op::kGetNextIf);
     req.be<8>(uiIfIndex);
-    return send_for_word(kLocalNodeWord, req, puiNextIfIndex);
+    return send_for_word(kLocalNode, req, puiNextIfIndex);
 }
 
 uint32_t IPAddr_Drvk_GetBatchEvNotify(uint32_t uiWord1, uint32_t uiWord2, const IPAddrKey* pstKey,
@@ -232,7 +231,7 @@ uint32_t IPAddr_Drvk_GetAddrCountOnIF(uint16_t usNode, uint32_t uiWord1, uint32_
     req.be<8>(uiWord1);
     req.be<12>(uiWord2);
     req.be<16>(uiWord3);
-    return send_for_word(node_word(usNode), req, puiCount);
+    return send_for_word(usNode, req, puiCount);
 }
 
 uint32_t IPAddr_Drvk_SetDbgInfo(uint16_t usNode, uint16_t usHalf1, uint16_t usHalf2, uint32_t uiWord) {
@@ -246,7 +245,7 @@ uint32_t IPAddr_Drvk_SetDbgInfo(uint16_t usNode, uint16_t usHalf1, uint16_t usHa
 uint32_t IPAddr_Drvk_GetDbgInfo(uint16_t usNode, uint16_t usHalf, uint32_t* puiWord) {
     Request<2> req(Op::kGetDbgInfo);
     req.be<8>(usHalf);
-    return send_for_word(node_word(usNode), req, puiWord);
+    return send_for_word(usNode, req, puiWord);
 }
 
 uint32_t IPAddr_Drvk_IncAddrGlobalEpoch(uint32_t uiWord1, uint32_t uiWord2) {
@@ -322,7 +321,7 @@ uint32_t IPAddr_Drvk_SetNetProtocol(uint32_t uiWord1, uint32_t uiWord2, uint32_t
 uint32_t IPAddr_Drvk_GetNetProtoBit(uint32_t uiWord, uint32_t* puiBits) {
     Request<4> req(Op::kGetNetProtoBit);
     req.be<8>(uiWord);
-    return send_for_word(kLocalNodeWord, req, puiBits);
+    return send_for_word(kLocalNode, req, puiBits);
 }
 
 uint32_t IPAddr_Drvk_GetMaxAddrInVrf(uint16_t usVrf, uint32_t uiWord1, uint32_t uiWord2, IPAddrEntry* pstOut) {

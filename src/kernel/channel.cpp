@@ -14,13 +14,13 @@ std::uint32_t ipaddr_DrvkCioctl(std::uint32_t request_len, const void* request, 
 }
 
 std::uint32_t read_fixed(std::uint32_t node, std::uint32_t command, std::span<const std::uint8_t> request,
-                         std::span<std::uint8_t> reply) noexcept {
+                         std::span<std::uint8_t> reply, std::uint32_t wrong_length) noexcept {
     std::uint32_t returned = 0;
     const std::uint32_t status =
         CIOCTL(node, command, static_cast<std::uint32_t>(request.size()), request.empty() ? nullptr : request.data(),
                static_cast<std::uint32_t>(reply.size()), reply.empty() ? nullptr : reply.data(), &returned);
     if (status != IPSTATUS_OK) return status;
-    return returned == reply.size() ? IPSTATUS_OK : IPSTATUS_FAILED;
+    return returned == reply.size() ? IPSTATUS_OK : wrong_length;
 }
 
 std::uint64_t sum_over_nodes(std::uint32_t command, std::span<const std::uint8_t> request,

@@ -23,9 +23,11 @@ std::uint32_t ipaddr_DrvkCioctl(std::uint32_t request_len, const void* request, 
                                 void* reply, std::uint32_t* returned_len) noexcept;
 
 // A request whose reply has exactly reply.size() bytes: a status of 0 with any other
-// returned length is a failure (0x40010001). Other statuses pass through unchanged.
+// returned length is a failure, reported as wrong_length (0x40010001 unless the reader's
+// own code differs, 0x40010005 for the ARP readers). Other statuses pass through unchanged;
+// readers that fold them into a code of their own do so themselves.
 std::uint32_t read_fixed(std::uint32_t node, std::uint32_t command, std::span<const std::uint8_t> request,
-                         std::span<std::uint8_t> reply) noexcept;
+                         std::span<std::uint8_t> reply, std::uint32_t wrong_length = 0x40010001u) noexcept;
 
 // How a per-node counter reader treats the nodes and their replies.
 enum class NodeWalk {

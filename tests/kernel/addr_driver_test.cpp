@@ -26,6 +26,7 @@ protected:
         EXPECT_EQ(c.command, kAddressCommand);
         EXPECT_EQ(c.request, request);
         EXPECT_EQ(c.reply_cap, cap);
+        EXPECT_EQ(c.reply_null, cap == 0);  // a reply buffer exactly when a reply is expected
         EXPECT_FALSE(c.async);
     }
 
@@ -48,6 +49,13 @@ Bytes word(std::uint32_t v) {
     Bytes b;
     put32(b, v);
     return b;
+}
+
+ipp_interface interface_on(std::uint32_t ifindex, std::uint16_t node) {
+    ipp_interface itf{};
+    itf.ifindex = ifindex;
+    itf.node = node;
+    return itf;
 }
 
 TEST_F(AddrDriverTest, AddIPSendsInfoWithNoReply) {
@@ -491,13 +499,6 @@ TEST_F(AddrDriverTest, SelectSrcAddrPlacesRawAddressesAndBigEndianWords) {
     EXPECT_EQ(std::memcmp(&out, src, 4), 0);
 }
 
-ipp_interface interface_on(std::uint32_t ifindex, std::uint16_t node) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = node;
-    return itf;
-}
-
 TEST_F(AddrDriverTest, SetDrvMethodGoesToInterfaceNode) {
     const ipp_interface itf = interface_on(0x55, 12);
     ipp_dir_add_interface(&itf);
@@ -697,10 +698,98 @@ TEST_F(AddrDriverTest, GetNextMatchAddrByIPWritesOverTheArgument) {
 }
 
 TEST_F(AddrDriverTest, ModuleStatusesPassThroughUnchanged) {
-    kernel.reply(0x43160099u, word(1));
+    const Bytes raw = word(1);
+    kernel.reply(0x43160099u, raw);
     std::uint32_t v = 0;
     EXPECT_EQ(IPAddr_Drvk_GetNextIf(1, &v), 0x43160099u);
-    EXPECT_EQ(v, 0x00000001u << 24);  // left as the platform wrote it, unconverted
+    EXPECT_EQ(std::memcmp(&v, raw.data(), 4), 0);  // left as the platform wrote it, unconverted
+}
+
+TEST_F(AddrDriverTest, EntryReadersLeaveReplyUnconvertedOnFailure) {
+    const Bytes raw = wire_entry(sample_entry());
+    kernel.reply(0x60010023u, raw);
+    const IPAddrEntry key = sample_entry();
+    using Reader = std::uint32_t (*)(const IPAddrEntry&, IPAddrEntry*);
+    const Reader readers[] = {
+        [](const IPAddrEntry& k, IPAddrEntry* o) { return IPAddr_Drvk_GetMatchBestNet(&k, o); },
+        [](const IPAddrEntry&, IPAddrEntry* o) { return IPAddr_Drvk_GetPriorAddrOnIf(1, 1, o); },
+        [](const IPAddrEntry&, IPAddrEntry* o) { return IPAddr_Drvk_GetFwdAddrInVrf(1, o); },
+        [](const IPAddrEntry& k, IPAddrEntry* o) {
+            *o = k;
+            return IPAddr_Drvk_GetNextAddrInVrf(1, 1, o);
+        },
+        [](const IPAddrEntry&, IPAddrEntry* o) { return IPAddr_Drvk_SearchGWAddr(1, 1, 1, o); },
+        [](const IPAddrEntry&, IPAddrEntry* o) { return IPAddr_Drvk_GetMaxAddrInVrf(1, 1, 1, o); },
+        [](const IPAddrEntry&, IPAddrEntry* o) { return IPAddr_Drvk_GetMatchAddrByIP(1, 1, o); },
+        [](const IPAddrEntry& k, IPAddrEntry* o) {
+            *o = k;
+            return IPAddr_Drvk_GetNextMatchAddrByIP(1, o);
+        },
+        [](const IPAddrEntry& k, IPAddrEntry* o) { return IPAddr_Drvk_GetConflictAddr2CfgRecover(&k, o, nullptr); },
+    };
+    int n = 0;
+    for (const Reader read : readers) {
+        IPAddrEntry out{};
+        EXPECT_EQ(read(key, &out), 0x60010023u) << n;
+        EXPECT_EQ(std::memcmp(&out, raw.data(), sizeof out), 0) << n;
+        ++n;
+    }
+}
+
+TEST_F(AddrDriverTest, WordAndEntryReadersDoNotCheckReturnedLength) {
+    const IPAddrEntry answer = sample_entry();
+    kernel.reply(KernelReply{0, wire_entry(answer), 1u});
+    const IPAddrEntry key = sample_entry();
+    IPAddrEntry out{};
+    EXPECT_EQ(IPAddr_Drvk_GetMatchBestNet(&key, &out), 0u);
+    EXPECT_TRUE(same_bytes(out, answer));
+    std::uint32_t count = 0;
+    EXPECT_EQ(IPAddr_Drvk_GetMatchAddrNum(&key, &count), 0u);
+    std::uint8_t mac[6]{};
+    std::uint32_t w = 0;
+    EXPECT_EQ(IPAddr_Drvk_GetMac(1, 1, 1, nullptr, mac, &w), 0u);
+}
+
+TEST_F(AddrDriverTest, GetMacFailureLeavesMacAndWordUntouched) {
+    kernel.reply(0x40010001u, Bytes(10, 0x77));
+    std::uint8_t mac[6] = {1, 2, 3, 4, 5, 6};
+    std::uint32_t w = 0x12345678;
+    EXPECT_EQ(IPAddr_Drvk_GetMac(1, 1, 1, nullptr, mac, &w), 0x40010001u);
+    EXPECT_EQ(Bytes(mac, mac + 6), (Bytes{1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(w, 0x12345678u);
+}
+
+TEST_F(AddrDriverTest, SetDrvMethodWhenNodeReadFailsSendsToOwnNode) {
+    const ipp_interface itf = interface_on(0x57, 12);
+    ipp_dir_add_interface(&itf);
+    ipp_dir_fail_item(0x57, IF_DATA_NODE, 0x9999);
+    kernel.reply(0);
+    EXPECT_EQ(IPAddr_Drvk_SetDrvMethod(0x57, 4), 0u);
+    Bytes want = header(26, 8);
+    put32(want, 0x57);
+    put32(want, 4);
+    expect_single_call(kOwnNode, want, 0);
+}
+
+TEST_F(AddrDriverTest, GetMatchAddrWithCountZeroAsksForNothing) {
+    kernel.reply(0);
+    const IPAddrEntry key = sample_entry();
+    std::uint32_t count = 0;
+    IPAddrEntry dummy{};
+    EXPECT_EQ(IPAddr_Drvk_GetMatchAddr(1, &key, &count, &dummy), 0u);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(kernel.last().reply_cap, 0u);
+}
+
+TEST_F(AddrDriverTest, EntryFlagsAreBigEndianOnTheWire) {
+    kernel.reply(0, wire_info(sample_info()));
+    IPAddrEntry entry = sample_entry();
+    entry.uiFlag = 0x01020304;
+    IPAddrInfo out{};
+    ASSERT_EQ(IPAddr_Drvk_LookupAddr(1, &entry, &out), 0u);
+    const Bytes& r = kernel.last().request;
+    EXPECT_EQ((Bytes{r.begin() + 28, r.begin() + 32}), (Bytes{1, 2, 3, 4}));
+    EXPECT_EQ(std::memcmp(&r[32], &entry.uiReserved, 4), 0);  // reserved travels as it lies
 }
 
 TEST_F(AddrDriverTest, WithoutAddressModuleEveryCallFailsWithGeneralFailure) {

@@ -105,6 +105,24 @@ TEST_F(ChannelTest, ConnectionCheckWalkAsksEveryNodeAndIgnoresReplyLength) {
     EXPECT_EQ(kernel.count(), 2u);
 }
 
+TEST_F(ChannelTest, ConnectionCheckWalkAddsNothingForFailedNode) {
+    const std::uint16_t nodes[] = {4, 5, 6};
+    ipp_dir_set_nodes(nodes, 3);
+    kernel.answer([](const KernelCall& c) {
+        return KernelReply{c.node == 5 ? 0x1234u : 0u, counter(c.node), std::nullopt};
+    });
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
+              10u);
+    EXPECT_EQ(kernel.count(), 3u);
+}
+
+TEST_F(ChannelTest, FixedSizeReaderReportsTheReadersOwnWrongLengthCode) {
+    std::array<std::uint8_t, 112> reply{};
+    kernel.reply(KernelReply{0, {}, 100u});
+    EXPECT_EQ(ipc::kernel::read_fixed(0xFFFF8000u, ipc::kernel::cmd::kArpInfo, kSelector, reply, 0x40010005u),
+              0x40010005u);
+}
+
 TEST_F(ChannelTest, EmptyNodeListYieldsZero) {
     ipp_dir_set_nodes(nullptr, 0);
     EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),

@@ -40,6 +40,8 @@ std::uint32_t FakeKernel::handle(void* ctx, const ipp_kcall* call, std::uint8_t*
     c.node = call->node;
     c.command = call->command;
     if (call->request != nullptr) c.request.assign(call->request, call->request + call->request_len);
+    c.reply_null = call->reply_null != 0;
+    c.returned_len_null = call->returned_len_null != 0;
     c.reply_cap = call->reply_cap;
     c.async = call->is_async != 0;
 

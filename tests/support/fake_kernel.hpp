@@ -20,6 +20,8 @@ struct KernelCall {
     Bytes request;
     std::uint32_t reply_cap = 0;
     bool async = false;
+    bool reply_null = false;
+    bool returned_len_null = false;
 };
 
 struct KernelReply {

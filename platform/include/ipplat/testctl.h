@@ -28,19 +28,23 @@ IPPLAT_API void ipp_reset(void);
 
 /* ---- Kernel modules --------------------------------------------------------------------- */
 
+/* One call as the library made it; the arguments are passed on as they were given. */
 typedef struct ipp_kcall {
     uint32_t node;          /* node word as the library passed it */
     uint32_t command;
-    const uint8_t *request; /* request_len bytes, or null */
+    const uint8_t *request; /* the request pointer (may be null) */
     uint32_t request_len;
     uint32_t reply_cap;     /* 0 for CIOCTL_Async */
     int is_async;           /* 1 for CIOCTL_Async */
+    int reply_null;         /* the reply buffer pointer was null */
+    int returned_len_null;  /* the returned-length pointer was null */
 } ipp_kcall;
 
 /*
- * Answers one call: writes at most call->reply_cap bytes to reply (null when the capacity is
- * 0), sets *returned_len (which may differ from the bytes written) and returns the status.
- * *returned_len starts at 0.
+ * Answers one call: writes at most call->reply_cap bytes to reply (which is null when the
+ * library passed none), sets *returned_len (which may differ from the bytes written) and
+ * returns the status. *returned_len starts at 0 and is stored only when the library gave a
+ * returned-length pointer.
  */
 typedef uint32_t (*ipp_kernel_handler)(void *ctx, const ipp_kcall *call, uint8_t *reply, uint32_t *returned_len);
 /* Installs the kernel backend; null restores the default (every call fails with 0x40010001). */
