@@ -1,0 +1,196 @@
+/*
+ * Address library: the address control socket and its change requests, address lookups
+ * and walks, and the address and interface-configuration event subscriptions.
+ *
+ * Change requests travel on a control socket to the address service (node 0x8000, port
+ * 1653): an 8-byte header (operation, payload length; big-endian) and the payload. Lookups
+ * and walks go to the kernel's address module through the IPAddr_Drvk_* operations
+ * (ipclient/kernel.h); the library keeps no position between calls.
+ *
+ * Interface-configuration messages that arrive on the control socket while a request waits
+ * for its answer are queued whole in g_stCfgList for IPAddr_HandleIfCfgMsg. The list and
+ * both event handlers are process-wide and unlocked: registration, handling and change
+ * requests belong on one thread.
+ */
+#ifndef IPCLIENT_IPADDR_H
+#define IPCLIENT_IPADDR_H
+
+#include <stdint.h>
+
+#include "ipclient/api.h"
+#include "ipclient/kernel.h"
+#include "ipclient/status.h"
+
+IPCLIENT_BEGIN_DECLS
+
+/* ---- Control socket and change requests -------------------------------------------------- */
+
+#define IPADDR_PORT_CONTROL 1653u
+#define IPADDR_PORT_EVENTS 11547u
+/* Request flag of the address change: do not wait for the service's answer. */
+#define IPADDR_REQ_NO_WAIT 0x40u
+/* Largest message read from the control and event sockets. */
+#define IPADDR_MSG_MAX 1024u
+
+/* One queued message, a copy of the bytes received, exactly as received. */
+typedef struct IPAddrCfgRec {
+    struct IPAddrCfgRec *pstNext;
+    uint32_t uiLen;
+    void *pData;
+} IPAddrCfgRec;
+
+typedef struct IPAddrCfgList {
+    IPAddrCfgRec *pstHead;
+    IPAddrCfgRec *pstTail;
+} IPAddrCfgList;
+
+IPCLIENT_API extern IPAddrCfgList g_stCfgList;
+
+/* A socket connected to the address service, or -1 (or the failed socket call's result). */
+IPCLIENT_API int32_t IPAddr_Open(void);
+/* Closes a non-negative socket, then frees every queued message. */
+IPCLIENT_API void IPAddr_Close(int32_t iSock);
+
+/*
+ * Address changes: the service's result; 0x40010001 for a negative socket or a null entry;
+ * 0x63160064 when the request was sent short or no final answer came. With
+ * IPADDR_REQ_NO_WAIT in uiFlags the add or delete returns 0 once sent. A final answer too
+ * short to hold its result also gives 0x63160064.
+ */
+IPCLIENT_API uint32_t IPAddr_AddAddrEx(int32_t iSock, const IPAddrEntry *pstEntry, uint64_t ulContext,
+                                       uint32_t uiValue, uint32_t uiFlags);
+IPCLIENT_API uint32_t IPAddr_AddAddr(int32_t iSock, const IPAddrEntry *pstEntry, uint32_t uiValue, uint32_t uiFlags);
+/* Only an entry whose uiMethod is exactly IPADDR_METHOD_MAD is accepted. */
+IPCLIENT_API uint32_t IPAddr_AddMADAddr(int32_t iSock, const IPAddrEntry *pstEntry, uint16_t usMadWord,
+                                        uint32_t uiFlags);
+IPCLIENT_API uint32_t IPAddr_DelAddr(int32_t iSock, const IPAddrEntry *pstEntry, uint32_t uiFlags);
+
+/* Address flag message (method bit 4 DHCP, 8 BOOTP); the socket is not checked. */
+IPCLIENT_API uint32_t ipaddr_SetAddrFlag(int32_t iSock, uint32_t uiWord, uint32_t uiMethodBit, uint32_t uiValue);
+IPCLIENT_API uint32_t IPAddr_SetDhcpFlag(int32_t iSock, uint32_t uiWord, uint32_t uiValue);
+IPCLIENT_API uint32_t IPAddr_SetBootpFlag(int32_t iSock, uint32_t uiWord, uint32_t uiValue);
+
+/* Net protocol message (action 1 enable, 2 disable). */
+IPCLIENT_API uint32_t ipaddr_SetNetProtocolInfo(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2,
+                                                uint32_t uiAction);
+IPCLIENT_API uint32_t IPAddr_EnableNetProtocol(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
+IPCLIENT_API uint32_t IPAddr_DisableNetProtocol(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
+
+/* Smooth phase messages; no answer is awaited. 0x40010001 for a negative socket, a word1
+ * of 0 or a failed send (a short send is not checked). */
+IPCLIENT_API uint32_t IPAddr_SmoothStart(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
+IPCLIENT_API uint32_t IPAddr_SmoothEnd(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
+
+/* The interface's method bits as the node DEV_GetSelf() keeps them; 0 when unreadable. */
+IPCLIENT_API uint32_t IPAddr_GetAddrTypeFlag(uint32_t uiIfIndex);
+
+/* ---- Lookups ---------------------------------------------------------------------------- */
+
+/*
+ * Every lookup returns 0x40010001 for a null required pointer, else the address module's
+ * status. The match mode is carried in the match key's uiFlag word; the convenience forms
+ * pass mode 1.
+ */
+IPCLIENT_API uint32_t IPAddr_GetAddrByKey(const IPAddrKey *pstKey, uint32_t uiMode, uint32_t *puiCount,
+                                          IPAddrEntry *pstEntries);
+IPCLIENT_API uint32_t IPAddr_GetAddrInVrf(uint16_t usVrf, uint32_t uiAddr, uint32_t uiMethod, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetAddr(uint32_t uiIfIndex, uint32_t uiAddr, uint32_t uiMethod, IPAddrEntry *pstEntry);
+/* The module's 28-byte answer is copied to a given entry also when the lookup failed. */
+IPCLIENT_API uint32_t IPAddr_MatchBestNetByKey(const IPAddrKey *pstKey, uint32_t uiMode, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_MatchBestNetInVrf(uint16_t usVrf, uint32_t uiAddr, uint32_t uiMethod,
+                                               IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_MatchBestNet(uint32_t uiIfIndex, uint32_t uiAddr, uint32_t uiMethod,
+                                          IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_SelectSrcAddr(uint32_t uiDestination, uint16_t usVrf, uint32_t uiIfIndex,
+                                           uint32_t uiAddr, uint32_t *puiSource);
+IPCLIENT_API uint32_t IPAddr_SearchGatewayAddr(uint32_t uiIfIndex, uint32_t uiGateway, uint16_t usVrf,
+                                               IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetPriorAddr(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetFwdAddrInVrf(uint16_t usVrf, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetMaxAddrInVrf(uint16_t usVrf, uint32_t uiWord1, uint32_t uiWord2,
+                                             IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetAddrByIP(uint32_t uiAddr, uint32_t uiWord, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetNextAddrByIP(uint32_t uiWord, IPAddrEntry *pstEntry);
+/* VPN walk: the caller zeroes the entry to start; the entry is the position. The first
+ * form checks nothing and calls the second. */
+IPCLIENT_API uint32_t IPAddr_GetFirstAddrInVrf(uint16_t usVrf, uint32_t uiWord, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetNextAddrInVrf(uint16_t usVrf, uint32_t uiWord, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetMac(uint32_t uiWord, uint16_t usHalf, uint32_t uiValue, const uint8_t *pucAddr,
+                                    uint8_t *pucMac, uint32_t *puiWord);
+
+/* ---- Walks and batches -------------------------------------------------------------------- */
+
+/* An interface's addresses in interface order (plain forms) or IP order: the first forms
+ * start the walk, the next forms continue after the caller's entry, which each successful
+ * call replaces. The walk ends at the first non-zero status; the entry is then unchanged. */
+IPCLIENT_API uint32_t IPAddr_GetFirstAddr(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetNextAddr(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetFirstAddrIPOrder(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
+IPCLIENT_API uint32_t IPAddr_GetNextAddrIPOrder(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
+
+/* The module's mark of the last batch; the entries are filled all the same. */
+#define IPADDR_LAST_BATCH 0x60010023u
+/*
+ * Up to uiCount entries after pstKey (the first form starts at the beginning). On status 0
+ * or IPADDR_LAST_BATCH the entries and *puiCountOut are filled; the status is returned. A
+ * count whose buffer would not fit in 32 bits gives 0x40010001; records the module claims
+ * beyond the buffer are not read.
+ */
+IPCLIENT_API uint32_t IPAddr_GetFirstBatchAddr(uint32_t uiIfIndex, uint32_t uiWord, uint32_t uiCount,
+                                               IPAddrEntry *pstEntries, uint32_t *puiCountOut);
+IPCLIENT_API uint32_t IPAddr_GetNextBatchAddr(uint32_t uiIfIndex, uint32_t uiWord, const IPAddrKey *pstKey,
+                                              uint32_t uiCount, IPAddrEntry *pstEntries, uint32_t *puiCountOut);
+
+/*
+ * 1 when the address (network order) is a directed broadcast of one of the interface's
+ * networks, or is 0 or 255.255.255.255; else 0. /32 and /31 networks have no broadcast
+ * address. A module that answers the same entry twice ends the walk.
+ */
+IPCLIENT_API uint32_t IPAddr_IsBroadcast(uint32_t uiIfIndex, uint32_t uiMethodMask, uint32_t uiAddr);
+
+/* ---- Events ----------------------------------------------------------------------------- */
+
+/* Returned by the handlers when the service sent its end signal. */
+#define IPADDR_EVENT_END IPSTATUS_EVENT_RESYNC
+
+/* Address callback: event word, the entry (host order, valid during the call only), second
+ * and third words, the entry's uiFlag and uiMethod. Its result is ignored. */
+typedef uint32_t (*IPADDR_EVPROC_PF)(uint32_t uiEvent, IPAddrEntry *pstEntry, uint32_t uiWord2, uint32_t uiWord3,
+                                     uint32_t uiFlag, uint32_t uiMethod);
+/* Interface-configuration callback: words C, A, B and half D of a record. Result ignored. */
+typedef uint32_t (*IPADDR_IFCFG_PF)(uint32_t uiWordC, uint32_t uiWordA, uint32_t uiWordB, uint16_t usHalfD);
+
+IPCLIENT_API extern IPADDR_EVPROC_PF g_pfIPAddr_EvProc;
+IPCLIENT_API extern IPADDR_IFCFG_PF g_pfIFCfg_EvProc;
+
+/* Subscribes to address events on the local node's event port; the event socket, or -1
+ * (also while a handler is registered). Mode 1 waits for the service's 4-byte answer. */
+IPCLIENT_API int32_t IPAddr_RegisterEventEx(uint32_t uiWord1, uint32_t uiWord2, uint32_t uiWord3, uint32_t uiWord4,
+                                            uint32_t uiMode, IPADDR_EVPROC_PF pfCallback);
+IPCLIENT_API int32_t IPAddr_RegisterEvent(uint32_t uiWord1, uint32_t uiWord2, uint32_t uiWord3, uint32_t uiWord4,
+                                          IPADDR_EVPROC_PF pfCallback);
+IPCLIENT_API void IPAddr_DeregisterEvent(int32_t iSock);
+/*
+ * Reads one message without blocking and acts on it: events are delivered in order,
+ * keep-alives answered, the end signal returns IPADDR_EVENT_END. 0x40010001 when fewer than
+ * 8 bytes came. Only whole 40-byte records inside both the message's length and the bytes
+ * received are delivered.
+ */
+IPCLIENT_API uint32_t IPAddr_HandleEvent(int32_t iSock);
+IPCLIENT_API uint32_t IPAddr_RequestBatchEvent(int32_t iSock);
+
+/* Interface configuration on the control socket. Registering drops (does not free) the
+ * queued messages. */
+IPCLIENT_API uint32_t IPAddr_RegIfCfgEvent(int32_t iSock, uint32_t uiWord, IPADDR_IFCFG_PF pfCallback);
+IPCLIENT_API void IPAddr_DeregIfCfgEvent(int32_t iSock, uint32_t uiWord);
+/*
+ * Handles one queued message if any, else reads one without blocking. Only whole 16-byte
+ * records inside both the inner length and the bytes at hand are delivered. A failed read
+ * is handled as an empty message (the read buffer starts zeroed) and gives 0.
+ */
+IPCLIENT_API uint32_t IPAddr_HandleIfCfgMsg(int32_t iSock);
+IPCLIENT_API uint32_t IPAddr_RequestBatchIfCfg(int32_t iSock);
+
+IPCLIENT_END_DECLS
+
+#endif /* IPCLIENT_IPADDR_H */
