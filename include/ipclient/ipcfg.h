@@ -71,8 +71,9 @@ IPCLIENT_STATIC_ASSERT(sizeof(IPCFG_DEBUG_S) == 8, ipcfg_debug_size);
  * Exchanges: send the request (length bytes) to the service, receive at most 64 bytes and
  * return the big-endian result at reply bytes 8-11. 0, or 0x40010001 when no socket,
  * connection, send or receive could be had. A reply shorter than 12 bytes is accepted; the
- * missing bytes of the result read as 0. The extended exchange receives the reply into the
- * request buffer itself, which must therefore hold 64 bytes.
+ * bytes it does not reach are what the receive buffer held: zeros for the plain exchange,
+ * whose buffer starts zeroed, and the request's own bytes for the extended exchange, which
+ * receives into the request buffer (that buffer must therefore hold 64 bytes).
  */
 IPCLIENT_API uint32_t IPCfg_SendAndRevFromPort(const void *pReq, uint32_t uiLen, uint32_t *puiResult);
 IPCLIENT_API uint32_t IPCfg_SendAndRevFromPortExt(void *pReq, uint32_t uiLen, IPCFG_REPLY_EXT_S *pstExt);
