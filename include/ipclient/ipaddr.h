@@ -148,6 +148,16 @@ IPCLIENT_API uint32_t IPAddr_GetNextBatchAddr(uint32_t uiIfIndex, uint32_t uiWor
  */
 IPCLIENT_API uint32_t IPAddr_IsBroadcast(uint32_t uiIfIndex, uint32_t uiMethodMask, uint32_t uiAddr);
 
+/* ---- Summary ---------------------------------------------------------------------------- */
+
+/*
+ * Writes the IP summary of "Vlan-interface1" and "M-GigabitEthernet0/0/0" (method, address,
+ * mask, default gateway) into the buffer, always terminated; 0, or 0x40010001 for a null
+ * buffer or a size of 0. Missing interfaces are skipped. The text never runs past the
+ * buffer: a block that does not fit is cut.
+ */
+IPCLIENT_API uint32_t IPAddr_GetIpSummary(uint32_t uiSize, char *pcBuf);
+
 /* ---- Events ----------------------------------------------------------------------------- */
 
 /* Returned by the handlers when the service sent its end signal. */

@@ -89,6 +89,7 @@ public:
     std::uint8_t* data() noexcept { return bytes_.data(); }
     const std::uint8_t* data() const noexcept { return bytes_.data(); }
     std::span<std::uint8_t, N> span() noexcept { return bytes_; }
+    std::span<const std::uint8_t, N> span() const noexcept { return bytes_; }
 
     // Big-endian word at a fixed offset.
     template <std::size_t Off, Word U>

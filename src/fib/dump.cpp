@@ -1,0 +1,174 @@
+// The forwarding-table dump: every running node's IPv4 routes, one text line each. One
+// chunk and one line are held at a time; the table is never in memory whole.
+#include <arpa/inet.h>
+#include <dlfcn.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "common/raii.hpp"
+#include "common/wire.hpp"
+#include "ipclient/fib.h"
+#include "ipplat/platform.h"
+
+namespace {
+
+constexpr std::uint32_t kDumpRequestId = 0x640001;
+constexpr std::uint32_t kChunkCap = 8000;
+constexpr std::size_t kEntryRead = 48;
+constexpr std::size_t kLineMax = 512;
+constexpr std::uint32_t kNone = 0xFFFFFFFFu;
+constexpr char kHeader[] = "[FIB Info]\r\n";
+constexpr char kLine[] =
+    "{%hu, %hu, %hu}, {%s, %s/%u} -> {%s, %s, %s}, "
+    "{%02x-%02x-%02x-%02x-%02x-%02x, %02x-%02x-%02x-%02x-%02x-%02x, %hu/%hu, %s}\r\n";
+
+// Big-endian fields of the dump entry converted before use (the mask at 8 when used).
+constexpr std::array<ipc::wire::Field, 7> kEntryFields{{{0, 2}, {40, 2}, {42, 2}, {16, 4}, {20, 4}, {24, 4}, {44, 4}}};
+
+using VrfNameFn = std::uint32_t (*)(std::uint16_t vrf, std::uint32_t size, char* name);
+
+// The optional layer-3 VPN library, held while a dump runs.
+void* g_l3vpn_handle = nullptr;
+VrfNameFn g_l3vpn_name = nullptr;
+
+std::uint32_t prefix_length(std::uint32_t mask) noexcept {
+    std::uint32_t n = 0;
+    for (; mask != 0; mask <<= 1) ++n;
+    return n;
+}
+
+void interface_name(std::uint32_t ifindex, char (&out)[32]) noexcept {
+    if (IF_GetDataByIfIndex(ifindex, IF_DATA_NAME, out) != 0) {
+        (void)scnprintf(out, 25, "N/A");
+    } else {
+        out[sizeof out - 1] = '\0';
+    }
+}
+
+template <class U>
+U field(const std::uint8_t* rec, std::size_t off) noexcept {
+    U v;
+    std::memcpy(&v, rec + off, sizeof v);
+    return v;
+}
+
+// Writes one route's line; false when the line could not be written.
+bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) noexcept {
+    const std::uint16_t vrf = field<std::uint16_t>(rec, 0);
+    char vpn[32] = {};
+    if (vrf == 0) {
+        (void)scnprintf(vpn, sizeof vpn, "public");
+    } else if (g_l3vpn_name == nullptr || g_l3vpn_name(vrf, sizeof vpn, vpn) != 0) {
+        (void)scnprintf(vpn, sizeof vpn, "N/A");
+    }
+    vpn[sizeof vpn - 1] = '\0';
+    char dest[16] = {}, hop[16] = {};
+    (void)inet_ntop(2, rec + 4, dest, sizeof dest);
+    (void)inet_ntop(2, rec + 12, hop, sizeof hop);
+    const std::uint32_t mask = ipc::wire::load_be<std::uint32_t>(rec + 8);
+    char out_if[32] = {};
+    interface_name(field<std::uint32_t>(rec, 44), out_if);
+    char via[32] = {};
+    const auto at24 = field<std::uint32_t>(rec, 24);
+    if (at24 != kNone) {
+        (void)scnprintf(via, 25, "%u", at24);
+    } else {
+        interface_name(field<std::uint32_t>(rec, 20), via);
+    }
+    char at16[16] = {};
+    const auto v16 = field<std::uint32_t>(rec, 16);
+    if (v16 != kNone) {
+        (void)scnprintf(at16, sizeof at16, "%u", v16);
+    } else {
+        (void)scnprintf(at16, sizeof at16, "Null");
+    }
+    const auto half = [&](std::size_t off) -> unsigned short {
+        const auto v = field<std::uint16_t>(rec, off);
+        return v == 0xFFFF ? 0 : v;
+    };
+    const std::uint8_t* m1 = rec + 28;
+    const std::uint8_t* m2 = rec + 34;
+    char line[kLineMax];
+    const int n = scnprintf(line, sizeof line, kLine, LIP_GetChassID(node), LIP_GetSlotID(node), LIP_GetCpuID(node),
+                            vpn, dest, prefix_length(mask), hop, via, at16, m1[0], m1[1], m1[2], m1[3], m1[4], m1[5],
+                            m2[0], m2[1], m2[2], m2[3], m2[4], m2[5], half(40), half(42), out_if);
+    return std::fwrite(line, static_cast<std::size_t>(n), 1, file) == 1;
+}
+
+struct DumpHandle {
+    std::int32_t h;
+    ~DumpHandle() { DUMP_Terminate(h); }
+};
+
+// Writes one node's table; 0, 0x40010001 or 0x4001000B.
+std::uint32_t fib_DumpNodeTable(std::uint16_t usNode, std::FILE* pFile) noexcept {
+    std::uint8_t request[8] = {11};
+    const std::int32_t handle = DUMP_Request(usNode, kDumpRequestId, request, sizeof request);
+    if (handle < 0) return IPSTATUS_FAILED;
+    const DumpHandle owner{handle};
+    std::uint8_t chunk[kChunkCap];
+    for (;;) {
+        std::uint32_t len = 0;
+        const std::uint32_t pulled = DUMP_Pull(handle, sizeof chunk, chunk, &len);
+        if (pulled != DUMP_MORE_DATA) return pulled == 0 ? IPSTATUS_OK : IPSTATUS_FAILED;
+        len = std::min<std::uint32_t>(len, sizeof chunk);
+        if (len < 8) continue;
+        std::uint32_t size = 0;
+        std::memcpy(&size, chunk + 4, sizeof size);  // host order
+        const std::uint32_t count = size == 0 ? 0 : (len - 8) / size;
+        if (count == 0) continue;
+        // Cleared once per chunk: a short entry overwrites only its own length.
+        std::uint8_t rec[kEntryRead] = {};
+        std::memset(rec + 24, 0xFF, 4);
+        const std::size_t copy = std::min<std::size_t>(size, kEntryRead);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            std::memcpy(rec, chunk + 8 + std::size_t{i} * size, copy);
+            ipc::wire::swap_fields(std::span<std::uint8_t>(rec, sizeof rec), kEntryFields);
+            if (!write_line(usNode, rec, pFile)) return 0x4001000Bu;
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+uint32_t FIB_SaveForwardingTable(const char* pcPath) {
+    if (pcPath == nullptr) return 0x4001000Bu;
+    std::FILE* file = std::fopen(pcPath, "wb+");
+    if (file == nullptr) return 0x4001000Bu;
+    g_l3vpn_handle = dlopen("/lib/libl3vpn.so", RTLD_LAZY);
+    if (g_l3vpn_handle != nullptr) {
+        g_l3vpn_name = reinterpret_cast<VrfNameFn>(dlsym(g_l3vpn_handle, "L3VPN_GetNameByVrfIndex"));
+        if (g_l3vpn_name == nullptr) {
+            dlclose(g_l3vpn_handle);
+            g_l3vpn_handle = nullptr;
+        }
+    }
+    std::uint32_t result = IPSTATUS_OK;
+    if (std::fwrite(kHeader, sizeof kHeader - 1, 1, file) != 1) {
+        result = IPSTATUS_FAILED;
+    } else {
+        std::uint32_t count = 0;
+        const ipc::CBlock<std::uint16_t> nodes(DEV_GetAllNodes(&count));
+        if (!nodes) {
+            result = IPSTATUS_FAILED;
+        } else {
+            for (std::uint32_t i = 0; i < count && result == IPSTATUS_OK; ++i) {
+                if (IF_IsNodeUp(nodes.get()[i]) == 1) result = fib_DumpNodeTable(nodes.get()[i], file);
+            }
+        }
+    }
+    if (g_l3vpn_handle != nullptr) dlclose(g_l3vpn_handle);
+    g_l3vpn_handle = nullptr;
+    g_l3vpn_name = nullptr;
+    const bool closed = std::fclose(file) == 0;
+    if (result == IPSTATUS_OK && !closed) result = 0x4001000Bu;
+    if (result != IPSTATUS_OK) std::remove(pcPath);
+    return result;
+}
+
+}  // extern "C"
