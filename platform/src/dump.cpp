@@ -18,6 +18,9 @@ struct Script {
     std::deque<Bytes> chunks;
     std::uint32_t final_status = 0;
     std::int32_t request_result = 0;
+    ipp_dump_producer producer = nullptr;
+    void* ctx = nullptr;
+    std::uint32_t next_index = 0;
 };
 
 struct Request {
@@ -72,6 +75,14 @@ uint32_t DUMP_Pull(int32_t handle, uint32_t cap, void* buf, uint32_t* len) {
     if (len != nullptr) *len = 0;
     if (it == dumps().open.end()) return 0x40010001u;
     ipp::Script& s = it->second;
+    if (s.producer != nullptr) {
+        std::uint32_t n = 0;
+        if (buf == nullptr || s.producer(s.ctx, s.next_index++, static_cast<std::uint8_t*>(buf), cap, &n) == 0) {
+            return s.final_status;
+        }
+        if (len != nullptr) *len = std::min(n, cap);
+        return DUMP_MORE_DATA;
+    }
     if (s.chunks.empty()) return s.final_status;
     const ipp::Bytes chunk = std::move(s.chunks.front());
     s.chunks.pop_front();
@@ -90,6 +101,14 @@ void ipp_dump_add_chunk(uint16_t node, uint32_t request_id, const void* bytes, u
     const std::lock_guard lock(dumps().mu);
     const auto* b = static_cast<const std::uint8_t*>(bytes);
     dumps().scripts[{node, request_id}].chunks.emplace_back(b, b + (b != nullptr ? len : 0));
+}
+
+void ipp_dump_set_producer(uint16_t node, uint32_t request_id, ipp_dump_producer producer, void* ctx) {
+    const std::lock_guard lock(dumps().mu);
+    auto& script = dumps().scripts[{node, request_id}];
+    script.chunks.clear();
+    script.producer = producer;
+    script.ctx = ctx;
 }
 
 void ipp_dump_set_final(uint16_t node, uint32_t request_id, uint32_t status) {

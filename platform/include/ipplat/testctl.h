@@ -99,6 +99,14 @@ IPPLAT_API uint32_t ipp_service_last_batch(const char *name, uint16_t *nodes, ui
 IPPLAT_API void ipp_dump_add_chunk(uint16_t node, uint32_t request_id, const void *bytes, uint32_t len);
 /* What DUMP_Pull answers once the chunks are delivered (default 0, the end). */
 IPPLAT_API void ipp_dump_set_final(uint16_t node, uint32_t request_id, uint32_t status);
+/*
+ * A producer of chunks for dumps of (node, request id), for tables too large to script
+ * chunk by chunk: called once per DUMP_Pull with the chunk's index, it fills at most cap
+ * bytes, sets *len and returns non-zero, or returns 0 at the end (the final status then
+ * answers). It replaces any queued chunks; null removes it.
+ */
+typedef int (*ipp_dump_producer)(void *ctx, uint32_t index, uint8_t *buf, uint32_t cap, uint32_t *len);
+IPPLAT_API void ipp_dump_set_producer(uint16_t node, uint32_t request_id, ipp_dump_producer producer, void *ctx);
 /* Makes DUMP_Request for (node, request id) answer a negative result. */
 IPPLAT_API void ipp_dump_fail_request(uint16_t node, uint32_t request_id, int32_t result);
 IPPLAT_API uint32_t ipp_dump_request_count(void);
