@@ -158,7 +158,7 @@ uint32_t FIB_SaveForwardingTable(const char* pcPath) {
             result = IPSTATUS_FAILED;
         } else {
             for (std::uint32_t i = 0; i < count && result == IPSTATUS_OK; ++i) {
-                if (IF_IsNodeUp(nodes.get()[i]) == 1) result = fib_DumpNodeTable(nodes.get()[i], file);
+                if ((IF_IsNodeUp(nodes.get()[i]) & 0xFFFFu) == 1) result = fib_DumpNodeTable(nodes.get()[i], file);
             }
         }
     }
