@@ -1,0 +1,131 @@
+// ARP displays: an interface's ARP packet counters as text, and the ARP MAD configuration
+// printed from the configuration database.
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <utility>
+
+#include "common/raii.hpp"
+#include "common/wire.hpp"
+#include "ipclient/arp.h"
+#include "ipplat/platform.h"
+#include "kernel/channel.hpp"
+#include "kernel/commands.hpp"
+
+namespace {
+
+constexpr std::size_t kCounters = 4;
+constexpr std::size_t kReplyLen = kCounters * 4;  // 16
+constexpr char kLine[] = "%-25s%11u\r\n";
+constexpr std::array<const char*, kCounters> kLabels{
+    {"ARP packet input number:", "  Request packet:", "  Reply packet:", "  Unknown packet:"}};
+
+constexpr char kMadDb[] = "eL2MAD";
+constexpr char kMadGroup[] = "L2MAD";
+constexpr std::uint32_t kMadOpenMode = 1;
+constexpr char kMadList[] = "ARP_MAD_CFG";  // the key is its 12 bytes, terminator included
+static_assert(sizeof kMadList == 12);
+constexpr std::size_t kMadName = 48;
+
+using Counters = std::array<std::uint32_t, kCounters>;
+
+// Adds one node's counters; a node whose request fails or answers short adds nothing.
+void add_node(std::uint32_t node_word, std::span<const std::uint8_t> request, Counters& total) noexcept {
+    std::array<std::uint8_t, kReplyLen> reply{};
+    if (ipc::kernel::read_fixed(node_word, ipc::kernel::cmd::kArpIfDisplay, request, reply) != IPSTATUS_OK) return;
+    const ipc::wire::View view(reply);
+    for (std::size_t i = 0; i < kCounters; ++i) total[i] += view.be<std::uint32_t>(i * 4).value_or(0);
+}
+
+Counters if_counters(std::uint32_t ifindex) noexcept {
+    ipc::wire::Frame<4> request;
+    request.be<0>(ifindex);
+    Counters total{};
+    std::uint32_t type = 0;
+    if (IF_GetDataByIfIndex(ifindex, IF_DATA_TYPE, &type) == 0 && type == ARP_IF_TYPE_SPANNING) {
+        std::uint32_t count = 0;
+        const ipc::CBlock<std::uint16_t> nodes(DEV_GetAllNodes(&count));
+        if (!nodes) return total;
+        for (std::uint32_t i = 0; i < count; ++i) {
+            add_node(ipc::kernel::node_word(nodes.get()[i]), request.span(), total);
+        }
+        return total;
+    }
+    std::uint16_t node = ipc::kernel::kLocalNode;
+    if (IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node) != 0) node = ipc::kernel::kLocalNode;
+    add_node(ipc::kernel::node_word(node), request.span(), total);
+    return total;
+}
+
+// The database handle, closed once; its closing status is kept for the caller.
+struct MadDatabase {
+    void* handle = nullptr;
+    bool open() noexcept {
+        if (DBM_Open(kMadDb, kMadGroup, kMadOpenMode, &handle) == 0) return true;
+        handle = nullptr;
+        return false;
+    }
+    std::uint32_t close() noexcept { return DBM_Close(std::exchange(handle, nullptr)); }
+    ~MadDatabase() {
+        if (handle != nullptr) (void)DBM_Close(handle);
+    }
+};
+
+// The list's iterator, created by the first read and freed on every path.
+struct MadIterator {
+    void* it = nullptr;
+    ~MadIterator() {
+        if (it != nullptr) DBM_FreeIterator(it);
+    }
+    // The next record's interface name (terminated), or false at the end or on an error.
+    bool next(void* db, char (&name)[kMadName + 1]) noexcept {
+        std::memset(name, 0, sizeof name);
+        return DBM_GetNextSortList(db, kMadList, sizeof kMadList, &it, 0, 0, kMadName, name) >= 1;
+    }
+};
+
+}  // namespace
+
+extern "C" {
+
+uint32_t ARP_GetIfDisplayInfo(uint32_t uiIfIndex, uint32_t uiSize, char* pcBuf) {
+    if (pcBuf == nullptr || uiSize == 0) return 0;
+    if (IF_IsL2If(uiIfIndex) == 1) return 0;
+    std::uint32_t kind = 0;
+    if (IF_GetDataByIfIndex(uiIfIndex, IF_DATA_KIND, &kind) != 0 || kind != ARP_IF_DISPLAY_KIND) return 0;
+    const Counters counters = if_counters(uiIfIndex);
+    std::uint32_t used = 0;
+    for (std::size_t i = 0; i < kCounters; ++i) {
+        const std::uint32_t room = used < uiSize ? uiSize - used : 0;
+        used += static_cast<std::uint32_t>(scnprintf(pcBuf + used, room, kLine, kLabels[i], counters[i]));
+    }
+    return used;
+}
+
+uint32_t ARP_MADDispalyCfg(uint16_t usShowIf) {
+    MadDatabase db;
+    if (!db.open()) {
+        std::puts("MAD ARP disabled.\r");
+        return IPSTATUS_OK;
+    }
+    {
+        MadIterator records;
+        char name[kMadName + 1];
+        if (!records.next(db.handle, name)) {
+            std::puts("MAD ARP disabled.\r");
+        } else if (usShowIf == 0) {
+            std::puts("MAD ARP enabled.\r");
+        } else {
+            std::puts("MAD ARP enabled interface:\r");
+            do {
+                std::printf("  %s\r\n", name);
+            } while (records.next(db.handle, name));
+        }
+    }  // the iterator is freed before the database is closed
+    std::fflush(stdout);
+    return db.close();
+}
+
+}  // extern "C"
