@@ -7,6 +7,7 @@
  * and 0x140004 (OpenFlow counters). Service messages travel on the adjacency message
  * channel (ipclient/adj.h) to port 11537 (IPv4 adjacency service) or 1639 (ARP daemon).
  * Every status is a code of ipclient/status.h; 0x40010001 is the general failure.
+ * The event list's lock is a pthread_rwlock_t: compile with POSIX.1-2001 or later.
  */
 #ifndef IPCLIENT_ARP_H
 #define IPCLIENT_ARP_H
