@@ -46,13 +46,20 @@ typedef struct ARP_EVENT_PROC_NODE_S {
 IPCLIENT_API extern ARP_EVENT_PROC_NODE_S *g_stARPEventProcList;
 IPCLIENT_API extern pthread_rwlock_t g_stARPEventProcList_rwLock;
 
-/* Batch request of the replay operations. */
+/* Batch request of the replay by attachment circuit. */
 typedef struct ARP_BATCH_REQ_S {
     uint32_t uiWordA;
     uint32_t uiWordB;
     uint8_t ucSelector;
-    uint32_t uiWordD; /* not sent by ARP_RequestBatchByVsi, which sends 0x0000FFFF */
+    uint32_t uiWordD;
 } ARP_BATCH_REQ_S;
+
+/* Batch request of the replay by VSI: no word D (0x0000FFFF is sent in its place). */
+typedef struct ARP_BATCH_VSI_REQ_S {
+    uint32_t uiWordA;
+    uint32_t uiWordB;
+    uint8_t ucSelector;
+} ARP_BATCH_VSI_REQ_S;
 
 /* Subscribes on the system master's IPv4 adjacency service (time-outs 5 s and 2 s); the
  * descriptor, or -1 with nothing left open. */
@@ -72,7 +79,7 @@ IPCLIENT_API uint32_t ARP_AddConcernedIP(int32_t iFd, uint32_t uiAddr, uint32_t 
 IPCLIENT_API uint32_t ARP_DelConcernedIP(int32_t iFd, uint32_t uiAddr, uint32_t uiScope);
 IPCLIENT_API void ARP_RequestBatchEvent(int32_t iFd);
 IPCLIENT_API uint32_t ARP_RequestBatchByAc(int32_t iFd, const ARP_BATCH_REQ_S *pstReq);
-IPCLIENT_API uint32_t ARP_RequestBatchByVsi(int32_t iFd, const ARP_BATCH_REQ_S *pstReq);
+IPCLIENT_API uint32_t ARP_RequestBatchByVsi(int32_t iFd, const ARP_BATCH_VSI_REQ_S *pstReq);
 IPCLIENT_API uint32_t ARP_RequestBatchByVlan(int32_t iFd, uint8_t ucSelector, uint16_t usVlan);
 
 /* ---- Entry queries and counters ----------------------------------------------------------- */

@@ -63,7 +63,8 @@ std::uint32_t concerned(std::uint8_t type, int fd, std::uint32_t addr, std::uint
     return ADJ4_Send(type, fd, sizeof payload, 1, payload, ADJ_SEND_DONTWAIT);
 }
 
-std::uint32_t batch(std::uint8_t type, int fd, const ARP_BATCH_REQ_S* req, std::uint32_t word_d) noexcept {
+template <class Req>
+std::uint32_t batch(std::uint8_t type, int fd, const Req* req, std::uint32_t word_d) noexcept {
     std::uint8_t payload[16] = {};
     ipc::wire::store_be(payload, req->uiWordA);
     ipc::wire::store_be(payload + 4, req->uiWordB);
@@ -179,7 +180,7 @@ uint32_t ARP_RequestBatchByAc(int32_t iFd, const ARP_BATCH_REQ_S* pstReq) {
     return batch(kBatchByAc, iFd, pstReq, pstReq->uiWordD);
 }
 
-uint32_t ARP_RequestBatchByVsi(int32_t iFd, const ARP_BATCH_REQ_S* pstReq) {
+uint32_t ARP_RequestBatchByVsi(int32_t iFd, const ARP_BATCH_VSI_REQ_S* pstReq) {
     if (iFd < 0 || pstReq == nullptr) return IPSTATUS_FAILED;
     return batch(kBatchByVsi, iFd, pstReq, 0x0000FFFFu);
 }

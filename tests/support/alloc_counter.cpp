@@ -1,5 +1,7 @@
-// Under the sanitizers the allocator's own hooks report every allocation; otherwise malloc
-// and its relatives are interposed and forwarded to the C library's allocator.
+// Under AddressSanitizer the allocator's own hooks report every allocation; under
+// ThreadSanitizer, whose runtime owns the allocator, nothing is interposed or hooked and
+// allocations are not observed; otherwise malloc and its relatives are interposed and
+// forwarded to the C library's allocator.
 #include "support/alloc_counter.hpp"
 
 #include <atomic>
@@ -9,12 +11,14 @@ namespace {
 std::atomic<bool> g_armed{false};
 std::atomic<std::uint64_t> g_count{0};
 
-void note() {
+[[maybe_unused]] void note() {
     if (g_armed.load(std::memory_order_relaxed)) g_count.fetch_add(1, std::memory_order_relaxed);
 }
 }  // namespace
 
-#if defined(IPCLIENT_SANITIZE)
+#if defined(IPCLIENT_TSAN)
+bool ipt::allocations_observable() { return false; }
+#elif defined(IPCLIENT_SANITIZE)
 // Provided by the sanitizer runtime (declared here: the compiler ships no header for it).
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, std::size_t),
                                                           void (*free_hook)(const volatile void*));
