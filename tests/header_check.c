@@ -10,6 +10,7 @@
 #include "ipclient/ipstat.h"
 #include "ipclient/kernel.h"
 #include "ipclient/lipc.h"
+#include "ipclient/nd.h"
 #include "ipclient/status.h"
 
 typedef uint32_t (*lookup_fn)(uint16_t, const IPAddrEntry *, IPAddrInfo *);
