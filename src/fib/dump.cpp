@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/dump_handle.hpp"
 #include "common/raii.hpp"
 #include "common/wire.hpp"
 #include "ipclient/fib.h"
@@ -98,17 +99,12 @@ bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) no
     return std::fwrite(line, static_cast<std::size_t>(n), 1, file) == 1;
 }
 
-struct DumpHandle {
-    std::int32_t h;
-    ~DumpHandle() { DUMP_Terminate(h); }
-};
-
 // Writes one node's table; 0, 0x40010001 or 0x4001000B.
 std::uint32_t fib_DumpNodeTable(std::uint16_t usNode, std::FILE* pFile) noexcept {
     std::uint8_t request[8] = {11};
     const std::int32_t handle = DUMP_Request(usNode, kDumpRequestId, request, sizeof request);
     if (handle < 0) return IPSTATUS_FAILED;
-    const DumpHandle owner{handle};
+    const ipc::DumpHandle owner(handle);
     std::uint8_t chunk[kChunkCap];
     for (;;) {
         std::uint32_t len = 0;

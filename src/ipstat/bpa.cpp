@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "common/dump_handle.hpp"
 #include "common/raii.hpp"
 #include "ipclient/ipstat.h"
 #include "ipclient/lipc.h"
@@ -16,17 +17,12 @@ constexpr std::uint32_t kBpaLen = IP_BPA_RECORDS * IP_BPA_COUNTERS * 8;  // 2560
 constexpr std::uint16_t kBpaCfgMessageType = 13;
 constexpr std::uint16_t kOwnNode = 0x8000;
 
-struct DumpHandle {
-    std::int32_t h;
-    ~DumpHandle() { DUMP_Terminate(h); }
-};
-
 // One node's BPA records: counters 1-4 added, counter 5 stored over the caller's.
 std::uint32_t dump_node(std::uint16_t node, const ipc::wire::Frame<8>& req, std::uint64_t* records) noexcept {
     if (!node_is_up(IF_IsNodeUp(node))) return IPSTATUS_OK;
     const std::int32_t handle = DUMP_Request(node, kDumpRequestId, req.data(), req.size());
     if (handle < 0) return IPSTATUS_PROEN_NO_SOCKET;
-    const DumpHandle owner{handle};
+    const ipc::DumpHandle owner(handle);
     std::uint8_t buf[kBpaLen] = {};
     std::uint32_t len = 0;
     const std::uint32_t pulled = DUMP_Pull(handle, sizeof buf, buf, &len);
