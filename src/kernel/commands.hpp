@@ -9,6 +9,7 @@ namespace ipc::kernel::cmd {
 inline constexpr std::uint32_t kNdInfo = 0x110001;
 inline constexpr std::uint32_t kNdIfConfig = 0x110002;
 inline constexpr std::uint32_t kNdEntryInfo = 0x110004;
+inline constexpr std::uint32_t kNdNextEntryInfo = 0x110005;
 inline constexpr std::uint32_t kNdInfoBatch = 0x110013;
 inline constexpr std::uint32_t kArpInfo = 0x140001;
 inline constexpr std::uint32_t kArpIfDisplay = 0x140002;
