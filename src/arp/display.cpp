@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <span>
-#include <utility>
 
+#include "common/mad_list.hpp"
 #include "common/raii.hpp"
 #include "common/wire.hpp"
 #include "ipclient/arp.h"
@@ -22,12 +22,8 @@ constexpr char kLine[] = "%-25s%11u\r\n";
 constexpr std::array<const char*, kCounters> kLabels{
     {"ARP packet input number:", "  Request packet:", "  Reply packet:", "  Unknown packet:"}};
 
-constexpr char kMadDb[] = "eL2MAD";
-constexpr char kMadGroup[] = "L2MAD";
-constexpr std::uint32_t kMadOpenMode = 1;
 constexpr char kMadList[] = "ARP_MAD_CFG";  // the key is its 12 bytes, terminator included
 static_assert(sizeof kMadList == 12);
-constexpr std::size_t kMadName = 48;
 
 using Counters = std::array<std::uint32_t, kCounters>;
 
@@ -59,32 +55,6 @@ Counters if_counters(std::uint32_t ifindex) noexcept {
     return total;
 }
 
-// The database handle, closed once; its closing status is kept for the caller.
-struct MadDatabase {
-    void* handle = nullptr;
-    bool open() noexcept {
-        if (DBM_Open(kMadDb, kMadGroup, kMadOpenMode, &handle) == 0) return true;
-        handle = nullptr;
-        return false;
-    }
-    std::uint32_t close() noexcept { return DBM_Close(std::exchange(handle, nullptr)); }
-    ~MadDatabase() {
-        if (handle != nullptr) (void)DBM_Close(handle);
-    }
-};
-
-// The list's iterator, created by the first read and freed on every path.
-struct MadIterator {
-    void* it = nullptr;
-    ~MadIterator() {
-        if (it != nullptr) DBM_FreeIterator(it);
-    }
-    // The next record's interface name (terminated), or false at the end or on an error.
-    bool next(void* db, char (&name)[kMadName + 1]) noexcept {
-        std::memset(name, 0, sizeof name);
-        return DBM_GetNextSortList(db, kMadList, sizeof kMadList, &it, 0, 0, kMadName, name) >= 1;
-    }
-};
 
 }  // namespace
 
@@ -105,27 +75,8 @@ uint32_t ARP_GetIfDisplayInfo(uint32_t uiIfIndex, uint32_t uiSize, char* pcBuf) 
 }
 
 uint32_t ARP_MADDispalyCfg(uint16_t usShowIf) {
-    MadDatabase db;
-    if (!db.open()) {
-        std::puts("MAD ARP disabled.\r");
-        return IPSTATUS_OK;
-    }
-    {
-        MadIterator records;
-        char name[kMadName + 1];
-        if (!records.next(db.handle, name)) {
-            std::puts("MAD ARP disabled.\r");
-        } else if (usShowIf == 0) {
-            std::puts("MAD ARP enabled.\r");
-        } else {
-            std::puts("MAD ARP enabled interface:\r");
-            do {
-                std::printf("  %s\r\n", name);
-            } while (records.next(db.handle, name));
-        }
-    }  // the iterator is freed before the database is closed
-    std::fflush(stdout);
-    return db.close();
+    static constexpr ipc::mad::Texts kTexts{"MAD ARP disabled.\r", "MAD ARP enabled.\r", "MAD ARP enabled interface:\r"};
+    return ipc::mad::print(kMadList, sizeof kMadList, kTexts, usShowIf);
 }
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 
 #include "arp/request.hpp"
 #include "common/raii.hpp"
+#include "common/tlv.hpp"
 #include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
@@ -189,23 +190,10 @@ uint32_t ARP_GetTimeStampFromPData(uint32_t uiLength, const void* pData, uint32_
 
 uint32_t ARP_GetPDataFromIPCIM(uint32_t uiLength, const void* pData, uint16_t usTag, uint64_t* pulValue) {
     if (pData == nullptr || pulValue == nullptr) return IPSTATUS_FAILED;
-    const auto* at = static_cast<const std::uint8_t*>(pData);
-    std::uint32_t remaining = uiLength;
-    for (;;) {
-        std::uint16_t tag = 0, len = 0;
-        const void* value = nullptr;
-        if (STLV_Get(at, remaining, &tag, &len, &value) != 0 || value == nullptr) return IPSTATUS_FAILED;
-        if (tag == usTag) {
-            std::uint8_t bytes[8] = {};
-            std::memcpy(bytes, value, std::min<std::size_t>(len, sizeof bytes));
-            *pulValue = ipc::wire::load_be<std::uint64_t>(bytes);
-            return IPSTATUS_OK;
-        }
-        // The next element starts at this value's end, in what remains.
-        const auto* next = static_cast<const std::uint8_t*>(value) + len;
-        remaining -= static_cast<std::uint32_t>(next - at);
-        at = next;
-    }
+    const auto value = ipc::tlv_value(pData, uiLength, usTag);
+    if (!value) return IPSTATUS_FAILED;
+    *pulValue = *value;
+    return IPSTATUS_OK;
 }
 
 }  // extern "C"

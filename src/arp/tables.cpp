@@ -11,6 +11,7 @@
 #include <cstring>
 #include <span>
 
+#include "adj/table_batch.hpp"
 #include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
@@ -105,24 +106,8 @@ std::uint32_t send_bare(std::uint8_t type, int fd) noexcept {
 // as they lie. The service answers a whole message with its 4-byte status.
 std::uint32_t openflow_entries(std::uint8_t type, int fd, void* buf, std::uint32_t count) noexcept {
     if (fd < 0 || buf == nullptr || count > ARP_OPENFLOW_ENTRY_MAX) return IPSTATUS_FAILED;
-    auto* bytes = static_cast<std::uint8_t*>(buf);
-    const std::size_t payload = std::size_t{count} * ARP_OPENFLOW_ENTRY_LEN;
-    const std::size_t total = ARP_OPENFLOW_HEAD_LEN + payload;
-    bytes[0] = type;  // byte 1 is the caller's
-    ipc::wire::store_be(bytes + 2, static_cast<std::uint16_t>(payload));
-    ipc::wire::store_be(bytes + 4, static_cast<std::uint16_t>(count));
-    for (std::uint32_t i = 0; i < count; ++i) {
-        const std::span<std::uint8_t> entry(bytes + ARP_OPENFLOW_HEAD_LEN + std::size_t{i} * ARP_OPENFLOW_ENTRY_LEN,
-                                            ARP_OPENFLOW_ENTRY_LEN);
-        ipc::wire::swap_fields(entry, kOpenFlowFields);
-    }
-    const ssize_t sent = ::send(fd, bytes, total, ipc::lipc::kDontWait);
-    // A lost batch is not reported here; the verify exchange reveals it.
-    if (sent < 0 || static_cast<std::size_t>(sent) != total) return IPSTATUS_OK;
-    std::uint8_t reply[4] = {};
-    std::uint16_t len = sizeof reply;
-    (void)ADJ4_Recv(fd, &len, reply);
-    return ipc::wire::load_be<std::uint32_t>(reply);
+    static_assert(ARP_OPENFLOW_HEAD_LEN == ADJ_MSG_HEAD_LEN);
+    return ipc::adj::send_entry_batch(type, fd, static_cast<std::uint8_t*>(buf), count, ARP_OPENFLOW_ENTRY_LEN, kOpenFlowFields, &ADJ4_Recv);
 }
 
 std::uint32_t rule_smooth(std::uint8_t type, int fd, std::uint8_t cls, std::uint16_t owner) noexcept {

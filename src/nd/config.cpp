@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <span>
-#include <utility>
 
+#include "common/mad_list.hpp"
 #include "common/wire.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
@@ -68,12 +68,8 @@ constexpr std::size_t kSkippedWord = 36;
 constexpr std::size_t kNameOffset = 48;
 constexpr std::size_t kTailOffset = kNameOffset + ND_IF_CONFIG_NAME_LEN;  // 176
 
-constexpr char kMadDb[] = "eL2MAD";
-constexpr char kMadGroup[] = "L2MAD";
-constexpr std::uint32_t kMadOpenMode = 1;
 constexpr char kMadList[] = "nd_madCfg";  // the key is its 10 bytes, terminator included
 static_assert(sizeof kMadList == 10);
-constexpr std::size_t kMadName = 48;
 
 std::uint32_t master_word() noexcept { return node_word(static_cast<std::uint16_t>(DEV_GetSystemMasterEP())); }
 
@@ -143,34 +139,6 @@ const char* guard_text(std::uint32_t mode) noexcept {
     }
 }
 
-// The database handle, closed on every path.
-struct MadDatabase {
-    void* handle = nullptr;
-    MadDatabase() noexcept {
-        if (DBM_Open(kMadDb, kMadGroup, kMadOpenMode, &handle) != 0) handle = nullptr;
-    }
-    MadDatabase(const MadDatabase&) = delete;
-    MadDatabase& operator=(const MadDatabase&) = delete;
-    ~MadDatabase() {
-        if (handle != nullptr) (void)DBM_Close(handle);
-    }
-};
-
-// The list's iterator, created by the first read and freed on every path.
-struct MadIterator {
-    void* it = nullptr;
-    MadIterator() noexcept = default;
-    MadIterator(const MadIterator&) = delete;
-    MadIterator& operator=(const MadIterator&) = delete;
-    ~MadIterator() {
-        if (it != nullptr) DBM_FreeIterator(it);
-    }
-    // The next record's interface name (terminated), or false at the end or on an error.
-    bool next(void* db, char (&name)[kMadName + 1]) noexcept {
-        std::memset(name, 0, sizeof name);
-        return DBM_GetNextSortList(db, kMadList, sizeof kMadList, &it, 0, 0, kMadName, name) >= 1;
-    }
-};
 
 }  // namespace
 
@@ -299,27 +267,8 @@ uint32_t ND_GetResolvingRoute(uint16_t* pusValue) { return ext3_bit(pusValue, 0x
 uint32_t ND_GetTopoChgEnable(uint16_t* pusValue) { return ext3_bit(pusValue, 0x4000u, false); }
 
 void ND_MADDispalyCfg(uint16_t usDetail) {
-    const MadDatabase db;
-    if (db.handle == nullptr) {
-        std::puts("MAD ND disabled.\r");
-        std::fflush(stdout);
-        return;
-    }
-    {
-        MadIterator records;
-        char name[kMadName + 1];
-        if (!records.next(db.handle, name)) {
-            std::puts("MAD ND disabled.\r");
-        } else if (usDetail == 0) {
-            std::puts("MAD ND enabled.\r");
-        } else {
-            std::puts("MAD ND enabled interface:\r");
-            do {
-                std::printf("  %s\r\n", name);
-            } while (records.next(db.handle, name));
-        }
-    }  // the iterator is freed before the database is closed
-    std::fflush(stdout);
+    static constexpr ipc::mad::Texts kTexts{"MAD ND disabled.\r", "MAD ND enabled.\r", "MAD ND enabled interface:\r"};
+    (void)ipc::mad::print(kMadList, sizeof kMadList, kTexts, usDetail);
 }
 
 }  // extern "C"

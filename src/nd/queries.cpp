@@ -8,6 +8,7 @@
 #include <span>
 
 #include "common/raii.hpp"
+#include "common/tlv.hpp"
 #include "common/wire.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
@@ -268,23 +269,10 @@ uint32_t nd_GetExt3Bitmap(uint32_t* puiBitmap) {
 
 uint32_t ND_GetPDataFromIPCIM(uint32_t uiLength, const void* pData, uint16_t usType, uint64_t* pulValue) {
     if (pData == nullptr || pulValue == nullptr) return IPSTATUS_FAILED;
-    const auto* at = static_cast<const std::uint8_t*>(pData);
-    std::uint32_t remaining = uiLength;
-    for (;;) {
-        std::uint16_t type = 0, len = 0;
-        const void* value = nullptr;
-        if (STLV_Get(at, remaining, &type, &len, &value) != 0 || value == nullptr) return IPSTATUS_FAILED;
-        if (type == usType) {
-            std::uint8_t bytes[8] = {};
-            std::memcpy(bytes, value, std::min<std::size_t>(len, sizeof bytes));
-            *pulValue = ipc::wire::load_be<std::uint64_t>(bytes);
-            return IPSTATUS_OK;
-        }
-        // The next element starts at this value's end, in what remains of the block.
-        const auto* next = static_cast<const std::uint8_t*>(value) + len;
-        remaining -= static_cast<std::uint32_t>(next - at);
-        at = next;
-    }
+    const auto value = ipc::tlv_value(pData, uiLength, usType);
+    if (!value) return IPSTATUS_FAILED;
+    *pulValue = *value;
+    return IPSTATUS_OK;
 }
 
 uint32_t ND_GetTimeStampFromPData(uint32_t uiLength, const void* pData, uint32_t* puiTime) {
