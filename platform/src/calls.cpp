@@ -5,6 +5,7 @@
 #include <mutex>
 #include <vector>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -76,6 +77,7 @@ void reset_calls() noexcept {
 extern "C" {
 
 void ipp_reset(void) {
+    ipp::dev::disable();
     ipp::reset_calls();
     ipp::reset_kernel();
     ipp::reset_directory();

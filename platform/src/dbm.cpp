@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -69,8 +70,8 @@ using ipp::db;
 extern "C" {
 
 uint32_t DBM_Open(const char* name, const char* group, uint32_t mode, void** handle) {
-    (void)mode;
     if (name == nullptr || group == nullptr || handle == nullptr) return 0x40010001u;
+    if (ipp::dev::active()) return ipp::dev::dbm_open(name, group, mode, handle);
     const std::lock_guard lock(db().mu);
     const ipp::Group g{name, group};
     const auto fail = db().open_failures.find(g);
@@ -85,6 +86,7 @@ int32_t DBM_GetNextSortList(void* handle, const void* key, uint32_t key_len, voi
                             uint32_t a6, uint32_t data_len, void* data) {
     (void)a5;
     (void)a6;
+    if (ipp::dev::active()) return ipp::dev::dbm_next(handle, key, key_len, iterator, data_len, data);
     const std::lock_guard lock(db().mu);
     auto* h = static_cast<ipp::Handle*>(handle);
     if (iterator == nullptr || db().handles.count(h) == 0) return -1;
@@ -104,12 +106,14 @@ int32_t DBM_GetNextSortList(void* handle, const void* key, uint32_t key_len, voi
 }
 
 void DBM_FreeIterator(void* iterator) {
+    if (ipp::dev::active()) return ipp::dev::dbm_free_iterator(iterator);
     const std::lock_guard lock(db().mu);
     auto* it = static_cast<ipp::Iterator*>(iterator);
     if (db().iterators.erase(it) != 0) delete it;
 }
 
 uint32_t DBM_Close(void* handle) {
+    if (ipp::dev::active()) return ipp::dev::dbm_close(handle);
     const std::lock_guard lock(db().mu);
     auto* h = static_cast<ipp::Handle*>(handle);
     if (db().handles.erase(h) == 0) return 0x40010001u;
@@ -118,6 +122,7 @@ uint32_t DBM_Close(void* handle) {
 }
 
 int32_t DBM_Len(void* handle, const void* key, uint32_t key_len) {
+    if (ipp::dev::active()) return ipp::dev::dbm_len(handle, key, key_len);
     const std::lock_guard lock(db().mu);
     auto* h = static_cast<ipp::Handle*>(handle);
     if (db().handles.count(h) == 0) return -1;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -70,6 +71,12 @@ bool selected(const IF_SELECT_S* sel, std::uint32_t type) {
 }
 
 std::uint32_t next_selected(Iterator* it, const IF_SELECT_S* sel, std::uint32_t after) {
+    if (dev::active()) {
+        static constexpr std::uint32_t kAll[8] = {};
+        const std::uint32_t found = dev::if_next(after, sel != nullptr ? sel->auiTypeBits : kAll);
+        it->last = found != 0 ? found : UINT32_MAX;
+        return found;
+    }
     Directory& d = dir();
     const std::lock_guard lock(d.mu);
     for (auto i = d.interfaces.upper_bound(after); i != d.interfaces.end(); ++i) {
@@ -85,6 +92,7 @@ std::uint32_t next_selected(Iterator* it, const IF_SELECT_S* sel, std::uint32_t 
 }  // namespace
 
 std::uint16_t local_node() noexcept {
+    if (dev::active()) return dev::local_node();
     Directory& d = dir();
     const std::lock_guard lock(d.mu);
     return d.local;
@@ -110,65 +118,89 @@ using ipp::dir;
 extern "C" {
 
 uint32_t LIP_GetLocalLip(void) {
+    if (ipp::dev::active()) return ipp::dev::local_node();
     const std::lock_guard lock(dir().mu);
     return dir().local;
 }
 
 uint16_t LIP_GetChassID(uint16_t node) {
+    if (ipp::dev::active()) {
+        std::uint16_t c = 0, s = 0, u = 0;
+        ipp::dev::node_location(node, &c, &s, &u);
+        return c;
+    }
     const std::lock_guard lock(dir().mu);
     const auto it = dir().locations.find(node);
     return it == dir().locations.end() ? 0 : it->second.chassis;
 }
 
 uint16_t LIP_GetSlotID(uint16_t node) {
+    if (ipp::dev::active()) {
+        std::uint16_t c = 0, s = 0, u = 0;
+        ipp::dev::node_location(node, &c, &s, &u);
+        return s;
+    }
     const std::lock_guard lock(dir().mu);
     const auto it = dir().locations.find(node);
     return it == dir().locations.end() ? 0 : it->second.slot;
 }
 
 uint16_t LIP_GetCpuID(uint16_t node) {
+    if (ipp::dev::active()) {
+        std::uint16_t c = 0, s = 0, u = 0;
+        ipp::dev::node_location(node, &c, &s, &u);
+        return u;
+    }
     const std::lock_guard lock(dir().mu);
     const auto it = dir().locations.find(node);
     return it == dir().locations.end() ? 0 : it->second.cpu;
 }
 
 uint32_t DEV_GetSelf(void) {
+    if (ipp::dev::active()) return ipp::dev::local_node();
     const std::lock_guard lock(dir().mu);
     return dir().self;
 }
 
 uint32_t DEV_GetSystemMaster(void) {
+    if (ipp::dev::active()) return ipp::dev::device_info().master;
     const std::lock_guard lock(dir().mu);
     return dir().master;
 }
 
 uint32_t DEV_GetSystemMasterEP(void) {
+    if (ipp::dev::active()) return ipp::dev::device_info().master_ep;
     const std::lock_guard lock(dir().mu);
     return dir().master_ep;
 }
 
 uint16_t* DEV_GetAllNodes(uint32_t* count) {
+    if (ipp::dev::active()) return ipp::dev::nodes(false, count);
     const std::lock_guard lock(dir().mu);
     return ipp::copy_nodes(dir().nodes, count);
 }
 
 uint16_t* DEV_GetAllStandbyNodes(uint32_t* count) {
+    if (ipp::dev::active()) return ipp::dev::nodes(true, count);
     const std::lock_guard lock(dir().mu);
     return ipp::copy_nodes(dir().standby, count);
 }
 
 uint16_t MDC_GetCurrentMDC(void) {
+    if (ipp::dev::active()) return ipp::dev::device_info().mdc;
     const std::lock_guard lock(dir().mu);
     return dir().mdc;
 }
 
 uint32_t MDC_IsChildMDC(uint16_t mdc) {
+    if (ipp::dev::active()) return ipp::dev::mdc_is_child(mdc);
     const std::lock_guard lock(dir().mu);
     return mdc == dir().mdc ? dir().mdc_child : 0;
 }
 
 uint32_t IF_GetDataByIfIndex(uint32_t ifindex, uint32_t item, void* out) {
     if (out == nullptr) return 0x40010001u;
+    if (ipp::dev::active()) return ipp::dev::if_data(ifindex, item, out);
     const std::lock_guard lock(dir().mu);
     const auto it = dir().interfaces.find(ifindex);
     if (it == dir().interfaces.end()) return 0x40010001u;
@@ -186,29 +218,36 @@ uint32_t IF_GetDataByIfIndex(uint32_t ifindex, uint32_t item, void* out) {
 }
 
 uint32_t IF_IsNodeUp(uint32_t node) {
+    if (ipp::dev::active()) return ipp::dev::node_up(node);
     const std::lock_guard lock(dir().mu);
     const auto it = dir().up.find(ipp::node_of(node));
     return it == dir().up.end() ? 0 : it->second;
 }
 
 uint32_t IF_IsValidIfIndex(uint32_t ifindex) {
+    if (ipp::dev::active()) return ipp::dev::if_predicate(ifindex, ipc::device::IfPredicate::kValid);
     return ipp::with_interface(ifindex, [](const ipp_interface& d) { return d.valid ? 1u : 0u; });
 }
 uint32_t IF_IsL2If(uint32_t ifindex) {
+    if (ipp::dev::active()) return ipp::dev::if_predicate(ifindex, ipc::device::IfPredicate::kL2);
     return ipp::with_interface(ifindex, [](const ipp_interface& d) { return d.l2 ? 1u : 0u; });
 }
 uint32_t IF_IsTempIf(uint32_t ifindex) {
+    if (ipp::dev::active()) return ipp::dev::if_predicate(ifindex, ipc::device::IfPredicate::kTemp);
     return ipp::with_interface(ifindex, [](const ipp_interface& d) { return d.temp ? 1u : 0u; });
 }
 uint32_t IF_IsVisible(uint32_t ifindex) {
+    if (ipp::dev::active()) return ipp::dev::if_predicate(ifindex, ipc::device::IfPredicate::kVisible);
     return ipp::with_interface(ifindex, [](const ipp_interface& d) { return d.visible ? 1u : 0u; });
 }
 uint32_t IF_IsConfigure(uint32_t ifindex) {
+    if (ipp::dev::active()) return ipp::dev::if_predicate(ifindex, ipc::device::IfPredicate::kConfigured);
     return ipp::with_interface(ifindex, [](const ipp_interface& d) { return d.configured ? 1u : 0u; });
 }
 
 uint32_t IF_GetIfIndexByFullName(const char* name) {
     if (name == nullptr) return 0;
+    if (ipp::dev::active()) return ipp::dev::if_by_name(name);
     const std::lock_guard lock(dir().mu);
     for (const auto& [index, itf] : dir().interfaces) {
         if (std::strncmp(itf.data.name, name, IF_NAME_SIZE) == 0) return index;

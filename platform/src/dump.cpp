@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -59,6 +60,7 @@ using ipp::dumps;
 extern "C" {
 
 int32_t DUMP_Request(uint32_t node, uint32_t request_id, const void* request, uint32_t request_len) {
+    if (ipp::dev::active()) return ipp::dev::dump_request(node, request_id, request, request_len);
     const std::lock_guard lock(dumps().mu);
     const auto* b = static_cast<const std::uint8_t*>(request);
     dumps().requests.push_back({node, request_id, ipp::Bytes(b, b + (b != nullptr ? request_len : 0))});
@@ -70,6 +72,7 @@ int32_t DUMP_Request(uint32_t node, uint32_t request_id, const void* request, ui
 }
 
 uint32_t DUMP_Pull(int32_t handle, uint32_t cap, void* buf, uint32_t* len) {
+    if (ipp::dev::active()) return ipp::dev::dump_pull(handle, cap, buf, len);
     const std::lock_guard lock(dumps().mu);
     const auto it = dumps().open.find(handle);
     if (len != nullptr) *len = 0;
@@ -93,6 +96,7 @@ uint32_t DUMP_Pull(int32_t handle, uint32_t cap, void* buf, uint32_t* len) {
 }
 
 void DUMP_Terminate(int32_t handle) {
+    if (ipp::dev::active()) return ipp::dev::dump_terminate(handle);
     const std::lock_guard lock(dumps().mu);
     dumps().open.erase(handle);
 }

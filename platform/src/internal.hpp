@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "ipplat/testctl.h"
 
@@ -15,6 +16,9 @@ std::optional<int> take_fault(ipp_call call) noexcept;
 // Consumes one short-send fault; yields how many bytes the send may carry.
 std::optional<std::uint32_t> take_short_send() noexcept;
 void log_sock(const ipp_sock_event& ev) noexcept;
+
+// The local-IPC namespace of this process.
+std::string current_instance();
 
 // The node that 0x8000 stands for.
 std::uint16_t local_node() noexcept;

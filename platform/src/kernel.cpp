@@ -1,7 +1,9 @@
 // The kernel control channel: every call goes to the installed backend (a test's fake
-// kernel modules or the device emulator). Without one, the modules are absent.
+// kernel modules), else to a simulated device when one runs for the instance. Without
+// either, the modules are absent.
 #include <atomic>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -42,6 +44,9 @@ void ipp_kernel_set_handler(ipp_kernel_handler handler, void* ctx) {
 uint32_t CIOCTL(uint32_t node, uint32_t command, uint32_t request_len, const void* request, uint32_t reply_cap,
                 void* reply, uint32_t* returned_len) {
     ipp::count(IPP_CALL_CIOCTL);
+    if (ipp::g_handler.load(std::memory_order_acquire) == nullptr && ipp::dev::active()) {
+        return ipp::dev::cioctl(node, command, request_len, request, reply_cap, reply, returned_len, false);
+    }
     const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request_len, reply_cap, 0,
                          reply == nullptr, returned_len == nullptr};
     return ipp::dispatch(call, reply, returned_len);
@@ -49,6 +54,9 @@ uint32_t CIOCTL(uint32_t node, uint32_t command, uint32_t request_len, const voi
 
 uint32_t CIOCTL_Async(uint32_t node, uint32_t command, uint32_t request_len, const void* request) {
     ipp::count(IPP_CALL_CIOCTL_ASYNC);
+    if (ipp::g_handler.load(std::memory_order_acquire) == nullptr && ipp::dev::active()) {
+        return ipp::dev::cioctl(node, command, request_len, request, 0, nullptr, nullptr, true);
+    }
     const ipp_kcall call{node, command, static_cast<const uint8_t*>(request), request_len, 0, 1, 1, 1};
     return ipp::dispatch(call, nullptr, nullptr);
 }

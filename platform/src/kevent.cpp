@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -35,7 +36,7 @@ void reset_kevent() noexcept {
     const std::lock_guard lock(e.mu);
     for (const auto& [fd, sub] : e.by_fd) {
         ::close(fd);
-        ::close(sub.writer);
+        if (sub.writer >= 0) ::close(sub.writer);
     }
     e.by_fd.clear();
     e.fail_next = 0;
@@ -48,6 +49,13 @@ using ipp::events;
 extern "C" {
 
 int32_t KEvent_Subscribe(uint32_t event_class) {
+    if (ipp::dev::active()) {
+        const int fd = ipp::dev::subscribe_events(event_class);
+        if (fd < 0) return -1;
+        const std::lock_guard lock(events().mu);
+        events().by_fd[fd] = {event_class, -1};
+        return fd;
+    }
     const std::lock_guard lock(events().mu);
     if (events().fail_next < 0) {
         const std::int32_t r = events().fail_next;
@@ -74,7 +82,7 @@ int32_t KEvent_Unsubscribe(int32_t fd) {
     const auto it = events().by_fd.find(fd);
     if (it == events().by_fd.end()) return -1;
     ::close(it->first);
-    ::close(it->second.writer);
+    if (it->second.writer >= 0) ::close(it->second.writer);
     events().by_fd.erase(it);
     return 0;
 }
@@ -83,7 +91,7 @@ uint32_t ipp_kevent_post(uint32_t event_class, const void* bytes, uint32_t len) 
     const std::lock_guard lock(events().mu);
     uint32_t reached = 0;
     for (const auto& [fd, sub] : events().by_fd) {
-        if (sub.event_class != event_class) continue;
+        if (sub.event_class != event_class || sub.writer < 0) continue;
         if (::send(sub.writer, bytes, len, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(len)) ++reached;
     }
     return reached;

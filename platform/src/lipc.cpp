@@ -22,6 +22,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "common/endpoint_names.hpp"
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -84,29 +86,14 @@ bool is_lipc(int fd, Lipc* out = nullptr) {
     return true;
 }
 
-// An abstract AF_UNIX address for a name.
-socklen_t abstract_addr(const std::string& name, sockaddr_un* sun) {
-    std::memset(sun, 0, sizeof *sun);
-    sun->sun_family = AF_UNIX;
-    const std::size_t n = std::min(name.size(), sizeof(sun->sun_path) - 1);
-    std::memcpy(sun->sun_path + 1, name.data(), n);
-    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + n);
-}
-
 std::uint16_t resolve_node(std::uint16_t node) { return node == kOwnNode ? local_node() : node; }
 
 socklen_t endpoint_addr(std::uint16_t node, std::uint16_t port, sockaddr_un* sun) {
-    char name[96];
-    std::snprintf(name, sizeof name, "ipclient/%s/%04x/%u", instance().c_str(), resolve_node(node),
-                  static_cast<unsigned>(port));
-    return abstract_addr(name, sun);
+    return ipc::names::endpoint(instance(), resolve_node(node), port, sun);
 }
 
 socklen_t group_addr(std::uint32_t type, std::uint16_t first, std::uint16_t third, sockaddr_un* sun) {
-    char name[96];
-    std::snprintf(name, sizeof name, "ipclient/%s/group/%u/%u/%u", instance().c_str(), type,
-                  static_cast<unsigned>(first), static_cast<unsigned>(third));
-    return abstract_addr(name, sun);
+    return ipc::names::group(instance(), type, first, third, sun);
 }
 
 // Reads the port and node of a family-37 address; false for anything else.
@@ -213,6 +200,8 @@ int set_lipc_option(int fd, const Lipc& s, int level, int option, const void* va
 }
 
 }  // namespace
+
+std::string current_instance() { return instance(); }
 
 void reset_lipc() noexcept {
     Sockets& s = sockets();
@@ -463,6 +452,7 @@ IPPLAT_API int __wrap_close(int fd) {
 void ipp_lipc_set_instance(const char* name) {
     const std::lock_guard lock(sockets().mu);
     sockets().instance = (name != nullptr && *name != '\0') ? std::string(name) : default_instance();
+    dev::reconnect();
 }
 
 int ipp_lipc_listen(uint16_t node, uint16_t port) {

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -51,6 +52,7 @@ extern "C" {
 
 uint32_t SERVICE_GetStatus(uint16_t node, const char* name, uint32_t zero, uint32_t* status) {
     (void)zero;
+    if (ipp::dev::active()) return ipp::dev::service_status(node, name, status);
     const std::lock_guard lock(services().mu);
     ipp::Service& s = ipp::service(node, name);
     ++s.status_calls;
@@ -68,6 +70,7 @@ uint32_t SERVICE_GetStatus(uint16_t node, const char* name, uint32_t zero, uint3
 uint32_t SERVICE_Start(uint16_t node, const char* name, uint32_t zero1, uint32_t zero2) {
     (void)zero1;
     (void)zero2;
+    if (ipp::dev::active()) return ipp::dev::service_start(node, name);
     const std::lock_guard lock(services().mu);
     ipp::Service& s = ipp::service(node, name);
     ++s.start_calls;
@@ -79,6 +82,7 @@ uint32_t SERVICE_BatchStart(const uint16_t* nodes, uint32_t count, const char* n
     (void)zero1;
     (void)zero2;
     if (nodes == nullptr && count != 0) return 0x40010001u;
+    if (ipp::dev::active()) return ipp::dev::service_batch_start(nodes, count, name);
     const std::lock_guard lock(services().mu);
     services().last_batch[name != nullptr ? name : ""].assign(nodes, nodes + count);
     for (uint32_t i = 0; i < count; ++i) ++ipp::service(nodes[i], name).start_calls;

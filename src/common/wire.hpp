@@ -6,6 +6,7 @@
 // every access is checked against what was received.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <concepts>
@@ -150,6 +151,107 @@ public:
 
 private:
     std::span<const std::uint8_t> bytes_{};
+};
+
+// A message of variable length written front to back into a caller's buffer. A field that
+// does not fit marks the writer as overflowed and is not written; nothing is allocated.
+class Writer {
+public:
+    explicit Writer(std::span<std::uint8_t> out) noexcept : out_(out) {}
+
+    template <Word U>
+    Writer& be(U v) noexcept {
+        if (std::uint8_t* p = take(sizeof(U))) store_be(p, v);
+        return *this;
+    }
+    Writer& raw(const void* src, std::size_t len) noexcept {
+        if (len == 0) return *this;
+        if (std::uint8_t* p = take(len)) std::memcpy(p, src, len);
+        return *this;
+    }
+    Writer& raw(std::span<const std::uint8_t> bytes) noexcept { return raw(bytes.data(), bytes.size()); }
+    Writer& zeros(std::size_t len) noexcept {
+        if (std::uint8_t* p = take(len)) std::memset(p, 0, len);
+        return *this;
+    }
+    // Room for len bytes that the caller fills; null when they do not fit.
+    std::uint8_t* reserve(std::size_t len) noexcept { return take(len); }
+    // Overwrites a big-endian word already written (a length known only at the end).
+    template <Word U>
+    void patch_be(std::size_t off, U v) noexcept {
+        if (off <= used_ && sizeof(U) <= used_ - off) store_be(out_.data() + off, v);
+    }
+
+    std::size_t size() const noexcept { return used_; }
+    std::size_t room() const noexcept { return out_.size() - used_; }
+    bool ok() const noexcept { return !overflow_; }
+    std::span<const std::uint8_t> bytes() const noexcept { return out_.first(used_); }
+
+private:
+    std::uint8_t* take(std::size_t len) noexcept {
+        if (overflow_ || len > out_.size() - used_) {
+            overflow_ = true;
+            return nullptr;
+        }
+        std::uint8_t* p = out_.data() + used_;
+        used_ += len;
+        return p;
+    }
+
+    std::span<std::uint8_t> out_;
+    std::size_t used_ = 0;
+    bool overflow_ = false;
+};
+
+// Reads the fields of received bytes front to back. A field that was not all received
+// marks the reader as short and yields zero (or an empty span).
+class Reader {
+public:
+    explicit Reader(View v) noexcept : v_(v) {}
+    Reader(const void* p, std::size_t n) noexcept : v_(p, n) {}
+
+    template <Word U>
+    U be() noexcept {
+        const auto r = v_.be<U>(pos_);
+        if (!r) {
+            short_ = true;
+            return 0;
+        }
+        pos_ += sizeof(U);
+        return *r;
+    }
+    std::span<const std::uint8_t> raw(std::size_t len) noexcept {
+        if (!v_.has(pos_, len)) {
+            short_ = true;
+            return {};
+        }
+        const auto s = v_.bytes().subspan(pos_, len);
+        pos_ += len;
+        return s;
+    }
+    // Copies len bytes as they stand into dst; zero-fills dst when they were not received.
+    void raw_into(void* dst, std::size_t len) noexcept {
+        const auto s = raw(len);
+        if (s.size() == len && len != 0) {
+            std::memcpy(dst, s.data(), len);
+        } else if (len != 0) {
+            std::memset(dst, 0, len);
+        }
+    }
+    // Everything not yet read.
+    std::span<const std::uint8_t> rest() noexcept {
+        const auto s = v_.bytes().subspan(std::min(pos_, v_.size()));
+        pos_ = v_.size();
+        return s;
+    }
+    std::size_t remaining() const noexcept { return v_.size() - std::min(pos_, v_.size()); }
+    std::size_t offset() const noexcept { return pos_; }
+    bool ok() const noexcept { return !short_; }
+
+private:
+    View v_;
+    std::size_t pos_ = 0;
+    bool short_ = false;
 };
 
 }  // namespace ipc::wire

@@ -7,6 +7,11 @@
  * calls the library makes; makes sleep virtual and redirects the libraries loaded at run
  * time. Plain C so that tests in any language can drive it.
  *
+ * A process that never calls ipp_reset() talks to a simulated device when ipsimd runs for
+ * its instance (IPCLIENT_INSTANCE): CIOCTL, the directory, the service manager, dumps,
+ * the database and kernel events are then answered by the simulator. ipp_reset() hands the
+ * platform to the test for the rest of the process: the simulator is no longer asked.
+ *
  * ipp_reset() returns everything to the state of a device without the IP modules: CIOCTL
  * and CIOCTL_Async answer 0x40010001, no node list exists, no interface is known, every
  * local-IPC connection is refused for lack of a listener, services are not running, dumps
@@ -196,7 +201,8 @@ IPPLAT_API uint32_t ipp_sock_log_count(void);
 IPPLAT_API int ipp_sock_log_get(uint32_t i, ipp_sock_event *out);
 
 /* Names the local-IPC namespace of this process (default: from IPCLIENT_INSTANCE, else the
- * process id), so that parallel test processes never meet. */
+ * process id), so that parallel test processes never meet. The next platform call looks
+ * for a simulator of that instance. */
 IPPLAT_API void ipp_lipc_set_instance(const char *instance);
 /* A listening family-37 endpoint for a fake service at (node, port); node 0x8000 means the
  * local node. Returns a real descriptor (accept and close it with the system's calls), or -1. */

@@ -1,0 +1,289 @@
+// The platform calls that a simulated device answers, each as one call on the device channel.
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "common/wire.hpp"
+#include "device.hpp"
+
+namespace ipp::dev {
+namespace {
+
+using ipc::device::Call;
+using ipc::wire::Frame;
+using ipc::wire::load_be;
+
+constexpr std::uint32_t kFailure = 0x40010001u;
+
+std::span<const std::uint8_t> text(const char* s) noexcept {
+    if (s == nullptr) return {};
+    return {reinterpret_cast<const std::uint8_t*>(s), std::strlen(s)};
+}
+
+// A call with a fixed answer of N bytes; nothing unless all N arrived and the result is 0.
+template <std::size_t N, std::size_t F>
+std::optional<std::array<std::uint8_t, N>> ask(Call c, const Frame<F>& fields,
+                                               std::span<const std::uint8_t> tail = {}) noexcept {
+    std::array<std::uint8_t, N> out{};
+    const auto a = call(c, fields.span(), tail, out);
+    if (!a || a->result != 0 || a->len < N) return std::nullopt;
+    return out;
+}
+
+// Iterators of database lists live in the client: a position in the list.
+struct DbmIterator {
+    std::uint32_t position = 0;
+};
+constexpr std::uintptr_t kHandleTag = 0x1;  // handles are odd, so that null is never one
+
+std::uint32_t handle_id(void* h) noexcept { return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(h) >> 1); }
+
+}  // namespace
+
+std::uint32_t cioctl(std::uint32_t node, std::uint32_t command, std::uint32_t request_len, const void* request,
+                     std::uint32_t reply_cap, void* reply, std::uint32_t* returned_len, bool async) noexcept {
+    if (returned_len != nullptr) *returned_len = 0;
+    Frame<16> f;
+    f.be<0>(node);
+    f.be<4>(command);
+    const std::uint32_t cap = reply == nullptr ? 0 : std::min<std::uint32_t>(reply_cap, ipc::device::kMaxPayload);
+    f.be<8>(cap);
+    f.be<12>(static_cast<std::uint32_t>(async ? 1 : 0));
+    const std::span<const std::uint8_t> body(static_cast<const std::uint8_t*>(request),
+                                             request != nullptr ? request_len : 0);
+    std::uint8_t returned[4] = {};
+    const auto a = call(Call::kCioctl, f.span(), body, returned, {static_cast<std::uint8_t*>(reply), cap});
+    if (!a || a->len < sizeof returned) return kFailure;
+    if (returned_len != nullptr) *returned_len = load_be<std::uint32_t>(returned);
+    return a->result;
+}
+
+DeviceInfo device_info() noexcept {
+    DeviceInfo d;
+    const Frame<0> none;
+    if (const auto r = ask<12>(Call::kDevice, none)) {
+        d.self = load_be<std::uint16_t>(r->data());
+        d.master = load_be<std::uint16_t>(r->data() + 2);
+        d.master_ep = load_be<std::uint16_t>(r->data() + 4);
+        d.mdc = load_be<std::uint16_t>(r->data() + 6);
+        d.mdc_child = load_be<std::uint32_t>(r->data() + 8);
+    }
+    return d;
+}
+
+void node_location(std::uint16_t node, std::uint16_t* chassis, std::uint16_t* slot, std::uint16_t* cpu) noexcept {
+    Frame<2> f;
+    f.be<0>(node);
+    const auto r = ask<6>(Call::kNodeLocation, f);
+    *chassis = r ? load_be<std::uint16_t>(r->data()) : 0;
+    *slot = r ? load_be<std::uint16_t>(r->data() + 2) : 0;
+    *cpu = r ? load_be<std::uint16_t>(r->data() + 4) : 0;
+}
+
+std::uint16_t* nodes(bool standby, std::uint32_t* count) noexcept {
+    if (count != nullptr) *count = 0;
+    Frame<4> f;
+    f.be<0>(static_cast<std::uint32_t>(standby ? 1 : 0));
+    std::uint8_t buf[8 + 2 * 4096];
+    const auto a = call(Call::kNodes, f.span(), {}, buf);
+    if (!a || a->result != 0) return nullptr;
+    ipc::wire::Reader r(buf, a->len);
+    const std::uint32_t present = r.be<std::uint32_t>();
+    const std::uint32_t n = r.be<std::uint32_t>();
+    if (!r.ok() || present == 0 || n > 4096 || r.remaining() < n * 2u) return nullptr;
+    auto* out = static_cast<std::uint16_t*>(std::malloc((n + 1) * sizeof(std::uint16_t)));
+    if (out == nullptr) return nullptr;
+    for (std::uint32_t i = 0; i < n; ++i) out[i] = r.be<std::uint16_t>();
+    if (count != nullptr) *count = n;
+    return out;
+}
+
+std::uint32_t node_up(std::uint32_t node) noexcept {
+    Frame<4> f;
+    f.be<0>(node);
+    const auto r = ask<4>(Call::kNodeUp, f);
+    return r ? load_be<std::uint32_t>(r->data()) : 0;
+}
+
+std::uint32_t mdc_is_child(std::uint16_t mdc) noexcept {
+    Frame<2> f;
+    f.be<0>(mdc);
+    const auto r = ask<4>(Call::kMdcIsChild, f);
+    return r ? load_be<std::uint32_t>(r->data()) : 0;
+}
+
+std::uint32_t if_data(std::uint32_t ifindex, std::uint32_t item, void* out) noexcept {
+    if (out == nullptr) return kFailure;
+    Frame<8> f;
+    f.be<0>(ifindex);
+    f.be<4>(item);
+    std::uint8_t buf[64] = {};
+    const auto a = call(Call::kIfData, f.span(), {}, buf);
+    if (!a) return kFailure;
+    if (a->result != 0) return a->result;
+    // The items are host-order values and a zero-terminated name.
+    switch (item) {
+        case 9: {
+            if (a->len < 2) return kFailure;
+            const std::uint16_t v = load_be<std::uint16_t>(buf);
+            std::memcpy(out, &v, sizeof v);
+            return 0;
+        }
+        case 11: {
+            char name[32] = {};
+            std::memcpy(name, buf, std::min<std::size_t>(a->len, sizeof name - 1));
+            std::memcpy(out, name, sizeof name);
+            return 0;
+        }
+        default: {
+            if (a->len < 4) return kFailure;
+            const std::uint32_t v = load_be<std::uint32_t>(buf);
+            std::memcpy(out, &v, sizeof v);
+            return 0;
+        }
+    }
+}
+
+std::uint32_t if_predicate(std::uint32_t ifindex, ipc::device::IfPredicate which) noexcept {
+    Frame<8> f;
+    f.be<0>(ifindex);
+    f.be<4>(static_cast<std::uint32_t>(which));
+    const auto r = ask<4>(Call::kIfPredicate, f);
+    return r ? load_be<std::uint32_t>(r->data()) : 0;
+}
+
+std::uint32_t if_by_name(const char* name) noexcept {
+    if (name == nullptr) return 0;
+    const Frame<0> none;
+    const auto r = ask<4>(Call::kIfByName, none, text(name).first(std::min<std::size_t>(std::strlen(name), 255)));
+    return r ? load_be<std::uint32_t>(r->data()) : 0;
+}
+
+std::uint32_t if_next(std::uint32_t after, const std::uint32_t (&type_bits)[8]) noexcept {
+    Frame<36> f;
+    f.be<0>(after);
+    ipc::wire::Writer w(std::span<std::uint8_t>(f.data() + 4, 32));
+    for (const std::uint32_t bits : type_bits) w.be(bits);
+    const auto r = ask<4>(Call::kIfNext, f);
+    return r ? load_be<std::uint32_t>(r->data()) : 0;
+}
+
+std::uint32_t service_status(std::uint16_t node, const char* name, std::uint32_t* status) noexcept {
+    Frame<2> f;
+    f.be<0>(node);
+    std::uint8_t buf[4] = {};
+    const auto a = call(Call::kServiceStatus, f.span(), text(name), buf);
+    if (!a) return kFailure;
+    if (a->result != 0) return a->result;
+    if (status == nullptr || a->len < 4) return kFailure;
+    *status = load_be<std::uint32_t>(buf);
+    return 0;
+}
+
+std::uint32_t service_start(std::uint16_t node, const char* name) noexcept {
+    Frame<2> f;
+    f.be<0>(node);
+    const auto a = call(Call::kServiceStart, f.span(), text(name), {});
+    return a ? a->result : kFailure;
+}
+
+std::uint32_t service_batch_start(const std::uint16_t* list, std::uint32_t count, const char* name) noexcept {
+    if (list == nullptr && count != 0) return kFailure;
+    if (count > 4096) return kFailure;
+    std::uint8_t buf[4 + 2 * 4096];
+    ipc::wire::Writer w(buf);
+    w.be(count);
+    for (std::uint32_t i = 0; i < count; ++i) w.be(list[i]);
+    const auto a = call(Call::kServiceBatchStart, w.bytes(), text(name), {});
+    return a ? a->result : kFailure;
+}
+
+std::int32_t dump_request(std::uint32_t node, std::uint32_t id, const void* request, std::uint32_t len) noexcept {
+    Frame<8> f;
+    f.be<0>(node);
+    f.be<4>(id);
+    const std::span<const std::uint8_t> body(static_cast<const std::uint8_t*>(request), request != nullptr ? len : 0);
+    const auto r = ask<4>(Call::kDumpRequest, f, body);
+    if (!r) return -1;
+    const auto handle = static_cast<std::int32_t>(load_be<std::uint32_t>(r->data()));
+    return handle < 0 ? -1 : handle;
+}
+
+std::uint32_t dump_pull(std::int32_t handle, std::uint32_t cap, void* buf, std::uint32_t* len) noexcept {
+    if (len != nullptr) *len = 0;
+    if (buf == nullptr && cap != 0) return kFailure;
+    Frame<8> f;
+    f.be<0>(static_cast<std::uint32_t>(handle));
+    const std::uint32_t room = std::min<std::uint32_t>(cap, ipc::device::kMaxPayload);
+    f.be<4>(room);
+    const auto a = call(Call::kDumpPull, f.span(), {}, {static_cast<std::uint8_t*>(buf), room});
+    if (!a) return kFailure;
+    if (len != nullptr) *len = static_cast<std::uint32_t>(std::min<std::size_t>(a->len, room));
+    return a->result;
+}
+
+void dump_terminate(std::int32_t handle) noexcept {
+    Frame<4> f;
+    f.be<0>(static_cast<std::uint32_t>(handle));
+    (void)call(Call::kDumpTerminate, f.span(), {}, {});
+}
+
+std::uint32_t dbm_open(const char* db, const char* group, std::uint32_t mode, void** handle) noexcept {
+    if (db == nullptr || group == nullptr || handle == nullptr) return kFailure;
+    std::uint8_t buf[4 + 256 + 1 + 256];
+    ipc::wire::Writer w(buf);
+    w.be(mode).raw(text(db).first(std::min<std::size_t>(std::strlen(db), 256))).be(std::uint8_t{0});
+    w.raw(text(group).first(std::min<std::size_t>(std::strlen(group), 256)));
+    std::uint8_t out[4] = {};
+    const auto a = call(Call::kDbmOpen, w.bytes(), {}, out);
+    if (!a) return kFailure;
+    if (a->result != 0) return a->result;
+    if (a->len < 4) return kFailure;
+    *handle = reinterpret_cast<void*>((static_cast<std::uintptr_t>(load_be<std::uint32_t>(out)) << 1) | kHandleTag);
+    return 0;
+}
+
+std::int32_t dbm_next(void* handle, const void* key, std::uint32_t key_len, void** iterator, std::uint32_t data_len,
+                      void* data) noexcept {
+    if (handle == nullptr || iterator == nullptr || (key == nullptr && key_len != 0)) return -1;
+    auto* it = static_cast<DbmIterator*>(*iterator);
+    if (it == nullptr) {
+        it = new (std::nothrow) DbmIterator{};
+        if (it == nullptr) return -1;
+        *iterator = it;
+    }
+    Frame<12> f;
+    f.be<0>(handle_id(handle));
+    f.be<4>(it->position);
+    const std::uint32_t cap = data == nullptr ? 0 : std::min<std::uint32_t>(data_len, ipc::device::kMaxPayload);
+    f.be<8>(cap);
+    std::uint8_t answer[4] = {};
+    const auto a = call(Call::kDbmNext, f.span(), {static_cast<const std::uint8_t*>(key), key_len}, answer,
+                        {static_cast<std::uint8_t*>(data), cap});
+    if (!a || a->result != 0 || a->len < 4) return -1;
+    const auto r = static_cast<std::int32_t>(load_be<std::uint32_t>(answer));
+    if (r > 0) ++it->position;
+    return r;
+}
+
+void dbm_free_iterator(void* iterator) noexcept { delete static_cast<DbmIterator*>(iterator); }
+
+std::uint32_t dbm_close(void* handle) noexcept {
+    if (handle == nullptr) return kFailure;
+    Frame<4> f;
+    f.be<0>(handle_id(handle));
+    const auto a = call(Call::kDbmClose, f.span(), {}, {});
+    return a ? a->result : kFailure;
+}
+
+std::int32_t dbm_len(void* handle, const void* key, std::uint32_t key_len) noexcept {
+    if (handle == nullptr || (key == nullptr && key_len != 0)) return -1;
+    Frame<4> f;
+    f.be<0>(handle_id(handle));
+    std::uint8_t answer[4] = {};
+    const auto a = call(Call::kDbmLen, f.span(), {static_cast<const std::uint8_t*>(key), key_len}, answer);
+    if (!a || a->result != 0 || a->len < 4) return -1;
+    return static_cast<std::int32_t>(load_be<std::uint32_t>(answer));
+}
+
+}  // namespace ipp::dev

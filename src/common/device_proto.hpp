@@ -1,0 +1,65 @@
+// The device channel: how a process reaches a simulated device's operating system.
+//
+// On a device, CIOCTL, the node and interface directory, the service manager, the dump
+// service, the configuration database and kernel events are answered by the device's own
+// OS. On a host where ipsimd runs for the process's instance, the platform substitute
+// carries each such call to the simulator over one AF_UNIX SOCK_SEQPACKET connection per
+// thread (ipc::names::device). One request is one message; one reply is one message.
+//
+//   request: [BE32 call][call's fields]
+//   reply:   [BE32 result][call's answer]
+//
+// A connection starts with kHello; its answer fixes the node the process runs on. A
+// kernel-event subscription is a connection of its own: after kKEventSubscribe is answered,
+// the simulator sends each notification of the class as one message with no header.
+// Every field is placed and read with the wire codec; all words are big-endian.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace ipc::device {
+
+enum class Call : std::uint32_t {
+    kHello = 1,             // [BE16 wanted node, 0 = the device's master][BE16 0][BE32 pid]
+                            //   -> [BE16 local node]
+    kCioctl = 2,            // [BE32 node][BE32 command][BE32 reply cap][BE32 async 0|1][request]
+                            //   -> result is the module's status; [BE32 returned length][reply bytes]
+    kDevice = 3,            //   -> [BE16 self][BE16 master][BE16 master EP][BE16 MDC][BE32 MDC child]
+    kNodeLocation = 4,      // [BE16 node] -> [BE16 chassis][BE16 slot][BE16 cpu]
+    kNodes = 5,             // [BE32 0 all, 1 standby] -> [BE32 present][BE32 count][BE16 x count]
+    kNodeUp = 6,            // [BE32 node word] -> [BE32 value]
+    kIfData = 7,            // [BE32 ifindex][BE32 item] -> result 0 and the item's bytes, or a status
+    kIfPredicate = 8,       // [BE32 ifindex][BE32 IfPredicate] -> [BE32 0|1]
+    kIfByName = 9,          // [name bytes] -> [BE32 ifindex or 0]
+    kIfNext = 10,           // [BE32 after][BE32 type bits x 8] -> [BE32 ifindex or 0]
+    kMdcIsChild = 11,       // [BE16 mdc] -> [BE32 value]
+    kServiceStatus = 12,    // [BE16 node][name] -> result of the call; [BE32 status]
+    kServiceStart = 13,     // [BE16 node][name] -> result of the start
+    kServiceBatchStart = 14,  // [BE32 count][BE16 x count][name]
+    kDumpRequest = 15,      // [BE32 node][BE32 request id][request] -> [BE32 handle] (result non-zero: refused)
+    kDumpPull = 16,         // [BE32 handle][BE32 cap] -> result as DUMP_Pull; [chunk]
+    kDumpTerminate = 17,    // [BE32 handle]
+    kDbmOpen = 18,          // [BE32 mode][db name][0][group name] -> result; [BE32 handle]
+    kDbmNext = 19,          // [BE32 handle][BE32 position][BE32 data cap][key] -> [BE32 answer][record]
+    kDbmClose = 20,         // [BE32 handle] -> result
+    kDbmLen = 21,           // [BE32 handle][key] -> [BE32 answer]
+    kKEventSubscribe = 22,  // [BE32 class] (on a connection of its own)
+    kPing = 23,             // [bytes] -> the same bytes
+};
+
+enum class IfPredicate : std::uint32_t { kValid = 0, kL2 = 1, kTemp = 2, kVisible = 3, kConfigured = 4 };
+
+inline constexpr std::size_t kRequestHeader = 4;
+inline constexpr std::size_t kReplyHeader = 4;
+inline constexpr std::size_t kCioctlReplyHeader = 8;   // result, returned length
+inline constexpr std::size_t kCioctlRequestHeader = 20;
+// Largest reply a call can carry; a larger reply capacity is served up to this size.
+inline constexpr std::size_t kMaxPayload = 1u << 20;
+// Socket buffer both ends set so that a whole message of kMaxPayload fits.
+inline constexpr int kSocketBuffer = 4 << 20;
+
+// The answer of a call that the simulator could not parse.
+inline constexpr std::uint32_t kBadRequest = 0x40010001u;
+
+}  // namespace ipc::device
