@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs when they are missing.
 set -euo pipefail
-needed=(cmake ninja-build g++ gcc libgtest-dev libgmock-dev libbenchmark-dev)
+needed=(cmake ninja-build g++ gcc pkg-config libgtest-dev libgmock-dev libbenchmark-dev
+  libyaml-cpp-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev util-linux)
 missing=()
 for p in "${needed[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -1,0 +1,230 @@
+#include "core/loop.hpp"
+
+#include <errno.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "common/device_proto.hpp"
+#include "core/log.hpp"
+
+namespace sim {
+
+class Loop::Listener : public Watch {
+public:
+    Listener(Loop& loop, int fd, Endpoint where, ConnFactory make)
+        : loop_(loop), fd_(fd), where_(std::move(where)), make_(std::move(make)) {}
+    ~Listener() override { ::close(fd_); }
+    void ready(std::uint32_t) override { loop_.accept_on(*this); }
+
+    Loop& loop_;
+    int fd_;
+    Endpoint where_;
+    ConnFactory make_;
+};
+
+Conn::Conn(Loop& loop, int fd, Endpoint where, pid_t pid) : loop_(loop), fd_(fd), where_(std::move(where)), pid_(pid) {}
+
+Conn::~Conn() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+bool Conn::send(std::span<const std::uint8_t> msg) {
+    if (fd_ < 0) return false;
+    if (outbox_.empty()) {
+        const ssize_t n = ::send(fd_, msg.data(), msg.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n >= 0) return true;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            close();
+            return false;
+        }
+    }
+    if (outbox_bytes_ + msg.size() > Loop::kMaxOutbox) {
+        SIM_LOG(kWarn, "dropping a peer (pid %d) that does not read: %zu bytes waiting", static_cast<int>(pid_),
+                outbox_bytes_);
+        close();
+        return false;
+    }
+    outbox_.emplace_back(msg.begin(), msg.end());
+    outbox_bytes_ += msg.size();
+    if (!want_out_) {
+        want_out_ = true;
+        loop_.modify(fd_, EPOLLIN | EPOLLOUT, this);
+    }
+    return true;
+}
+
+void Conn::flush() {
+    while (!outbox_.empty()) {
+        const auto& m = outbox_.front();
+        const ssize_t n = ::send(fd_, m.data(), m.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+            close();
+            return;
+        }
+        outbox_bytes_ -= m.size();
+        outbox_.pop_front();
+    }
+    want_out_ = false;
+    loop_.modify(fd_, EPOLLIN, this);
+}
+
+void Conn::close() {
+    if (fd_ < 0) return;
+    shut();
+}
+
+void Conn::shut() {
+    loop_.unwatch(fd_);
+    ::close(fd_);
+    fd_ = -1;
+    outbox_.clear();
+    outbox_bytes_ = 0;
+    closed();
+    loop_.retire(this);
+}
+
+void Conn::ready(std::uint32_t events) {
+    if (fd_ < 0) return;
+    if ((events & EPOLLOUT) != 0) flush();
+    if (fd_ < 0) return;
+    if ((events & (EPOLLIN | EPOLLHUP | EPOLLERR)) == 0) return;
+    // Reads what is queued, a bounded number of messages per round so that no peer
+    // holds the loop.
+    for (int i = 0; i < 64 && fd_ >= 0; ++i) {
+        auto buf = loop_.scratch();
+        const ssize_t n = ::recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
+        if (n > 0) {
+            message(buf.first(static_cast<std::size_t>(n)));
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+        if (n < 0 && errno == EINTR) continue;
+        shut();  // 0: the peer closed; or an error
+        return;
+    }
+}
+
+Loop::Loop() : epfd_(::epoll_create1(EPOLL_CLOEXEC)), stop_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+               scratch_(kMaxMessage) {
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.ptr = nullptr;
+    ::epoll_ctl(epfd_, EPOLL_CTL_ADD, stop_fd_, &ev);
+}
+
+Loop::~Loop() {
+    conns_.clear();
+    listeners_.clear();
+    ::close(stop_fd_);
+    ::close(epfd_);
+}
+
+bool Loop::listen(const void* addr, unsigned addr_len, Endpoint where, ConnFactory make) {
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return false;
+    if (::bind(fd, static_cast<const sockaddr*>(addr), addr_len) != 0 || ::listen(fd, 1024) != 0) {
+        ::close(fd);
+        return false;
+    }
+    listeners_.push_back(std::make_unique<Listener>(*this, fd, std::move(where), std::move(make)));
+    watch(fd, EPOLLIN, listeners_.back().get());
+    return true;
+}
+
+void Loop::accept_on(Listener& l) {
+    for (;;) {
+        const int fd = ::accept4(l.fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd < 0) return;
+        ucred cred{};
+        socklen_t len = sizeof cred;
+        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != ::getuid()) {
+            SIM_LOG(kWarn, "refused a peer of uid %u (pid %d) on %s node %u port %u", static_cast<unsigned>(cred.uid),
+                    static_cast<int>(cred.pid), l.where_.channel.c_str(), static_cast<unsigned>(l.where_.node),
+                    static_cast<unsigned>(l.where_.port));
+            ::close(fd);
+            continue;
+        }
+        const int buf = ipc::device::kSocketBuffer;
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &buf, sizeof buf);
+        std::unique_ptr<Conn> c = l.make_(*this, fd, l.where_, cred.pid);
+        if (!c) {
+            ::close(fd);
+            continue;
+        }
+        adopt(std::move(c));
+    }
+}
+
+void Loop::adopt(std::unique_ptr<Conn> c) {
+    Conn* raw = c.get();
+    conns_.emplace(raw, std::move(c));
+    watch(raw->fd(), EPOLLIN, raw);
+}
+
+void Loop::watch(int fd, std::uint32_t events, Watch* w) {
+    epoll_event ev{};
+    ev.events = events;
+    ev.data.ptr = w;
+    ::epoll_ctl(epfd_, EPOLL_CTL_ADD, fd, &ev);
+}
+
+void Loop::modify(int fd, std::uint32_t events, Watch* w) {
+    epoll_event ev{};
+    ev.events = events;
+    ev.data.ptr = w;
+    ::epoll_ctl(epfd_, EPOLL_CTL_MOD, fd, &ev);
+}
+
+void Loop::unwatch(int fd) { ::epoll_ctl(epfd_, EPOLL_CTL_DEL, fd, nullptr); }
+
+void Loop::retire(Conn* c) { retired_.push_back(c); }
+
+void Loop::after(std::chrono::milliseconds delay, std::function<void()> fn) {
+    timers_.emplace(std::chrono::steady_clock::now() + delay, std::move(fn));
+}
+
+void Loop::run_timers() {
+    const auto now = std::chrono::steady_clock::now();
+    while (!timers_.empty() && timers_.begin()->first <= now) {
+        auto fn = std::move(timers_.begin()->second);
+        timers_.erase(timers_.begin());
+        fn();
+    }
+}
+
+void Loop::stop() noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = ::write(stop_fd_, &one, sizeof one);
+}
+
+void Loop::run() {
+    epoll_event events[64];
+    for (;;) {
+        int timeout = -1;
+        if (!timers_.empty()) {
+            const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(timers_.begin()->first -
+                                                                                     std::chrono::steady_clock::now());
+            timeout = static_cast<int>(std::max<long long>(0, wait.count() + 1));
+        }
+        const int n = ::epoll_wait(epfd_, events, 64, timeout);
+        if (n < 0 && errno != EINTR) return;
+        for (int i = 0; i < n; ++i) {
+            if (events[i].data.ptr == nullptr) return;  // stop
+            auto* w = static_cast<Watch*>(events[i].data.ptr);
+            // A connection closed earlier in this round is not touched again.
+            bool gone = false;
+            for (Conn* r : retired_) gone = gone || static_cast<Watch*>(r) == w;
+            if (!gone) w->ready(events[i].events);
+        }
+        run_timers();
+        for (Conn* r : retired_) conns_.erase(r);
+        retired_.clear();
+    }
+}
+
+}  // namespace sim

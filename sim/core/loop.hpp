@@ -1,0 +1,126 @@
+// The simulator's event loop: one thread, epoll, listening sockets and connections.
+//
+// Every channel of the simulated device is an AF_UNIX SOCK_SEQPACKET listener in the
+// instance's abstract namespace. A listener accepts only peers with the simulator's own
+// uid (SO_PEERCRED); any other peer is closed and logged. A connection reads whole
+// messages and hands each to its owner; what it sends waits in an outbox while the peer's
+// receive queue is full, and a peer whose outbox grows past kMaxOutbox is dropped.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace sim {
+
+class Loop;
+
+// Something the loop waits on.
+class Watch {
+public:
+    virtual ~Watch() = default;
+    virtual void ready(std::uint32_t events) = 0;
+};
+
+// Where a connection belongs: the node and port (or channel name) of its listener.
+struct Endpoint {
+    std::uint16_t node = 0;
+    std::uint16_t port = 0;      // 0 for the device channel
+    std::string channel;         // "device", "lipc"
+};
+
+class Conn : public Watch {
+public:
+    Conn(Loop& loop, int fd, Endpoint where, pid_t pid);
+    ~Conn() override;
+    Conn(const Conn&) = delete;
+    Conn& operator=(const Conn&) = delete;
+
+    // Sends one message now or after the messages already waiting. False when the
+    // connection is closed or was dropped for a full outbox.
+    bool send(std::span<const std::uint8_t> msg);
+    // Closes the connection after this event; its owner is told through closed().
+    void close();
+
+    int fd() const noexcept { return fd_; }
+    const Endpoint& where() const noexcept { return where_; }
+    pid_t peer_pid() const noexcept { return pid_; }
+    bool open() const noexcept { return fd_ >= 0; }
+
+    void ready(std::uint32_t events) final;
+
+protected:
+    // One message as it was received (at most kMaxMessage bytes; a longer one is cut).
+    virtual void message(std::span<const std::uint8_t> msg) = 0;
+    // The connection ended (peer closed, error, or close()).
+    virtual void closed() {}
+    Loop& loop() noexcept { return loop_; }
+
+private:
+    void flush();
+    void shut();
+
+    Loop& loop_;
+    int fd_;
+    Endpoint where_;
+    pid_t pid_;
+    std::deque<std::vector<std::uint8_t>> outbox_;
+    std::size_t outbox_bytes_ = 0;
+    bool want_out_ = false;
+};
+
+// Makes the connection object for an accepted descriptor.
+using ConnFactory = std::function<std::unique_ptr<Conn>(Loop&, int fd, const Endpoint&, pid_t pid)>;
+
+class Loop {
+public:
+    static constexpr std::size_t kMaxMessage = (1u << 20) + 64;
+    static constexpr std::size_t kMaxOutbox = 64u << 20;
+
+    Loop();
+    ~Loop();
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+
+    // Listens on an abstract socket address; false when it cannot be bound.
+    bool listen(const void* addr, unsigned addr_len, Endpoint where, ConnFactory make);
+    void watch(int fd, std::uint32_t events, Watch* w);
+    void modify(int fd, std::uint32_t events, Watch* w);
+    void unwatch(int fd);
+
+    // Runs fn once after the delay (on the loop's thread).
+    void after(std::chrono::milliseconds delay, std::function<void()> fn);
+    // Runs until stop() (safe from a signal handler).
+    void run();
+    void stop() noexcept;
+
+    // A scratch buffer for received messages.
+    std::span<std::uint8_t> scratch() noexcept { return scratch_; }
+    // Connections closed in this round; destroyed once the round ends.
+    void retire(Conn* c);
+    std::size_t connections() const noexcept { return conns_.size(); }
+    void adopt(std::unique_ptr<Conn> c);
+
+private:
+    class Listener;
+    void accept_on(Listener& l);
+    void run_timers();
+
+    int epfd_;
+    int stop_fd_;
+    std::vector<std::uint8_t> scratch_;
+    std::vector<std::unique_ptr<Listener>> listeners_;
+    std::map<Conn*, std::unique_ptr<Conn>> conns_;
+    std::vector<Conn*> retired_;
+    std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> timers_;
+};
+
+}  // namespace sim

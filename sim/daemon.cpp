@@ -1,0 +1,137 @@
+#include "daemon.hpp"
+
+#include <sys/un.h>
+
+#include "common/endpoint_names.hpp"
+#include "core/log.hpp"
+#include "services/services.hpp"
+#include "store/records.hpp"
+
+namespace sim {
+
+Daemon::Daemon(const scenario::Scenario& s, Options opts)
+    : opts_(std::move(opts)),
+      device_(s),
+      addr_module_(device_, addrs_),
+      database_(device_, addrs_),
+      ctx_{loop_, device_, addrs_, addr_module_, services_, store_, capture_, database_, {}, {}, {}} {
+    addrs_.interface_vrf = [this](std::uint32_t ifindex) {
+        const auto* i = device_.interface(ifindex);
+        return i != nullptr ? i->vrf : std::uint16_t{0};
+    };
+    for (const auto& a : s.addresses) {
+        IPAddrInfo info{};
+        info.stEntry.stKey.uiIfIndex = a.ifindex;
+        info.stEntry.stKey.usVrfIndex = a.vrf ? *a.vrf : addrs_.interface_vrf(a.ifindex);
+        info.stEntry.stKey.uiAddr = a.addr;
+        info.stEntry.stKey.uiMask = a.mask;
+        info.stEntry.stKey.uiMethod = a.method;
+        info.stEntry.uiFlag = a.sub ? kFlagSub : 0;
+        addrs_.put(info, false);
+    }
+    for (const auto& svc : s.services) services_.set(svc.node, svc.name, svc.status);
+    services_.schedule = [this](std::chrono::milliseconds d, std::function<void()> fn) { loop_.after(d, std::move(fn)); };
+    services_.on_running = [this](std::uint16_t node, const std::string& name) {
+        if (listening_ && name == "IPStack" && device_.node_up(node)) {
+            listen_service(node, kPortIPStack, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_ipstack_conn(ctx_, l, fd, w, pid);
+            });
+        }
+    };
+}
+
+Daemon::~Daemon() = default;
+
+void Daemon::persist(const AddrChange& change) {
+    const IPAddrKey& k = change.info.stEntry.stKey;
+    const auto key = records::addr_key(k.uiIfIndex, k.uiAddr);
+    if (change.kind == AddrChange::kDelete) {
+        store_.remove("addr", key);
+    } else {
+        store_.put("addr", key, records::encode_addr(change.info));
+    }
+}
+
+std::optional<std::string> Daemon::restore() {
+    if (opts_.state_dir.empty()) return std::nullopt;
+    if (auto err = store_.open(opts_.state_dir)) return err;
+    // The whole load is refused on one bad row: a half-restored device would be worse.
+    std::string bad;
+    const bool addrs_ok = store_.each("addr", [&](std::span<const std::uint8_t> key, const std::vector<std::uint8_t>* value) {
+        if (value == nullptr) {
+            std::uint32_t ifindex = 0, addr = 0;
+            if (!records::decode_addr_key(key, &ifindex, &addr)) return bad = "a bad address key", false;
+            addrs_.remove(ifindex, addr, false);
+            return true;
+        }
+        const auto info = records::decode_addr(key, *value);
+        if (!info || device_.interface(info->stEntry.stKey.uiIfIndex) == nullptr) {
+            return bad = "an address row that does not fit this scenario", false;
+        }
+        addrs_.put(*info, false);
+        return true;
+    });
+    const bool settings_ok = addrs_ok && store_.each("ifset", [&](std::span<const std::uint8_t> key,
+                                                                  const std::vector<std::uint8_t>* value) {
+        const auto ifindex = records::decode_settings_key(key);
+        const auto s = value != nullptr ? records::decode_settings(*value) : std::nullopt;
+        if (!ifindex || !s || device_.interface(*ifindex) == nullptr) return bad = "a bad settings row", false;
+        addrs_.settings(*ifindex) = *s;
+        return true;
+    });
+    if (!addrs_ok || !settings_ok) return opts_.state_dir + "/ipsimd.db: " + (bad.empty() ? "unreadable" : bad);
+    return std::nullopt;
+}
+
+bool Daemon::listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make) {
+    sockaddr_un sun{};
+    const socklen_t n = ipc::names::endpoint(opts_.instance, node, port, &sun);
+    if (!loop_.listen(&sun, n, Endpoint{node, port, "lipc"}, std::move(make))) {
+        SIM_LOG(kError, "cannot listen on node %u port %u (is another ipsimd running for instance %s?)",
+                static_cast<unsigned>(node), static_cast<unsigned>(port), opts_.instance.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::optional<std::string> Daemon::start() {
+    if (!opts_.capture.empty() && !capture_.open(opts_.capture)) return opts_.capture + ": cannot open the capture file";
+    if (auto err = restore()) return err;
+    addrs_.set_observer([this](const AddrChange& c) {
+        persist(c);
+        publish_addr_change(ctx_, c);
+    });
+    addrs_.set_settings_observer([this](std::uint32_t ifindex, const IfSettings& s) {
+        store_.put("ifset", records::settings_key(ifindex), records::encode_settings(s));
+    });
+
+    sockaddr_un sun{};
+    const socklen_t n = ipc::names::device(opts_.instance, &sun);
+    if (!loop_.listen(&sun, n, Endpoint{0, 0, "device"}, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+            return make_device_conn(ctx_, l, fd, w, pid);
+        })) {
+        return "cannot listen on the device channel of instance " + opts_.instance +
+               " (is another ipsimd running for it?)";
+    }
+    listening_ = true;
+    for (const auto& [node, state] : device_.nodes()) {
+        if (!state.info.up) continue;
+        const bool ok =
+            listen_service(node, kPortAddrCfg, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_addrcfg_conn(ctx_, l, fd, w, pid);
+            }) &&
+            listen_service(node, kPortAddrEvents, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_addr_event_conn(ctx_, l, fd, w, pid);
+            }) &&
+            listen_service(node, kPortPortAttack, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_portatk_conn(ctx_, l, fd, w, pid);
+            });
+        if (!ok) return "cannot listen on the services of node " + std::to_string(node);
+        if (services_.status(node, "IPStack") == kSvcRunning) services_.on_running(node, "IPStack");
+    }
+    return std::nullopt;
+}
+
+void Daemon::run() { loop_.run(); }
+
+}  // namespace sim

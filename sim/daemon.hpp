@@ -1,0 +1,50 @@
+// ipsimd: the simulated device as one daemon. Owns the device's state, its kernel modules
+// and services, the persistence and the capture, and the listening sockets of every
+// channel in the instance's namespace.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "context.hpp"
+#include "scenario/scenario.hpp"
+
+namespace sim {
+
+struct Options {
+    std::string instance;
+    std::string state_dir;   // empty: nothing persists
+    std::string capture;     // empty: no capture
+};
+
+class Daemon {
+public:
+    Daemon(const scenario::Scenario& s, Options opts);
+    ~Daemon();
+    // Restores stored state and listens on every channel; an error text when it cannot.
+    std::optional<std::string> start();
+    // Runs until stop().
+    void run();
+    void stop() noexcept { loop_.stop(); }
+    std::size_t node_count() const noexcept { return device_.nodes().size(); }
+
+private:
+    std::optional<std::string> restore();
+    bool listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make);
+    void persist(const AddrChange& change);
+
+    Options opts_;
+    Loop loop_;
+    Device device_;
+    AddrTable addrs_;
+    AddrModule addr_module_;
+    ServiceManager services_;
+    Store store_;
+    Capture capture_;
+    Database database_;
+    Context ctx_;
+    bool listening_ = false;
+};
+
+}  // namespace sim

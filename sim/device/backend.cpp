@@ -1,0 +1,315 @@
+// The device channel: the platform calls of client processes, answered from the device's
+// state (see common/device_proto.hpp for the messages).
+#include <string>
+
+#include "common/device_proto.hpp"
+#include "common/wire.hpp"
+#include "context.hpp"
+#include "core/log.hpp"
+
+namespace sim {
+namespace {
+
+using ipc::device::Call;
+using ipc::wire::Reader;
+using ipc::wire::Writer;
+
+constexpr std::uint32_t kFailure = 0x40010001u;
+
+const char* call_name(std::uint32_t c) {
+    static constexpr const char* kNames[] = {"",           "hello",         "cioctl",        "device",
+                                             "node-location", "nodes",      "node-up",       "if-data",
+                                             "if-predicate", "if-by-name",  "if-next",       "mdc-is-child",
+                                             "service-status", "service-start", "service-batch-start",
+                                             "dump-request", "dump-pull",   "dump-terminate", "dbm-open",
+                                             "dbm-next",    "dbm-close",     "dbm-len",       "kevent-subscribe",
+                                             "ping"};
+    return c < std::size(kNames) ? kNames[c] : "unknown";
+}
+
+class DeviceConn : public Conn {
+public:
+    DeviceConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid)
+        : Conn(loop, fd, where, pid), ctx_(ctx), out_(new std::uint8_t[kOutSize]) {}
+    ~DeviceConn() override { drop_subscription(); }
+
+protected:
+    void message(std::span<const std::uint8_t> msg) override {
+        Reader r(msg.data(), msg.size());
+        const std::uint32_t call = r.be<std::uint32_t>();
+        if (ctx_.capture.on()) capture("request", msg, {{"call", call_name(call)}});
+        if (!r.ok()) return reply(kFailure, 0);
+        if (node_ == 0 && call != static_cast<std::uint32_t>(Call::kHello) &&
+            call != static_cast<std::uint32_t>(Call::kKEventSubscribe) &&
+            call != static_cast<std::uint32_t>(Call::kPing)) {
+            // Every other call comes after the greeting that fixes the node.
+            SIM_LOG(kWarn, "device channel: call %u before the greeting from pid %d; closing", call,
+                    static_cast<int>(peer_pid()));
+            return close();
+        }
+        Writer w(std::span<std::uint8_t>(out_.get() + 4, kOutSize - 4));
+        const std::uint32_t result = serve(static_cast<Call>(call), r, w);
+        reply(result, w.ok() ? w.size() : 0);
+    }
+
+    void closed() override { drop_subscription(); }
+
+private:
+    void capture(const char* dir, std::span<const std::uint8_t> bytes, nlohmann::json fields) {
+        ctx_.capture.record({dir, node_, "device", 0, 0, static_cast<int>(peer_pid())}, bytes, std::move(fields));
+    }
+
+    void reply(std::uint32_t result, std::size_t len) {
+        ipc::wire::store_be(out_.get(), result);
+        const std::span<const std::uint8_t> msg(out_.get(), 4 + len);
+        if (ctx_.capture.on()) capture("answer", msg, {{"result", result}});
+        send(msg);
+    }
+
+    std::uint16_t resolve(std::uint32_t node_word) const {
+        const auto n = static_cast<std::uint16_t>(node_word & 0xFFFF);
+        return n == kOwnNode ? node_ : n;
+    }
+
+    static std::string text(Reader& r) {
+        const auto rest = r.rest();
+        std::string s(reinterpret_cast<const char*>(rest.data()), rest.size());
+        const auto nul = s.find('\0');
+        if (nul != std::string::npos) s.resize(nul);
+        return s;
+    }
+
+    std::uint32_t serve(Call call, Reader& r, Writer& w) {
+        switch (call) {
+            case Call::kHello: {
+                const std::uint16_t wanted = r.be<std::uint16_t>();
+                if (!r.ok()) return kFailure;
+                const std::uint16_t node = wanted == 0 ? ctx_.device.master() : wanted;
+                if (ctx_.device.node(node) == nullptr) {
+                    SIM_LOG(kWarn, "pid %d asks for node %u, which the device does not have",
+                            static_cast<int>(peer_pid()), static_cast<unsigned>(node));
+                    return kFailure;
+                }
+                node_ = node;
+                SIM_LOG(kDebug, "pid %d runs on node %u", static_cast<int>(peer_pid()), static_cast<unsigned>(node));
+                w.be(node_);
+                return 0;
+            }
+            case Call::kCioctl: return cioctl(r, w);
+            case Call::kDevice:
+                w.be(node_).be(ctx_.device.master()).be(ctx_.device.master_ep()).be(ctx_.device.mdc());
+                w.be(static_cast<std::uint32_t>(ctx_.device.mdc_child() ? 1 : 0));
+                return 0;
+            case Call::kNodeLocation: {
+                const NodeState* n = ctx_.device.node(resolve(r.be<std::uint16_t>()));
+                w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.chassis : 0));
+                w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.slot : 0));
+                w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.cpu : 0));
+                return r.ok() ? 0 : kFailure;
+            }
+            case Call::kNodes: {
+                const std::uint32_t which = r.be<std::uint32_t>();
+                std::vector<std::uint16_t> list;
+                if (which == 0) {
+                    for (const auto& [number, n] : ctx_.device.nodes()) list.push_back(number);
+                } else {
+                    list = ctx_.device.standby_nodes();
+                }
+                w.be(std::uint32_t{1}).be(static_cast<std::uint32_t>(list.size()));
+                for (const std::uint16_t n : list) w.be(n);
+                return r.ok() ? 0 : kFailure;
+            }
+            case Call::kNodeUp: {
+                const std::uint16_t n = resolve(r.be<std::uint32_t>());
+                w.be(static_cast<std::uint32_t>(ctx_.device.node_up(n) ? 1 : 0));
+                return r.ok() ? 0 : kFailure;
+            }
+            case Call::kMdcIsChild: {
+                const std::uint16_t mdc = r.be<std::uint16_t>();
+                w.be(static_cast<std::uint32_t>(mdc == ctx_.device.mdc() && ctx_.device.mdc_child() ? 1 : 0));
+                return r.ok() ? 0 : kFailure;
+            }
+            case Call::kIfData: return if_data(r, w);
+            case Call::kIfPredicate: {
+                const std::uint32_t ifindex = r.be<std::uint32_t>();
+                const std::uint32_t which = r.be<std::uint32_t>();
+                const auto* i = ctx_.device.interface(ifindex);
+                bool v = false;
+                if (i != nullptr) {
+                    switch (static_cast<ipc::device::IfPredicate>(which)) {
+                        case ipc::device::IfPredicate::kValid: v = i->valid; break;
+                        case ipc::device::IfPredicate::kL2: v = i->l2; break;
+                        case ipc::device::IfPredicate::kTemp: v = i->temp; break;
+                        case ipc::device::IfPredicate::kVisible: v = i->visible; break;
+                        case ipc::device::IfPredicate::kConfigured: v = i->configured; break;
+                        default: return kFailure;
+                    }
+                }
+                w.be(static_cast<std::uint32_t>(v ? 1 : 0));
+                return r.ok() ? 0 : kFailure;
+            }
+            case Call::kIfByName: w.be(ctx_.device.find_interface(text(r))); return 0;
+            case Call::kIfNext: {
+                const std::uint32_t after = r.be<std::uint32_t>();
+                std::uint32_t bits[8];
+                for (std::uint32_t& b : bits) b = r.be<std::uint32_t>();
+                if (!r.ok()) return kFailure;
+                w.be(ctx_.device.next_interface(after, bits));
+                return 0;
+            }
+            case Call::kServiceStatus: {
+                const std::uint16_t node = resolve(r.be<std::uint16_t>());
+                const std::string name = text(r);
+                if (!r.ok() || ctx_.device.node(node) == nullptr) return kFailure;
+                w.be(ctx_.services.status(node, name));
+                return 0;
+            }
+            case Call::kServiceStart: {
+                const std::uint16_t node = resolve(r.be<std::uint16_t>());
+                const std::string name = text(r);
+                if (!r.ok()) return kFailure;
+                return ctx_.services.start(node, ctx_.device.node_up(node), name);
+            }
+            case Call::kServiceBatchStart: {
+                const std::uint32_t count = r.be<std::uint32_t>();
+                if (!r.ok() || count > r.remaining() / 2) return kFailure;
+                std::vector<std::uint16_t> nodes(count);
+                for (std::uint16_t& n : nodes) n = resolve(r.be<std::uint16_t>());
+                const std::string name = text(r);
+                for (const std::uint16_t n : nodes) (void)ctx_.services.start(n, ctx_.device.node_up(n), name);
+                return 0;
+            }
+            case Call::kDumpRequest: return kFailure;  // no module of this device streams a dump
+            case Call::kDumpPull: return kFailure;
+            case Call::kDumpTerminate: return 0;
+            case Call::kDbmOpen: {
+                const std::uint32_t mode = r.be<std::uint32_t>();
+                (void)mode;
+                const std::string both = [&] {
+                    const auto rest = r.rest();
+                    return std::string(reinterpret_cast<const char*>(rest.data()), rest.size());
+                }();
+                const auto nul = both.find('\0');
+                if (!r.ok() || nul == std::string::npos) return kFailure;
+                w.be(ctx_.database.open(both.substr(0, nul), both.substr(nul + 1)));
+                return 0;
+            }
+            case Call::kDbmNext: {
+                const std::uint32_t handle = r.be<std::uint32_t>();
+                const std::uint32_t position = r.be<std::uint32_t>();
+                const std::uint32_t cap = r.be<std::uint32_t>();
+                if (!r.ok()) return kFailure;
+                const auto list = ctx_.database.list(handle, r.rest());
+                if (!list) {
+                    w.be(static_cast<std::uint32_t>(-1));
+                    return 0;
+                }
+                if (position >= list->size()) {
+                    w.be(std::uint32_t{0});
+                    return 0;
+                }
+                const auto& rec = (*list)[position];
+                w.be(std::uint32_t{1}).raw(rec.data(), std::min<std::size_t>(cap, rec.size()));
+                return 0;
+            }
+            case Call::kDbmClose: return ctx_.database.close(r.be<std::uint32_t>()) ? 0 : kFailure;
+            case Call::kDbmLen: {
+                const std::uint32_t handle = r.be<std::uint32_t>();
+                if (!r.ok()) return kFailure;
+                const auto list = ctx_.database.list(handle, r.rest());
+                w.be(list ? static_cast<std::uint32_t>(list->size()) : static_cast<std::uint32_t>(-1));
+                return 0;
+            }
+            case Call::kKEventSubscribe: {
+                const std::uint32_t event_class = r.be<std::uint32_t>();
+                if (!r.ok() || subscribed_) return kFailure;
+                subscribed_ = true;
+                ctx_.kevent_subscribers.emplace(event_class, this);
+                return 0;
+            }
+            case Call::kPing: w.raw(r.rest()); return 0;
+        }
+        return kFailure;
+    }
+
+    std::uint32_t cioctl(Reader& r, Writer& w) {
+        const std::uint32_t node_word = r.be<std::uint32_t>();
+        const std::uint32_t command = r.be<std::uint32_t>();
+        const std::uint32_t cap = r.be<std::uint32_t>();
+        const std::uint32_t async = r.be<std::uint32_t>();
+        if (!r.ok() || cap > ipc::device::kMaxPayload) return kFailure;
+        const std::uint16_t node = resolve(node_word);
+        const auto request = r.rest();
+        std::uint8_t* returned_at = w.reserve(4);
+        std::uint32_t returned = 0;
+        std::uint32_t status = kFailure;
+        const std::span<std::uint8_t> reply(returned_at + 4, cap);
+        if (ctx_.device.node_up(node)) {
+            status = kernel_dispatch(ctx_, node, command, request, reply, &returned);
+        }
+        if (ctx_.capture.on()) {
+            ctx_.capture.record({"request", node, "kernel", 0, command, static_cast<int>(peer_pid())}, request,
+                                {{"async", async != 0}, {"reply_cap", cap}});
+            ctx_.capture.record({"answer", node, "kernel", 0, command, static_cast<int>(peer_pid())},
+                                reply.first(std::min(returned, cap)), {{"status", status}, {"returned", returned}});
+        }
+        if (async != 0) {
+            // The sender learns only that the request left.
+            ipc::wire::store_be(returned_at, std::uint32_t{0});
+            return 0;
+        }
+        ipc::wire::store_be(returned_at, returned);
+        (void)w.reserve(std::min(returned, cap));
+        return status;
+    }
+
+    std::uint32_t if_data(Reader& r, Writer& w) {
+        const std::uint32_t ifindex = r.be<std::uint32_t>();
+        const std::uint32_t item = r.be<std::uint32_t>();
+        const auto* i = ctx_.device.interface(ifindex);
+        if (!r.ok() || i == nullptr) return kFailure;
+        switch (item) {
+            case 9: w.be(i->node); return 0;
+            case 11: w.raw(i->name.data(), std::min<std::size_t>(i->name.size(), 31)); return 0;
+            case 18: w.be(i->type); return 0;
+            case 23: w.be(i->flags); return 0;
+            case 32: w.be(i->kind); return 0;
+            default: return kFailure;
+        }
+    }
+
+    void drop_subscription() {
+        if (!subscribed_) return;
+        for (auto it = ctx_.kevent_subscribers.begin(); it != ctx_.kevent_subscribers.end();) {
+            it = it->second == this ? ctx_.kevent_subscribers.erase(it) : std::next(it);
+        }
+        subscribed_ = false;
+    }
+
+    // Room for the largest answer; not cleared, every answer is written before it is sent.
+    static constexpr std::size_t kOutSize = ipc::device::kMaxPayload + 64;
+
+    Context& ctx_;
+    std::unique_ptr<std::uint8_t[]> out_;
+    std::uint16_t node_ = 0;
+    bool subscribed_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Conn> make_device_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
+    return std::make_unique<DeviceConn>(ctx, loop, fd, where, pid);
+}
+
+std::size_t post_kernel_event(Context& ctx, std::uint32_t event_class, std::span<const std::uint8_t> bytes) {
+    std::size_t reached = 0;
+    const auto range = ctx.kevent_subscribers.equal_range(event_class);
+    std::vector<Conn*> subs;
+    for (auto it = range.first; it != range.second; ++it) subs.push_back(it->second);
+    for (Conn* c : subs) {
+        if (c->send(bytes)) ++reached;
+    }
+    return reached;
+}
+
+}  // namespace sim

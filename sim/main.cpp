@@ -1,0 +1,94 @@
+// ipsimd: a simulated network device for the IP client library.
+//
+//   ipsimd [--scenario FILE] [--instance NAME] [--state DIR] [--capture FILE]
+//          [--log-level LEVEL] [--check] [--print-default-scenario]
+//
+// Runs in the foreground, prints "ready instance=NAME nodes=N" on standard output once
+// every channel listens, logs to standard error, and exits 0 on SIGTERM or SIGINT.
+// Exit status: 0 done, 1 the simulator could not start, 2 bad arguments or a refused
+// scenario.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include <CLI/CLI.hpp>
+
+#include "core/log.hpp"
+#include "daemon.hpp"
+
+namespace {
+
+sim::Daemon* g_daemon = nullptr;
+
+void on_signal(int) {
+    if (g_daemon != nullptr) g_daemon->stop();
+}
+
+std::string default_instance() {
+    const char* env = std::getenv("IPCLIENT_INSTANCE");
+    return env != nullptr && *env != '\0' ? env : "default";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"ipsimd: a simulated network device for the IP client library"};
+    std::string scenario_file, level = "info";
+    sim::Options opts;
+    opts.instance = default_instance();
+    bool check = false, print_default = false;
+    app.add_option("--scenario", scenario_file, "scenario file (YAML); default: the bundled scenario");
+    app.add_option("--instance", opts.instance, "instance name (default: IPCLIENT_INSTANCE, else \"default\")");
+    app.add_option("--state", opts.state_dir, "directory that keeps what clients changed");
+    app.add_option("--capture", opts.capture, "file that receives one JSON line per request and answer");
+    app.add_option("--log-level", level, "error, warn, info or debug")->check(CLI::IsMember({"error", "warn", "info", "debug"}));
+    app.add_flag("--check", check, "validate the scenario and exit");
+    app.add_flag("--print-default-scenario", print_default, "print the bundled scenario and exit");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : 2;
+    }
+    if (print_default) {
+        std::fputs(sim::scenario::default_text(), stdout);
+        return 0;
+    }
+    sim::log::Level lv{};
+    sim::log::parse_level(level, &lv);
+    sim::log::set_level(lv);
+
+    sim::scenario::Scenario scenario;
+    try {
+        scenario = scenario_file.empty() ? sim::scenario::load_default() : sim::scenario::load_file(scenario_file);
+    } catch (const sim::scenario::Error& e) {
+        std::fprintf(stderr, "ipsimd: scenario refused: %s\n", e.what());
+        return 2;
+    }
+    if (check) {
+        std::printf("scenario %s: %zu nodes, %zu interfaces, %zu addresses\n", scenario.source.c_str(),
+                    scenario.nodes.size(), scenario.interfaces.size(), scenario.addresses.size());
+        return 0;
+    }
+
+    ::signal(SIGPIPE, SIG_IGN);
+    sim::Daemon daemon(scenario, opts);
+    if (const auto err = daemon.start()) {
+        std::fprintf(stderr, "ipsimd: %s\n", err->c_str());
+        return 1;
+    }
+    g_daemon = &daemon;
+    struct sigaction sa {};
+    sa.sa_handler = on_signal;
+    ::sigaction(SIGTERM, &sa, nullptr);
+    ::sigaction(SIGINT, &sa, nullptr);
+    SIM_LOG(kInfo, "instance %s: %zu nodes, scenario %s", opts.instance.c_str(), daemon.node_count(),
+            scenario.source.c_str());
+    std::printf("ready instance=%s nodes=%zu\n", opts.instance.c_str(), daemon.node_count());
+    std::fflush(stdout);
+    daemon.run();
+    g_daemon = nullptr;
+    SIM_LOG(kInfo, "stopped");
+    return 0;
+}

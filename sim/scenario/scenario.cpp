@@ -1,0 +1,731 @@
+// Scenario loading: YAML text to a checked Scenario.
+//
+// The document is read whole by yaml-cpp, then walked section by section in dependency
+// order (nodes, VRFs, interfaces, then everything that refers to them, then the device
+// section). Every value carries its dotted key and its line, so the first problem found is
+// reported exactly where it sits in the file.
+#include "scenario/scenario.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <span>
+#include <string_view>
+#include <utility>
+
+namespace sim::scenario {
+namespace {
+
+constexpr std::uint64_t kNodeMax = 0x7FFF;
+constexpr std::size_t kNameMax = 31;
+
+// ---------------------------------------------------------------------------------------
+// Values and their places in the document
+
+// A YAML node with the dotted key that leads to it and its 1-based line.
+struct Value {
+    YAML::Node node;
+    std::string key;
+    int line = 0;
+};
+
+int line_of(const YAML::Node& n) {
+    const YAML::Mark m = n.Mark();
+    return m.is_null() ? 0 : m.line + 1;
+}
+
+std::string join(const std::string& parent, std::string_view name) {
+    return parent.empty() ? std::string(name) : parent + "." + std::string(name);
+}
+
+std::string item_key(const std::string& parent, std::size_t i) {
+    return parent + "[" + std::to_string(i) + "]";
+}
+
+std::string quoted(std::string_view s) {
+    return "\"" + std::string(s) + "\"";
+}
+
+// Throws the error for one value; every check ends here.
+class Reporter {
+public:
+    explicit Reporter(std::string file) : file_(std::move(file)) {}
+
+    [[noreturn]] void fail(const Value& at, const std::string& what) const {
+        throw Error(file_, at.line, at.key, what);
+    }
+    [[noreturn]] void fail(int line, const std::string& key, const std::string& what) const {
+        throw Error(file_, line, key, what);
+    }
+
+private:
+    std::string file_;
+};
+
+using Keys = std::span<const std::string_view>;
+
+// A mapping whose keys were checked against the ones it may hold.
+class Map {
+public:
+    Map(const Reporter& r, const Value& v, Keys known) : r_(r), self_(v) {
+        if (!v.node.IsMap()) r.fail(v, "expected a mapping");
+        for (auto it = v.node.begin(); it != v.node.end(); ++it) add(it->first, it->second, known);
+    }
+
+    std::optional<Value> find(std::string_view name) const {
+        for (const auto& [k, v] : entries_) {
+            if (k == name) return v;
+        }
+        return std::nullopt;
+    }
+
+    Value need(std::string_view name) const {
+        if (auto v = find(name)) return *v;
+        r_.fail(self_.line, join(self_.key, name), "missing");
+    }
+
+private:
+    void add(const YAML::Node& k, const YAML::Node& v, Keys known) {
+        const int key_line = line_of(k);
+        if (!k.IsScalar()) r_.fail(key_line, self_.key.empty() ? "<document>" : self_.key, "expected a key name");
+        const std::string& name = k.Scalar();
+        const std::string key = join(self_.key, name);
+        if (std::find(known.begin(), known.end(), name) == known.end()) r_.fail(key_line, key, "unknown key");
+        for (const auto& [seen, at] : entries_) {
+            if (seen == name) {
+                r_.fail(key_line, key, "duplicate key (first at line " + std::to_string(at.line) + ")");
+            }
+        }
+        // An empty value's mark points past its key, so it is reported on the key's line.
+        entries_.emplace_back(name, Value{v, key, v.IsNull() ? key_line : line_of(v)});
+    }
+
+    const Reporter& r_;
+    Value self_;
+    std::vector<std::pair<std::string, Value>> entries_;
+};
+
+// The items of a list section; an empty section (no value) has none.
+std::vector<Value> items(const Reporter& r, const std::optional<Value>& section) {
+    std::vector<Value> out;
+    if (!section || section->node.IsNull()) return out;
+    if (!section->node.IsSequence()) r.fail(*section, "expected a list");
+    for (std::size_t i = 0; i < section->node.size(); ++i) {
+        const YAML::Node n = section->node[i];
+        out.push_back(Value{n, item_key(section->key, i), n.IsNull() ? section->line : line_of(n)});
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------------------------------
+// Scalars
+
+// A plain scalar may be a number; a quoted one or one tagged as a string never is.
+bool plain(const Value& v) {
+    const std::string& tag = v.node.Tag();
+    return tag != "!" && tag != "tag:yaml.org,2002:str";
+}
+
+const std::string& text(const Reporter& r, const Value& v) {
+    if (v.node.IsNull()) r.fail(v, "missing value");
+    if (!v.node.IsScalar()) r.fail(v, "expected a single value, not a list or mapping");
+    return v.node.Scalar();
+}
+
+struct Parsed {
+    bool negative = false;
+    bool overflow = false;
+    std::uint64_t magnitude = 0;
+};
+
+// A hexadecimal digit's value; 99 for any other character.
+int digit_value(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return 99;
+}
+
+// Decimal, 0x hexadecimal or 0o octal, with an optional sign, as YAML writes integers.
+std::optional<Parsed> parse_integer(std::string_view s) {
+    Parsed p;
+    if (!s.empty() && (s.front() == '+' || s.front() == '-')) {
+        p.negative = s.front() == '-';
+        s.remove_prefix(1);
+    }
+    unsigned base = 10;
+    if (s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X')) base = 16;
+    if (s.size() > 2 && s[0] == '0' && s[1] == 'o') base = 8;
+    if (base != 10) s.remove_prefix(2);
+    if (s.empty()) return std::nullopt;
+    for (const char c : s) {
+        const int d = digit_value(c);
+        if (static_cast<unsigned>(d) >= base) return std::nullopt;
+        if (p.magnitude > (UINT64_MAX - static_cast<std::uint64_t>(d)) / base) p.overflow = true;
+        p.magnitude = p.magnitude * base + static_cast<std::uint64_t>(d);
+    }
+    return p;
+}
+
+bool integer_like(const Value& v) {
+    return v.node.IsScalar() && plain(v) && parse_integer(v.node.Scalar()).has_value();
+}
+
+std::uint64_t integer(const Reporter& r, const Value& v, std::uint64_t lo, std::uint64_t hi) {
+    const std::string& s = text(r, v);
+    const auto p = plain(v) ? parse_integer(s) : std::nullopt;
+    if (!p) r.fail(v, "expected an integer, got " + quoted(s));
+    const bool zero = p->magnitude == 0 && !p->overflow;
+    if (p->overflow || (p->negative && !zero) || p->magnitude < lo || p->magnitude > hi) {
+        r.fail(v, "must be between " + std::to_string(lo) + " and " + std::to_string(hi) + ", got " + s);
+    }
+    return p->magnitude;
+}
+
+template <typename T>
+T number(const Reporter& r, const Value& v, std::uint64_t lo, std::uint64_t hi) {
+    return static_cast<T>(integer(r, v, lo, hi));
+}
+
+bool boolean(const Reporter& r, const Value& v) {
+    static constexpr std::array<std::string_view, 3> kTrue{"true", "True", "TRUE"};
+    static constexpr std::array<std::string_view, 3> kFalse{"false", "False", "FALSE"};
+    const std::string& s = text(r, v);
+    if (plain(v) && std::find(kTrue.begin(), kTrue.end(), s) != kTrue.end()) return true;
+    if (plain(v) && std::find(kFalse.begin(), kFalse.end(), s) != kFalse.end()) return false;
+    r.fail(v, "expected true or false, got " + quoted(s));
+}
+
+template <typename T>
+using Name = std::pair<std::string_view, T>;
+template <typename T, std::size_t N>
+using Names = std::array<Name<T>, N>;
+
+template <typename T, std::size_t N>
+std::string name_list(const Names<T, N>& names) {
+    std::string out;
+    for (const auto& [name, value] : names) out += (out.empty() ? "" : ", ") + std::string(name);
+    return out;
+}
+
+template <typename T, std::size_t N>
+std::optional<T> lookup(const Names<T, N>& names, std::string_view s) {
+    for (const auto& [name, value] : names) {
+        if (name == s) return value;
+    }
+    return std::nullopt;
+}
+
+template <typename T, std::size_t N>
+T choice(const Reporter& r, const Value& v, const Names<T, N>& names) {
+    const std::string& s = text(r, v);
+    if (const auto found = lookup(names, s)) return *found;
+    r.fail(v, "expected one of " + name_list(names) + ", got " + quoted(s));
+}
+
+// A number, or one of the given names for one.
+template <typename T, std::size_t N>
+T number_or_name(const Reporter& r, const Value& v, std::uint64_t hi, const Names<T, N>& names) {
+    if (integer_like(v)) return number<T>(r, v, 0, hi);
+    const std::string& s = text(r, v);
+    if (const auto found = lookup(names, s)) return *found;
+    r.fail(v, "expected a number 0.." + std::to_string(hi) + " or one of " + name_list(names) + ", got " + quoted(s));
+}
+
+// Interface and VRF names: 1 to 31 printable characters, no spaces.
+std::string object_name(const Reporter& r, const Value& v) {
+    const std::string& s = text(r, v);
+    if (s.empty() || s.size() > kNameMax) r.fail(v, "must be 1 to 31 characters, got " + quoted(s));
+    for (const char c : s) {
+        if (c <= ' ' || c > '~') r.fail(v, "must be printable characters without spaces, got " + quoted(s));
+    }
+    return s;
+}
+
+std::string label(const Reporter& r, const Value& v) {
+    const std::string& s = text(r, v);
+    if (s.empty()) r.fail(v, "must not be empty");
+    for (const char c : s) {
+        if (c < ' ' || c > '~') r.fail(v, "must be printable characters, got " + quoted(s));
+    }
+    return s;
+}
+
+// ---------------------------------------------------------------------------------------
+// Addresses
+
+std::optional<std::array<std::uint8_t, 6>> parse_mac(std::string_view s) {
+    std::array<std::uint8_t, 6> mac{};
+    if (s.size() != 17) return std::nullopt;
+    for (std::size_t i = 0; i < mac.size(); ++i) {
+        const std::size_t at = i * 3;
+        if (i > 0 && s[at - 1] != ':') return std::nullopt;
+        const int hi = digit_value(s[at]);
+        const int lo = digit_value(s[at + 1]);
+        if (hi > 15 || lo > 15) return std::nullopt;
+        mac[i] = static_cast<std::uint8_t>(hi * 16 + lo);
+    }
+    return mac;
+}
+
+void read_mac(const Reporter& r, const Value& v, std::uint8_t (&out)[6]) {
+    const std::string& s = text(r, v);
+    const auto mac = parse_mac(s);
+    if (!mac) r.fail(v, "bad MAC address " + quoted(s) + " (expected six hex pairs such as 00:e0:fc:00:00:01)");
+    std::copy(mac->begin(), mac->end(), out);
+}
+
+struct Ip {
+    int family = AF_INET;
+    std::array<std::uint8_t, 16> bytes{};
+};
+
+std::optional<Ip> parse_ip(const std::string& s) {
+    Ip ip;
+    ip.family = s.find(':') != std::string::npos ? AF_INET6 : AF_INET;
+    if (inet_pton(ip.family, s.c_str(), ip.bytes.data()) != 1) return std::nullopt;
+    return ip;
+}
+
+unsigned max_prefix(int family) {
+    return family == AF_INET6 ? 128 : 32;
+}
+
+struct Prefix {
+    Ip ip;
+    unsigned len = 0;
+};
+
+std::optional<unsigned> parse_length(std::string_view s, unsigned max) {
+    if (s.empty() || s.size() > 3) return std::nullopt;
+    unsigned len = 0;
+    for (const char c : s) {
+        if (c < '0' || c > '9') return std::nullopt;
+        len = len * 10 + static_cast<unsigned>(c - '0');
+    }
+    if (len > max) return std::nullopt;
+    return len;
+}
+
+std::optional<Prefix> parse_prefix(const std::string& s) {
+    const auto slash = s.find('/');
+    if (slash == std::string::npos) return std::nullopt;
+    const auto ip = parse_ip(s.substr(0, slash));
+    if (!ip) return std::nullopt;
+    const auto len = parse_length(std::string_view(s).substr(slash + 1), max_prefix(ip->family));
+    if (!len) return std::nullopt;
+    return Prefix{*ip, *len};
+}
+
+bool host_bits_clear(const Prefix& p) {
+    const int size = p.ip.family == AF_INET6 ? 16 : 4;
+    for (int i = 0; i < size; ++i) {
+        const int kept = std::clamp(static_cast<int>(p.len) - i * 8, 0, 8);
+        const unsigned host_bits = 0xFFu >> kept;
+        if ((p.ip.bytes[static_cast<std::size_t>(i)] & host_bits) != 0) return false;
+    }
+    return true;
+}
+
+std::string prefix_hint(int family) {
+    return family == AF_INET6 ? "an IPv6 address with a prefix length 0..128"
+                              : "an IPv4 address with a prefix length 0..32";
+}
+
+std::uint32_t mask_of(unsigned len) {
+    return htonl(len == 0 ? 0u : ~0u << (32 - len));
+}
+
+std::uint32_t ipv4_word(const Ip& ip) {
+    std::uint32_t word = 0;
+    std::memcpy(&word, ip.bytes.data(), sizeof word);
+    return word;
+}
+
+// ---------------------------------------------------------------------------------------
+// The loader
+
+constexpr auto kRoles = std::to_array<Name<Role>>(
+    {{"member", Role::kMember}, {"master", Role::kMaster}, {"standby", Role::kStandby}});
+constexpr auto kNodeStates = std::to_array<Name<bool>>({{"up", true}, {"down", false}});
+constexpr auto kTypes = std::to_array<Name<std::uint32_t>>(
+    {{"null", 1}, {"ethernet", 6}, {"loopback", 24}, {"vlan-interface", 35}, {"tunnel", 71}});
+constexpr auto kMethods = std::to_array<Name<std::uint32_t>>(
+    {{"manual", kMethodManual}, {"dhcp", kMethodDhcp}, {"bootp", kMethodBootp}, {"mad", kMethodMad}});
+constexpr auto kStatuses =
+    std::to_array<Name<std::uint32_t>>({{"stopped", 0}, {"starting", 1}, {"running", 2}, {"absent", 4}});
+constexpr auto kNeighbourStates = std::to_array<Name<std::string_view>>(
+    {{"reachable", "reachable"}, {"stale", "stale"}, {"incomplete", "incomplete"}, {"static", "static"}});
+
+constexpr auto kSectionKeys = std::to_array<std::string_view>(
+    {"device", "nodes", "vrfs", "interfaces", "addresses", "services", "routes", "neighbours"});
+constexpr auto kDeviceKeys = std::to_array<std::string_view>({"master", "master_ep", "mdc", "mdc_child"});
+constexpr auto kNodeKeys = std::to_array<std::string_view>({"number", "chassis", "slot", "cpu", "role", "state"});
+constexpr auto kVrfKeys = std::to_array<std::string_view>({"index", "name"});
+constexpr auto kInterfaceKeys = std::to_array<std::string_view>({"index", "name", "node", "type", "flags", "kind",
+                                                                 "l2", "temp", "visible", "configured", "valid",
+                                                                 "vrf", "mac", "mtu"});
+constexpr auto kAddressKeys = std::to_array<std::string_view>({"interface", "address", "method", "sub", "vrf"});
+constexpr auto kServiceKeys = std::to_array<std::string_view>({"node", "name", "status"});
+constexpr auto kRouteKeys = std::to_array<std::string_view>({"vrf", "prefix", "next_hop", "interface", "node"});
+constexpr auto kNeighbourKeys = std::to_array<std::string_view>({"interface", "address", "mac", "state"});
+
+class Loader {
+public:
+    Loader(const Reporter& r, const YAML::Node& root) : r_(r), root_(r, Value{root, "", line_of(root)}, kSectionKeys) {}
+
+    Scenario run(std::string source) {
+        s_.source = std::move(source);
+        load_nodes(root_.need("nodes"));
+        load_vrfs(root_.find("vrfs"));
+        load_interfaces(root_.need("interfaces"));
+        for (const Value& v : items(r_, root_.find("addresses"))) s_.addresses.push_back(address(v));
+        load_services(root_.find("services"));
+        for (const Value& v : items(r_, root_.find("routes"))) s_.routes.push_back(route(v));
+        for (const Value& v : items(r_, root_.find("neighbours"))) s_.neighbours.push_back(neighbour(v));
+        load_device(root_.find("device"));
+        return std::move(s_);
+    }
+
+private:
+    // Nodes --------------------------------------------------------------------------
+
+    void load_nodes(const Value& section) {
+        if (section.node.IsNull()) r_.fail(section, "expected a list of nodes");
+        for (const Value& v : items(r_, section)) s_.nodes.push_back(node(v));
+        if (s_.master == 0) r_.fail(section, "no node has role master");
+    }
+
+    Node node(const Value& v) {
+        const Map m(r_, v, kNodeKeys);
+        Node n;
+        const Value number_v = m.need("number");
+        n.number = number<std::uint16_t>(r_, number_v, 1, kNodeMax);
+        if (const auto first = node_lines_.find(n.number); first != node_lines_.end()) {
+            r_.fail(number_v, "duplicate node " + std::to_string(n.number) + " (first at line " +
+                                  std::to_string(first->second) + ")");
+        }
+        node_lines_[n.number] = number_v.line;
+        if (auto x = m.find("chassis")) n.chassis = number<std::uint16_t>(r_, *x, 0, 0xFFFF);
+        if (auto x = m.find("slot")) n.slot = number<std::uint16_t>(r_, *x, 0, 0xFFFF);
+        if (auto x = m.find("cpu")) n.cpu = number<std::uint16_t>(r_, *x, 0, 0xFFFF);
+        if (auto x = m.find("role")) n.role = choice(r_, *x, kRoles);
+        if (n.role == Role::kMaster) {
+            if (s_.master != 0) {
+                r_.fail(m.need("role"), "a second node with role master (node " + std::to_string(s_.master) +
+                                            " is master)");
+            }
+            s_.master = n.number;
+        }
+        if (auto x = m.find("state")) n.up = choice(r_, *x, kNodeStates);
+        return n;
+    }
+
+    // A node reference; 0 is accepted where `zero_ok` (meaning every node).
+    std::uint16_t node_ref(const Value& v, bool zero_ok = false) {
+        const auto n = number<std::uint16_t>(r_, v, zero_ok ? 0 : 1, kNodeMax);
+        if (n != 0 && !node_lines_.contains(n)) r_.fail(v, "no node " + std::to_string(n));
+        return n;
+    }
+
+    // VRFs ---------------------------------------------------------------------------
+
+    struct Listed {
+        Vrf vrf;
+        Value name;
+    };
+
+    void load_vrfs(const std::optional<Value>& section) {
+        std::vector<Listed> listed;
+        std::map<std::uint16_t, int> index_lines;
+        for (const Value& v : items(r_, section)) {
+            const Map m(r_, v, kVrfKeys);
+            const Value index_v = m.need("index");
+            Listed l{Vrf{number<std::uint16_t>(r_, index_v, 0, 0xFFFF), ""}, m.need("name")};
+            l.vrf.name = object_name(r_, l.name);
+            if (const auto first = index_lines.find(l.vrf.index); first != index_lines.end()) {
+                r_.fail(index_v, "duplicate VRF " + std::to_string(l.vrf.index) + " (first at line " +
+                                     std::to_string(first->second) + ")");
+            }
+            index_lines[l.vrf.index] = index_v.line;
+            listed.push_back(std::move(l));
+        }
+        const bool public_listed = index_lines.contains(0);
+        if (!public_listed) s_.vrfs.push_back(Vrf{0, "public"});
+        for (Listed& l : listed) add_vrf(std::move(l), public_listed);
+        std::stable_partition(s_.vrfs.begin(), s_.vrfs.end(), [](const Vrf& v) { return v.index == 0; });
+    }
+
+    void add_vrf(Listed l, bool public_listed) {
+        for (const Vrf& seen : s_.vrfs) {
+            if (seen.name != l.vrf.name) continue;
+            const std::string where = seen.index == 0 && !public_listed
+                                          ? "the public VRF's name"
+                                          : "also the name of VRF " + std::to_string(seen.index);
+            r_.fail(l.name, "duplicate VRF name " + quoted(l.vrf.name) + " (" + where + ")");
+        }
+        s_.vrfs.push_back(std::move(l.vrf));
+    }
+
+    // A VRF by index (a plain integer) or by name.
+    std::uint16_t vrf_ref(const Value& v) {
+        if (integer_like(v)) {
+            const auto index = number<std::uint16_t>(r_, v, 0, 0xFFFF);
+            if (!find_vrf([&](const Vrf& x) { return x.index == index; })) {
+                r_.fail(v, "no VRF " + std::to_string(index));
+            }
+            return index;
+        }
+        const std::string& name = text(r_, v);
+        const Vrf* found = find_vrf([&](const Vrf& x) { return x.name == name; });
+        if (found == nullptr) r_.fail(v, "no VRF named " + quoted(name));
+        return found->index;
+    }
+
+    template <typename Pred>
+    const Vrf* find_vrf(Pred pred) const {
+        const auto it = std::find_if(s_.vrfs.begin(), s_.vrfs.end(), pred);
+        return it == s_.vrfs.end() ? nullptr : &*it;
+    }
+
+    // Interfaces ---------------------------------------------------------------------
+
+    void load_interfaces(const Value& section) {
+        std::map<std::uint32_t, int> index_lines;
+        std::map<std::string, int> name_lines;
+        for (const Value& v : items(r_, section)) {
+            const Map m(r_, v, kInterfaceKeys);
+            const Value index_v = m.need("index");
+            const Value name_v = m.need("name");
+            Interface i = interface(m, index_v, name_v);
+            if (const auto first = index_lines.find(i.index); first != index_lines.end()) {
+                r_.fail(index_v, "duplicate interface index " + std::to_string(i.index) + " (first at line " +
+                                     std::to_string(first->second) + ")");
+            }
+            if (const auto first = name_lines.find(i.name); first != name_lines.end()) {
+                r_.fail(name_v, "duplicate interface name " + quoted(i.name) + " (first at line " +
+                                    std::to_string(first->second) + ")");
+            }
+            index_lines[i.index] = index_v.line;
+            name_lines[i.name] = name_v.line;
+            s_.interfaces.push_back(std::move(i));
+        }
+    }
+
+    Interface interface(const Map& m, const Value& index_v, const Value& name_v) {
+        Interface i;
+        i.index = number<std::uint32_t>(r_, index_v, 1, 0xFFFFFFFF);
+        i.name = object_name(r_, name_v);
+        i.node = node_ref(m.need("node"));
+        i.type = number_or_name(r_, m.need("type"), 255, kTypes);
+        if (auto x = m.find("flags")) i.flags = number<std::uint32_t>(r_, *x, 0, 0xFFFFFFFF);
+        if (auto x = m.find("kind")) i.kind = number<std::uint32_t>(r_, *x, 0, 0xFFFFFFFF);
+        if (auto x = m.find("l2")) i.l2 = boolean(r_, *x);
+        if (auto x = m.find("temp")) i.temp = boolean(r_, *x);
+        if (auto x = m.find("visible")) i.visible = boolean(r_, *x);
+        if (auto x = m.find("configured")) i.configured = boolean(r_, *x);
+        if (auto x = m.find("valid")) i.valid = boolean(r_, *x);
+        if (auto x = m.find("vrf")) i.vrf = vrf_ref(*x);
+        if (auto x = m.find("mtu")) i.mtu = number<std::uint32_t>(r_, *x, 0, 0xFFFF);
+        if (auto x = m.find("mac")) {
+            read_mac(r_, *x, i.mac);
+        } else {
+            const std::uint8_t mac[6] = {0x00, 0xe0, 0xfc, 0x00, static_cast<std::uint8_t>((i.index >> 8) & 0xFF),
+                                         static_cast<std::uint8_t>(i.index & 0xFF)};
+            std::copy(std::begin(mac), std::end(mac), i.mac);
+        }
+        return i;
+    }
+
+    // An interface by index (a plain integer) or by name.
+    const Interface& interface_ref(const Value& v) {
+        const auto matches = [&](auto pred) {
+            return std::find_if(s_.interfaces.begin(), s_.interfaces.end(), pred);
+        };
+        if (integer_like(v)) {
+            const auto index = number<std::uint32_t>(r_, v, 1, 0xFFFFFFFF);
+            const auto it = matches([&](const Interface& i) { return i.index == index; });
+            if (it == s_.interfaces.end()) r_.fail(v, "no interface " + std::to_string(index));
+            return *it;
+        }
+        const std::string& name = text(r_, v);
+        const auto it = matches([&](const Interface& i) { return i.name == name; });
+        if (it == s_.interfaces.end()) r_.fail(v, "no interface named " + quoted(name));
+        return *it;
+    }
+
+    // Addresses, services, routes, neighbours ----------------------------------------
+
+    Address address(const Value& v) {
+        const Map m(r_, v, kAddressKeys);
+        Address a;
+        a.ifindex = interface_ref(m.need("interface")).index;
+        const Value addr_v = m.need("address");
+        const std::string& s = text(r_, addr_v);
+        const auto p = parse_prefix(s);
+        if (!p || p->ip.family != AF_INET) {
+            r_.fail(addr_v, "bad address " + quoted(s) + " (expected " + prefix_hint(AF_INET) + ")");
+        }
+        a.addr = ipv4_word(p->ip);
+        a.mask = mask_of(p->len);
+        if (auto x = m.find("method")) a.method = choice(r_, *x, kMethods);
+        if (auto x = m.find("sub")) a.sub = boolean(r_, *x);
+        if (auto x = m.find("vrf")) a.vrf = vrf_ref(*x);
+        return a;
+    }
+
+    void load_services(const std::optional<Value>& section) {
+        std::map<std::pair<std::uint16_t, std::string>, int> lines;
+        for (const Value& v : items(r_, section)) {
+            const Map m(r_, v, kServiceKeys);
+            Service svc;
+            svc.node = node_ref(m.need("node"));
+            const Value name_v = m.need("name");
+            svc.name = label(r_, name_v);
+            if (auto x = m.find("status")) svc.status = number_or_name(r_, *x, 0xFFFFFFFF, kStatuses);
+            const auto [it, fresh] = lines.emplace(std::pair{svc.node, svc.name}, name_v.line);
+            if (!fresh) {
+                r_.fail(name_v, "duplicate service " + quoted(svc.name) + " on node " + std::to_string(svc.node) +
+                                    " (first at line " + std::to_string(it->second) + ")");
+            }
+            s_.services.push_back(std::move(svc));
+        }
+    }
+
+    Route route(const Value& v) {
+        const Map m(r_, v, kRouteKeys);
+        Route rt;
+        if (auto x = m.find("vrf")) rt.vrf = vrf_ref(*x);
+        const Value prefix_v = m.need("prefix");
+        const Prefix p = route_prefix(prefix_v);
+        rt.family = p.ip.family;
+        std::copy(p.ip.bytes.begin(), p.ip.bytes.end(), rt.prefix);
+        rt.prefix_len = static_cast<std::uint8_t>(p.len);
+        if (auto x = m.find("next_hop")) {
+            const Ip hop = ip_address(*x);
+            if (hop.family != p.ip.family) r_.fail(*x, "next hop is not of the prefix's address family");
+            std::copy(hop.bytes.begin(), hop.bytes.end(), rt.next_hop);
+        }
+        if (auto x = m.find("interface")) rt.ifindex = interface_ref(*x).index;
+        if (auto x = m.find("node")) rt.node = node_ref(*x, true);
+        return rt;
+    }
+
+    Prefix route_prefix(const Value& v) {
+        const std::string& s = text(r_, v);
+        const auto p = parse_prefix(s);
+        if (!p) {
+            const int family = s.find(':') != std::string::npos ? AF_INET6 : AF_INET;
+            r_.fail(v, "bad prefix " + quoted(s) + " (expected " + prefix_hint(family) + ")");
+        }
+        if (!host_bits_clear(*p)) r_.fail(v, "bad prefix " + quoted(s) + " (bits set past the prefix length)");
+        return *p;
+    }
+
+    Ip ip_address(const Value& v) {
+        const std::string& s = text(r_, v);
+        const auto ip = parse_ip(s);
+        if (!ip) r_.fail(v, "bad address " + quoted(s) + " (expected an IPv4 or IPv6 address)");
+        return *ip;
+    }
+
+    Neighbour neighbour(const Value& v) {
+        const Map m(r_, v, kNeighbourKeys);
+        Neighbour n;
+        n.ifindex = interface_ref(m.need("interface")).index;
+        const Ip ip = ip_address(m.need("address"));
+        n.family = ip.family;
+        std::copy(ip.bytes.begin(), ip.bytes.end(), n.addr);
+        if (auto x = m.find("state")) n.state = choice(r_, *x, kNeighbourStates);
+        // An incomplete entry has not learnt its MAC address yet.
+        if (n.state == "incomplete") {
+            if (auto x = m.find("mac")) read_mac(r_, *x, n.mac);
+        } else {
+            read_mac(r_, m.need("mac"), n.mac);
+        }
+        return n;
+    }
+
+    // Device -------------------------------------------------------------------------
+
+    void load_device(const std::optional<Value>& section) {
+        if (!section || section->node.IsNull()) {
+            s_.master_ep = s_.master;
+            return;
+        }
+        const Map m(r_, *section, kDeviceKeys);
+        if (auto x = m.find("master")) {
+            const std::uint16_t master = node_ref(*x);
+            if (master != s_.master) {
+                r_.fail(*x, "node " + std::to_string(master) + " does not have role master (node " +
+                                std::to_string(s_.master) + " has)");
+            }
+        }
+        s_.master_ep = s_.master;
+        if (auto x = m.find("master_ep")) s_.master_ep = node_ref(*x);
+        if (auto x = m.find("mdc")) s_.mdc = number<std::uint16_t>(r_, *x, 1, 0xFFFF);
+        if (auto x = m.find("mdc_child")) s_.mdc_child = boolean(r_, *x);
+    }
+
+    const Reporter& r_;
+    Map root_;
+    Scenario s_;
+    std::map<std::uint16_t, int> node_lines_;
+};
+
+// ---------------------------------------------------------------------------------------
+// Documents
+
+YAML::Node parse_document(const std::string& text, const Reporter& r) {
+    std::vector<YAML::Node> docs;
+    try {
+        docs = YAML::LoadAll(text);
+    } catch (const YAML::Exception& e) {
+        r.fail(e.mark.is_null() ? 1 : e.mark.line + 1, "<document>", e.msg);
+    }
+    if (docs.empty()) r.fail(1, "<document>", "empty document");
+    if (docs.size() > 1) r.fail(line_of(docs[1]), "<document>", "more than one document");
+    if (!docs.front().IsMap()) r.fail(line_of(docs.front()), "<document>", "expected a mapping of sections");
+    return docs.front();
+}
+
+}  // namespace
+
+Scenario load_text(const std::string& text, const std::string& name) {
+    const Reporter r(name);
+    const YAML::Node root = parse_document(text, r);
+    try {
+        return Loader(r, root).run(name);
+    } catch (const YAML::Exception& e) {
+        // Not expected once the document parsed; kept so that only Error leaves this file.
+        r.fail(e.mark.is_null() ? 0 : e.mark.line + 1, "<document>", e.msg);
+    }
+}
+
+Scenario load_file(const std::string& path) {
+    std::FILE* f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr) throw Error(path, 0, "<file>", std::string("cannot open: ") + std::strerror(errno));
+    std::string text;
+    std::array<char, 4096> buf{};
+    std::size_t n = 0;
+    while ((n = std::fread(buf.data(), 1, buf.size(), f)) > 0) text.append(buf.data(), n);
+    const bool failed = std::ferror(f) != 0;
+    const int err = errno;
+    std::fclose(f);
+    if (failed) throw Error(path, 0, "<file>", std::string("cannot read: ") + std::strerror(err));
+    return load_text(text, path);
+}
+
+Scenario load_default() {
+    return load_text(default_text(), "<default>");
+}
+
+}  // namespace sim::scenario

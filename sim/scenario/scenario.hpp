@@ -1,0 +1,129 @@
+// The scenario: what the simulated device holds when ipsimd starts.
+//
+// Loaded from a YAML file (docs/scenario.md) or from the bundled default scenario. Loading
+// validates the whole file; a wrong file is refused with an error that names the file, the
+// line and the key.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace sim::scenario {
+
+enum class Role { kMember, kMaster, kStandby };
+
+struct Node {
+    std::uint16_t number = 0;   // 1..0x7FFF (0x8000 is the own-node alias)
+    std::uint16_t chassis = 0;
+    std::uint16_t slot = 0;
+    std::uint16_t cpu = 0;
+    Role role = Role::kMember;
+    bool up = true;
+};
+
+struct Vrf {
+    std::uint16_t index = 0;    // 0 is the public instance, always present
+    std::string name;           // at most 31 characters
+};
+
+struct Interface {
+    std::uint32_t index = 0;    // non-zero, unique
+    std::string name;           // full name, at most 31 characters, unique
+    std::uint16_t node = 0;     // owning node, one of the nodes
+    std::uint32_t type = 0;     // platform interface type code 0..255
+    std::uint32_t flags = 0;    // flags word (0x10: spans nodes)
+    std::uint32_t kind = 0;
+    bool l2 = false;
+    bool temp = false;
+    bool visible = true;
+    bool configured = true;
+    bool valid = true;
+    std::uint16_t vrf = 0;      // one of the VRFs
+    std::uint8_t mac[6] = {};   // default: 00:e0:fc:00:<index>
+    std::uint32_t mtu = 1500;
+};
+
+// Configuration methods of an address, as the address module's method bits.
+inline constexpr std::uint32_t kMethodManual = 1;
+inline constexpr std::uint32_t kMethodDhcp = 4;
+inline constexpr std::uint32_t kMethodBootp = 8;
+inline constexpr std::uint32_t kMethodMad = 0x40000;
+
+struct Address {
+    std::uint32_t ifindex = 0;  // resolved from the interface's name or index
+    std::uint32_t addr = 0;     // IPv4, network order
+    std::uint32_t mask = 0;     // network order, from the prefix length
+    std::uint32_t method = kMethodManual;
+    bool sub = false;           // secondary address
+    std::optional<std::uint16_t> vrf;  // default: the interface's VRF
+};
+
+struct Service {
+    std::uint16_t node = 0;
+    std::string name;           // e.g. "IPStack", "DHCPC"
+    std::uint32_t status = 2;   // service manager status: 0 stopped, 1 starting, 2 running, 4 absent
+};
+
+// Routes and neighbours are kept for the FIB and neighbour modules.
+struct Route {
+    std::uint16_t vrf = 0;
+    int family = 2;             // 2 IPv4, 10 IPv6
+    std::uint8_t prefix[16] = {};  // network order
+    std::uint8_t prefix_len = 0;
+    std::uint8_t next_hop[16] = {};
+    std::uint32_t ifindex = 0;  // 0: none
+    std::uint16_t node = 0;     // 0: every node
+};
+
+struct Neighbour {
+    std::uint32_t ifindex = 0;
+    int family = 2;
+    std::uint8_t addr[16] = {};
+    std::uint8_t mac[6] = {};
+    std::string state = "reachable";  // reachable, stale, incomplete, static
+};
+
+struct Scenario {
+    std::string source;                 // file name, or "<default>"
+    std::uint16_t master = 0;           // node of role master
+    std::uint16_t master_ep = 0;        // default: master
+    std::uint16_t mdc = 1;
+    bool mdc_child = false;
+    std::vector<Node> nodes;
+    std::vector<Vrf> vrfs;              // always holds index 0
+    std::vector<Interface> interfaces;
+    std::vector<Address> addresses;
+    std::vector<Service> services;
+    std::vector<Route> routes;
+    std::vector<Neighbour> neighbours;
+};
+
+// A refused scenario: what() reads "<file>:<line>: <key>: <what is wrong>".
+class Error : public std::runtime_error {
+public:
+    Error(const std::string& file, int line, const std::string& key, const std::string& what)
+        : std::runtime_error(file + ":" + std::to_string(line) + ": " + key + ": " + what),
+          file_(file), line_(line), key_(key) {}
+    const std::string& file() const noexcept { return file_; }
+    int line() const noexcept { return line_; }
+    const std::string& key() const noexcept { return key_; }
+
+private:
+    std::string file_;
+    int line_;
+    std::string key_;
+};
+
+// Loads and validates a scenario file; throws Error.
+Scenario load_file(const std::string& path);
+// Loads and validates scenario text; `name` stands for the file in errors.
+Scenario load_text(const std::string& text, const std::string& name);
+// The bundled default scenario.
+Scenario load_default();
+// The bundled default scenario's text.
+const char* default_text() noexcept;
+
+}  // namespace sim::scenario
