@@ -1,0 +1,49 @@
+// Shared helpers of the end-to-end tests.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+
+#include "e2e/sim_process.hpp"
+
+namespace e2e {
+
+// An IPv4 address or mask in network order.
+inline std::uint32_t ip(const char* text) {
+    std::uint32_t v = 0;
+    EXPECT_EQ(::inet_pton(AF_INET, text, &v), 1) << text;
+    return v;
+}
+
+inline std::string dotted(std::uint32_t network_order) {
+    char buf[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &network_order, buf, sizeof buf);
+    return buf;
+}
+
+// Interfaces of the bundled default scenario.
+inline constexpr std::uint32_t kMgmt = 1;       // M-GigabitEthernet0/0/0, node 1
+inline constexpr std::uint32_t kGe1 = 2;        // GigabitEthernet1/0/1, node 1
+inline constexpr std::uint32_t kGeVpn = 3;      // GigabitEthernet1/0/2, node 1, VRF 1
+inline constexpr std::uint32_t kGeNode2 = 4;    // GigabitEthernet1/1/1, node 2
+inline constexpr std::uint32_t kVlan1 = 5;      // Vlan-interface1, spans nodes
+inline constexpr std::uint32_t kLoop0 = 7;      // LoopBack0
+
+// A test with a fresh simulator on the default scenario (or SetUp's arguments).
+class SimTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(sim.start(args())) << sim.log(); }
+    void TearDown() override {
+        if (sim.running()) {
+            EXPECT_EQ(sim.stop(), 0) << sim.log();
+        }
+    }
+    virtual std::vector<std::string> args() { return {}; }
+
+    SimProcess sim;
+};
+
+}  // namespace e2e

@@ -1,0 +1,72 @@
+// A running ipsimd for end-to-end tests: started as a process on a scenario and a state
+// directory of the test's own, waited for until it prints its ready line, and stopped at
+// the end. Tests then reach it only through the library's public C API, as an
+// application would; the process's instance (IPCLIENT_INSTANCE) is set before the first
+// library call.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace e2e {
+
+// The instance every simulator of this test process runs for.
+const std::string& instance();
+
+class SimProcess {
+public:
+    SimProcess() = default;
+    ~SimProcess();
+    SimProcess(const SimProcess&) = delete;
+    SimProcess& operator=(const SimProcess&) = delete;
+
+    // Starts ipsimd with the arguments (instance and state are added); true once it is
+    // ready. The ready line is kept in ready_line().
+    bool start(const std::vector<std::string>& args = {});
+    // SIGTERM, and the exit status (-1 when it did not exit within the time).
+    int stop(std::chrono::milliseconds within = std::chrono::milliseconds(2000));
+    // SIGKILL, and waits for the end.
+    void kill9();
+    bool running() const noexcept { return pid_ > 0; }
+    pid_t pid() const noexcept { return pid_; }
+    const std::string& ready_line() const noexcept { return ready_; }
+    const std::string& state_dir();
+    // What the simulator wrote on standard error so far.
+    std::string log() const;
+    // Resident memory of the simulator in KiB (VmRSS).
+    long rss_kib() const;
+
+private:
+    pid_t pid_ = -1;
+    std::string ready_;
+    std::string state_;
+    std::string log_path_;
+};
+
+// A temporary file with the given text; removed at exit.
+std::string temp_file(const std::string& name, const std::string& text);
+
+// Runs a program with the environment plus `env`, its standard output captured; waits at
+// most `limit`. Returns the exit status (or -1) and fills out.
+int run(const std::vector<std::string>& argv, std::string* out, std::string* err = nullptr,
+        std::chrono::milliseconds limit = std::chrono::milliseconds(10000));
+
+// A child process whose standard output the test reads line by line.
+class Child {
+public:
+    explicit Child(const std::vector<std::string>& argv);
+    ~Child();
+    // The next line, or false after `limit`.
+    bool line(std::string* out, std::chrono::milliseconds limit = std::chrono::milliseconds(5000));
+    int wait();
+
+private:
+    pid_t pid_ = -1;
+    int out_ = -1;
+    std::string buf_;
+};
+
+}  // namespace e2e
