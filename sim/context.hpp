@@ -9,6 +9,7 @@
 
 #include "core/capture.hpp"
 #include "core/loop.hpp"
+#include "device/anchors.hpp"
 #include "device/database.hpp"
 #include "device/device.hpp"
 #include "modules/addr_table.hpp"
@@ -30,12 +31,15 @@ struct Context {
     Store& store;
     Capture& capture;
     Database& database;
+    Anchors& anchors;
     // Subscribers of address events (port 11547) and control connections registered for
     // interface-configuration messages (port 1653).
     std::set<AddrEventConn*> addr_subscribers;
     std::set<AddrCfgConn*> ifcfg_subscribers;
     // Connections subscribed to kernel events, by event class.
     std::multimap<std::uint32_t, Conn*> kevent_subscribers;
+    // Device-channel connections of each client process; its walk paths end with the last.
+    std::map<pid_t, std::size_t> device_clients;
 };
 
 // The kernel modules behind CIOCTL: the module's status; reply bytes in `reply`.

@@ -14,7 +14,7 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
       device_(s),
       addr_module_(device_, addrs_),
       database_(device_, addrs_),
-      ctx_{loop_, device_, addrs_, addr_module_, services_, store_, capture_, database_, {}, {}, {}} {
+      ctx_{loop_, device_, addrs_, addr_module_, services_, store_, capture_, database_, anchors_, {}, {}, {}, {}} {
     addrs_.interface_vrf = [this](std::uint32_t ifindex) {
         const auto* i = device_.interface(ifindex);
         return i != nullptr ? i->vrf : std::uint16_t{0};
@@ -40,7 +40,8 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
     };
 }
 
-Daemon::~Daemon() = default;
+// The connections refer to the context; they end before it does.
+Daemon::~Daemon() { loop_.close_all(); }
 
 void Daemon::persist(const AddrChange& change) {
     const IPAddrKey& k = change.info.stEntry.stKey;

@@ -43,6 +43,7 @@ private:
     Store store_;
     Capture capture_;
     Database database_;
+    Anchors anchors_;
     Context ctx_;
     bool listening_ = false;
 };

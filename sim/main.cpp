@@ -7,11 +7,14 @@
 // every channel listens, logs to standard error, and exits 0 on SIGTERM or SIGINT.
 // Exit status: 0 done, 1 the simulator could not start, 2 bad arguments or a refused
 // scenario.
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
@@ -59,21 +62,29 @@ int main(int argc, char** argv) {
     sim::log::parse_level(level, &lv);
     sim::log::set_level(lv);
 
-    sim::scenario::Scenario scenario;
-    try {
-        scenario = scenario_file.empty() ? sim::scenario::load_default() : sim::scenario::load_file(scenario_file);
-    } catch (const sim::scenario::Error& e) {
-        std::fprintf(stderr, "ipsimd: scenario refused: %s\n", e.what());
-        return 2;
+    std::unique_ptr<sim::Daemon> owner;
+    std::string source;
+    {
+        sim::scenario::Scenario scenario;
+        try {
+            scenario = scenario_file.empty() ? sim::scenario::load_default() : sim::scenario::load_file(scenario_file);
+        } catch (const sim::scenario::Error& e) {
+            std::fprintf(stderr, "ipsimd: scenario refused: %s\n", e.what());
+            return 2;
+        }
+        if (check) {
+            std::printf("scenario %s: %zu nodes, %zu interfaces, %zu addresses\n", scenario.source.c_str(),
+                        scenario.nodes.size(), scenario.interfaces.size(), scenario.addresses.size());
+            return 0;
+        }
+        source = scenario.source;
+        owner = std::make_unique<sim::Daemon>(scenario, opts);
     }
-    if (check) {
-        std::printf("scenario %s: %zu nodes, %zu interfaces, %zu addresses\n", scenario.source.c_str(),
-                    scenario.nodes.size(), scenario.interfaces.size(), scenario.addresses.size());
-        return 0;
-    }
+    // Parsing a large scenario leaves much freed heap behind; hand it back to the system.
+    ::malloc_trim(0);
 
     ::signal(SIGPIPE, SIG_IGN);
-    sim::Daemon daemon(scenario, opts);
+    sim::Daemon& daemon = *owner;
     if (const auto err = daemon.start()) {
         std::fprintf(stderr, "ipsimd: %s\n", err->c_str());
         return 1;
@@ -84,7 +95,7 @@ int main(int argc, char** argv) {
     ::sigaction(SIGTERM, &sa, nullptr);
     ::sigaction(SIGINT, &sa, nullptr);
     SIM_LOG(kInfo, "instance %s: %zu nodes, scenario %s", opts.instance.c_str(), daemon.node_count(),
-            scenario.source.c_str());
+            source.c_str());
     std::printf("ready instance=%s nodes=%zu\n", opts.instance.c_str(), daemon.node_count());
     std::fflush(stdout);
     daemon.run();

@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -43,6 +44,7 @@ using ipp::anchors;
 extern "C" {
 
 uint64_t ANCHOR_BeginPath(void* anchor, uint32_t key, uint64_t position, void* context) {
+    if (ipp::dev::active()) return ipp::dev::anchor_begin(anchor, key, position, context);
     const std::lock_guard lock(anchors().mu);
     if (anchors().fail_next_begin) {
         anchors().fail_next_begin = false;
@@ -54,6 +56,7 @@ uint64_t ANCHOR_BeginPath(void* anchor, uint32_t key, uint64_t position, void* c
 }
 
 uint32_t ANCHOR_Inquire(void* anchor, uint64_t path, uint64_t* position, void** context) {
+    if (ipp::dev::active()) return ipp::dev::anchor_inquire(anchor, path, position, context);
     const std::lock_guard lock(anchors().mu);
     const auto it = anchors().paths.find(path);
     if (it == anchors().paths.end() || it->second.anchor != anchor) return 0x40010001u;
@@ -63,6 +66,7 @@ uint32_t ANCHOR_Inquire(void* anchor, uint64_t path, uint64_t* position, void** 
 }
 
 uint32_t ANCHOR_Set(void* anchor, uint64_t path, uint64_t position) {
+    if (ipp::dev::active()) return ipp::dev::anchor_set(anchor, path, position);
     const std::lock_guard lock(anchors().mu);
     const auto it = anchors().paths.find(path);
     if (it == anchors().paths.end() || it->second.anchor != anchor) return 0x40010001u;
@@ -71,6 +75,7 @@ uint32_t ANCHOR_Set(void* anchor, uint64_t path, uint64_t position) {
 }
 
 void ANCHOR_EndPath(void* anchor, uint64_t path, ANCHOR_RELEASE_PF release) {
+    if (ipp::dev::active()) return ipp::dev::anchor_end(anchor, path, release);
     void* context = nullptr;
     {
         const std::lock_guard lock(anchors().mu);

@@ -75,4 +75,10 @@ void dbm_free_iterator(void* iterator) noexcept;
 std::uint32_t dbm_close(void* handle) noexcept;
 std::int32_t dbm_len(void* handle, const void* key, std::uint32_t key_len) noexcept;
 
+std::uint64_t anchor_begin(void* anchor, std::uint32_t key, std::uint64_t position, void* context) noexcept;
+std::uint32_t anchor_inquire(void* anchor, std::uint64_t path, std::uint64_t* position, void** context) noexcept;
+std::uint32_t anchor_set(void* anchor, std::uint64_t path, std::uint64_t position) noexcept;
+// Ends the path; the context is handed to release (when given) in any case of a known path.
+void anchor_end(void* anchor, std::uint64_t path, void (*release)(void*)) noexcept;
+
 }  // namespace ipp::dev

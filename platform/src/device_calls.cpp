@@ -1,5 +1,7 @@
 // The platform calls that a simulated device answers, each as one call on the device channel.
 #include <cstdlib>
+#include <map>
+#include <mutex>
 #include <cstring>
 #include <new>
 
@@ -35,6 +37,18 @@ struct DbmIterator {
     std::uint32_t position = 0;
 };
 constexpr std::uintptr_t kHandleTag = 0x1;  // handles are odd, so that null is never one
+
+// Contexts of the walk paths this process began; the cursors live in the simulator.
+struct PathContexts {
+    std::mutex mu;
+    std::map<std::uint64_t, void*> by_path;
+};
+PathContexts& path_contexts() {
+    static PathContexts p;
+    return p;
+}
+
+std::uint64_t anchor_word(void* anchor) noexcept { return reinterpret_cast<std::uintptr_t>(anchor); }
 
 std::uint32_t handle_id(void* h) noexcept { return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(h) >> 1); }
 
@@ -284,6 +298,67 @@ std::int32_t dbm_len(void* handle, const void* key, std::uint32_t key_len) noexc
     const auto a = call(Call::kDbmLen, f.span(), {static_cast<const std::uint8_t*>(key), key_len}, answer);
     if (!a || a->result != 0 || a->len < 4) return -1;
     return static_cast<std::int32_t>(load_be<std::uint32_t>(answer));
+}
+
+std::uint64_t anchor_begin(void* anchor, std::uint32_t key, std::uint64_t position, void* context) noexcept {
+    Frame<20> f;
+    f.be<0>(anchor_word(anchor));
+    f.be<8>(key);
+    f.be<12>(position);
+    const auto r = ask<8>(Call::kAnchorBegin, f);
+    const std::uint64_t path = r ? load_be<std::uint64_t>(r->data()) : 0;
+    if (path == 0) return 0;
+    try {
+        const std::lock_guard lock(path_contexts().mu);
+        path_contexts().by_path[path] = context;
+    } catch (...) {
+        return 0;
+    }
+    return path;
+}
+
+std::uint32_t anchor_inquire(void* anchor, std::uint64_t path, std::uint64_t* position, void** context) noexcept {
+    Frame<16> f;
+    f.be<0>(anchor_word(anchor));
+    f.be<8>(path);
+    const auto r = ask<8>(Call::kAnchorInquire, f);
+    if (!r) return kFailure;
+    if (position != nullptr) *position = load_be<std::uint64_t>(r->data());
+    if (context != nullptr) {
+        const std::lock_guard lock(path_contexts().mu);
+        const auto it = path_contexts().by_path.find(path);
+        *context = it != path_contexts().by_path.end() ? it->second : nullptr;
+    }
+    return 0;
+}
+
+std::uint32_t anchor_set(void* anchor, std::uint64_t path, std::uint64_t position) noexcept {
+    Frame<24> f;
+    f.be<0>(anchor_word(anchor));
+    f.be<8>(path);
+    f.be<16>(position);
+    const auto a = call(Call::kAnchorSet, f.span(), {}, {});
+    return a ? a->result : kFailure;
+}
+
+void anchor_end(void* anchor, std::uint64_t path, void (*release)(void*)) noexcept {
+    Frame<16> f;
+    f.be<0>(anchor_word(anchor));
+    f.be<8>(path);
+    const auto a = call(Call::kAnchorEnd, f.span(), {}, {});
+    if (!a || a->result != 0) return;  // not a path of this anchor: nothing ends
+    void* context = nullptr;
+    bool known = false;
+    {
+        const std::lock_guard lock(path_contexts().mu);
+        const auto it = path_contexts().by_path.find(path);
+        if (it != path_contexts().by_path.end()) {
+            context = it->second;
+            known = true;
+            path_contexts().by_path.erase(it);
+        }
+    }
+    if (known && release != nullptr) release(context);
 }
 
 }  // namespace ipp::dev

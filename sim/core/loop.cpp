@@ -117,9 +117,14 @@ Loop::Loop() : epfd_(::epoll_create1(EPOLL_CLOEXEC)), stop_fd_(::eventfd(0, EFD_
     ::epoll_ctl(epfd_, EPOLL_CTL_ADD, stop_fd_, &ev);
 }
 
-Loop::~Loop() {
+void Loop::close_all() {
+    retired_.clear();
     conns_.clear();
     listeners_.clear();
+}
+
+Loop::~Loop() {
+    close_all();
     ::close(stop_fd_);
     ::close(epfd_);
 }

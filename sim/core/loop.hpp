@@ -98,6 +98,8 @@ public:
 
     // Runs fn once after the delay (on the loop's thread).
     void after(std::chrono::milliseconds delay, std::function<void()> fn);
+    // Ends every connection and listener now (before the state they refer to is gone).
+    void close_all();
     // Runs until stop() (safe from a signal handler).
     void run();
     void stop() noexcept;

@@ -23,15 +23,18 @@ const char* call_name(std::uint32_t c) {
                                              "service-status", "service-start", "service-batch-start",
                                              "dump-request", "dump-pull",   "dump-terminate", "dbm-open",
                                              "dbm-next",    "dbm-close",     "dbm-len",       "kevent-subscribe",
-                                             "ping"};
+                                             "ping",        "anchor-begin",  "anchor-inquire", "anchor-set",
+                                             "anchor-end"};
     return c < std::size(kNames) ? kNames[c] : "unknown";
 }
 
 class DeviceConn : public Conn {
 public:
     DeviceConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid)
-        : Conn(loop, fd, where, pid), ctx_(ctx), out_(new std::uint8_t[kOutSize]) {}
-    ~DeviceConn() override { drop_subscription(); }
+        : Conn(loop, fd, where, pid), ctx_(ctx), out_(new std::uint8_t[kOutSize]) {
+        ++ctx_.device_clients[pid];
+    }
+    ~DeviceConn() override { leave(); }
 
 protected:
     void message(std::span<const std::uint8_t> msg) override {
@@ -52,7 +55,7 @@ protected:
         reply(result, w.ok() ? w.size() : 0);
     }
 
-    void closed() override { drop_subscription(); }
+    void closed() override { leave(); }
 
 private:
     void capture(const char* dir, std::span<const std::uint8_t> bytes, nlohmann::json fields) {
@@ -228,6 +231,33 @@ private:
                 return 0;
             }
             case Call::kPing: w.raw(r.rest()); return 0;
+            case Call::kAnchorBegin: {
+                const std::uint64_t anchor = r.be<std::uint64_t>();
+                const std::uint32_t key = r.be<std::uint32_t>();
+                const std::uint64_t position = r.be<std::uint64_t>();
+                if (!r.ok()) return kFailure;
+                w.be(ctx_.anchors.begin(peer_pid(), anchor, key, position));
+                return 0;
+            }
+            case Call::kAnchorInquire: {
+                const std::uint64_t anchor = r.be<std::uint64_t>();
+                const std::uint64_t path = r.be<std::uint64_t>();
+                const auto position = r.ok() ? ctx_.anchors.inquire(peer_pid(), anchor, path) : std::nullopt;
+                if (!position) return kFailure;
+                w.be(*position);
+                return 0;
+            }
+            case Call::kAnchorSet: {
+                const std::uint64_t anchor = r.be<std::uint64_t>();
+                const std::uint64_t path = r.be<std::uint64_t>();
+                const std::uint64_t position = r.be<std::uint64_t>();
+                return r.ok() && ctx_.anchors.set(peer_pid(), anchor, path, position) ? 0 : kFailure;
+            }
+            case Call::kAnchorEnd: {
+                const std::uint64_t anchor = r.be<std::uint64_t>();
+                const std::uint64_t path = r.be<std::uint64_t>();
+                return r.ok() && ctx_.anchors.end(peer_pid(), anchor, path) ? 0 : kFailure;
+            }
         }
         return kFailure;
     }
@@ -278,6 +308,18 @@ private:
         }
     }
 
+    void leave() {
+        drop_subscription();
+        if (counted_) {
+            counted_ = false;
+            const auto it = ctx_.device_clients.find(peer_pid());
+            if (it != ctx_.device_clients.end() && --it->second == 0) {
+                ctx_.device_clients.erase(it);
+                ctx_.anchors.drop_process(peer_pid());
+            }
+        }
+    }
+
     void drop_subscription() {
         if (!subscribed_) return;
         for (auto it = ctx_.kevent_subscribers.begin(); it != ctx_.kevent_subscribers.end();) {
@@ -293,6 +335,7 @@ private:
     std::unique_ptr<std::uint8_t[]> out_;
     std::uint16_t node_ = 0;
     bool subscribed_ = false;
+    bool counted_ = true;
 };
 
 }  // namespace

@@ -2,7 +2,8 @@
 //
 // Both read framed messages [BE16 type][BE16 total length][payload]. The IPStack daemon
 // understands:
-//   type 13, payload [BE32 24][BE32 4][BE32 interface index]: the interface's BPA
+//   type 13, payload [BE16 24][BE16 4][BE32 interface index] (an IP module request): the
+//     interface's BPA
 //     configuration, answered framed: [BE16 13][BE16 8][BE16 inbound][BE16 outbound];
 //   type 14, payload [BE32 interface index][BE16 inbound][BE16 outbound]: sets it;
 // the port-attack daemon:
@@ -53,8 +54,8 @@ private:
 
     void ipstack(std::uint16_t type, ipc::wire::Reader& r) {
         if (type == 13) {
-            const std::uint32_t op = r.be<std::uint32_t>();
-            const std::uint32_t len = r.be<std::uint32_t>();
+            const std::uint16_t op = r.be<std::uint16_t>();
+            const std::uint16_t len = r.be<std::uint16_t>();
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             if (!r.ok() || r.remaining() != 0 || op != 24 || len != 4 || !known_if(ifindex)) return result(kFailure);
             const IfSettings* s = ctx_.addrs.find_settings(ifindex);

@@ -12,6 +12,8 @@
 // A connection starts with kHello; its answer fixes the node the process runs on. A
 // kernel-event subscription is a connection of its own: after kKEventSubscribe is answered,
 // the simulator sends each notification of the class as one message with no header.
+// Walk cursors live in the simulator, where the tables whose elements they stand on are;
+// a path's context stays in the process that began it. A path ends with its process.
 // Every field is placed and read with the wire codec; all words are big-endian.
 #pragma once
 
@@ -46,6 +48,10 @@ enum class Call : std::uint32_t {
     kDbmLen = 21,           // [BE32 handle][key] -> [BE32 answer]
     kKEventSubscribe = 22,  // [BE32 class] (on a connection of its own)
     kPing = 23,             // [bytes] -> the same bytes
+    kAnchorBegin = 24,      // [BE64 anchor][BE32 key][BE64 position] -> [BE64 path, 0 refused]
+    kAnchorInquire = 25,    // [BE64 anchor][BE64 path] -> result 0 and [BE64 position]
+    kAnchorSet = 26,        // [BE64 anchor][BE64 path][BE64 position] -> result
+    kAnchorEnd = 27,        // [BE64 anchor][BE64 path] -> result
 };
 
 enum class IfPredicate : std::uint32_t { kValid = 0, kL2 = 1, kTemp = 2, kVisible = 3, kConfigured = 4 };
