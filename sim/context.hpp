@@ -11,9 +11,12 @@
 #include "core/loop.hpp"
 #include "device/anchors.hpp"
 #include "device/database.hpp"
+#include "device/dumps.hpp"
 #include "device/device.hpp"
 #include "modules/addr_table.hpp"
+#include "modules/fib_table.hpp"
 #include "modules/kmod_addr.hpp"
+#include "modules/kmod_fib.hpp"
 #include "services/manager.hpp"
 #include "store/store.hpp"
 
@@ -32,6 +35,9 @@ struct Context {
     Capture& capture;
     Database& database;
     Anchors& anchors;
+    FibTable& fib;
+    FibModule& fib_module;
+    Dumps& dumps;
     // Subscribers of address events (port 11547) and control connections registered for
     // interface-configuration messages (port 1653).
     std::set<AddrEventConn*> addr_subscribers;
@@ -51,6 +57,11 @@ std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t co
 std::unique_ptr<Conn> make_device_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 // Sends a kernel event of a class to its subscribers; returns how many were reached.
 std::size_t post_kernel_event(Context& ctx, std::uint32_t event_class, std::span<const std::uint8_t> bytes);
+
+// Opens a dump of a module's table on a node (device/backend.cpp asks); null when no
+// module answers the request.
+std::unique_ptr<DumpCursor> open_dump(Context& ctx, std::uint16_t node, std::uint32_t request_id,
+                                      std::span<const std::uint8_t> request);
 
 // Publishes an address change to every subscriber (services/addr_events.cpp).
 void publish_addr_change(Context& ctx, const AddrChange& change);

@@ -14,7 +14,9 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
       device_(s),
       addr_module_(device_, addrs_),
       database_(device_, addrs_),
-      ctx_{loop_, device_, addrs_, addr_module_, services_, store_, capture_, database_, anchors_, {}, {}, {}, {}} {
+      fib_module_(device_, fib_),
+      ctx_{loop_, device_, addrs_, addr_module_, services_, store_, capture_, database_, anchors_,
+           fib_, fib_module_, dumps_, {}, {}, {}, {}} {
     addrs_.interface_vrf = [this](std::uint32_t ifindex) {
         const auto* i = device_.interface(ifindex);
         return i != nullptr ? i->vrf : std::uint16_t{0};
@@ -30,6 +32,7 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
         addrs_.put(info, false);
     }
     for (const auto& svc : s.services) services_.set(svc.node, svc.name, svc.status);
+    load_routes(s);
     services_.schedule = [this](std::chrono::milliseconds d, std::function<void()> fn) { loop_.after(d, std::move(fn)); };
     services_.on_running = [this](std::uint16_t node, const std::string& name) {
         if (listening_ && name == "IPStack" && device_.node_up(node)) {
@@ -38,6 +41,31 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
             });
         }
     };
+}
+
+void Daemon::load_routes(const scenario::Scenario& s) {
+    for (const auto& sr : s.routes) {
+        Route r;
+        r.vrf = sr.vrf;
+        r.family = static_cast<std::uint8_t>(sr.family);
+        r.prefix_len = sr.prefix_len;
+        std::copy(std::begin(sr.prefix), std::end(sr.prefix), r.prefix.begin());
+        std::copy(std::begin(sr.next_hop), std::end(sr.next_hop), r.next_hop.begin());
+        r.ifindex = sr.ifindex;
+        r.via_ifindex = sr.ifindex;
+        r.node = sr.node;
+        if (const auto* itf = device_.interface(sr.ifindex)) {
+            std::copy(std::begin(itf->mac), std::end(itf->mac), r.own_mac.begin());
+            // The next hop's MAC when the scenario lists it as a neighbour of the interface.
+            for (const auto& n : s.neighbours) {
+                if (n.ifindex == sr.ifindex && n.family == sr.family &&
+                    std::equal(std::begin(n.addr), std::end(n.addr), std::begin(sr.next_hop))) {
+                    std::copy(std::begin(n.mac), std::end(n.mac), r.mac.begin());
+                }
+            }
+        }
+        fib_.put(r);
+    }
 }
 
 // The connections refer to the context; they end before it does.

@@ -33,6 +33,7 @@ private:
     std::optional<std::string> restore();
     bool listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make);
     void persist(const AddrChange& change);
+    void load_routes(const scenario::Scenario& s);
 
     Options opts_;
     Loop loop_;
@@ -44,6 +45,9 @@ private:
     Capture capture_;
     Database database_;
     Anchors anchors_;
+    FibTable fib_;
+    FibModule fib_module_;
+    Dumps dumps_;
     Context ctx_;
     bool listening_ = false;
 };

@@ -182,9 +182,30 @@ private:
                 for (const std::uint16_t n : nodes) (void)ctx_.services.start(n, ctx_.device.node_up(n), name);
                 return 0;
             }
-            case Call::kDumpRequest: return kFailure;  // no module of this device streams a dump
-            case Call::kDumpPull: return kFailure;
-            case Call::kDumpTerminate: return 0;
+            case Call::kDumpRequest: {
+                const std::uint16_t node = resolve(r.be<std::uint32_t>());
+                const std::uint32_t id = r.be<std::uint32_t>();
+                if (!r.ok() || !ctx_.device.node_up(node)) return kFailure;
+                auto cursor = open_dump(ctx_, node, id, r.rest());
+                if (!cursor) return kFailure;
+                w.be(static_cast<std::uint32_t>(ctx_.dumps.open(this, std::move(cursor))));
+                return 0;
+            }
+            case Call::kDumpPull: {
+                const auto handle = static_cast<std::int32_t>(r.be<std::uint32_t>());
+                const std::uint32_t cap = r.be<std::uint32_t>();
+                DumpCursor* cursor = r.ok() ? ctx_.dumps.find(this, handle) : nullptr;
+                if (cursor == nullptr) return kFailure;
+                const std::span<std::uint8_t> room(out_.get() + 4, std::min<std::size_t>(cap, ipc::device::kMaxPayload));
+                std::size_t len = 0;
+                const std::uint32_t status = cursor->pull(room, &len);
+                (void)w.reserve(std::min(len, room.size()));
+                return status;
+            }
+            case Call::kDumpTerminate: {
+                const auto handle = static_cast<std::int32_t>(r.be<std::uint32_t>());
+                return r.ok() && ctx_.dumps.close(this, handle) ? 0 : kFailure;
+            }
             case Call::kDbmOpen: {
                 const std::uint32_t mode = r.be<std::uint32_t>();
                 (void)mode;
@@ -310,6 +331,7 @@ private:
 
     void leave() {
         drop_subscription();
+        ctx_.dumps.close_all(this);
         if (counted_) {
             counted_ = false;
             const auto it = ctx_.device_clients.find(peer_pid());

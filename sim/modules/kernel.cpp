@@ -1,5 +1,6 @@
-// The kernel modules behind the control channel, by command. A module that the device
-// does not have answers 0x40010001, as a device without it would.
+// The kernel modules behind the control channel, by command, and the dumps of their
+// tables, by request. A module that the device does not have answers 0x40010001, as a
+// device without it would, and a dump it cannot serve is refused.
 #include "context.hpp"
 
 namespace sim {
@@ -10,7 +11,19 @@ std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t co
     *returned = 0;
     switch (command) {
         case AddrModule::kCommand: return ctx.addr_module.handle(node, request, reply, returned);
-        default: return 0x40010001u;
+        default: break;
+    }
+    if (command >= FibModule::kFirstCommand && command <= FibModule::kLastCommand) {
+        return ctx.fib_module.handle(node, command, request, reply, returned);
+    }
+    return 0x40010001u;
+}
+
+std::unique_ptr<DumpCursor> open_dump(Context& ctx, std::uint16_t node, std::uint32_t request_id,
+                                      std::span<const std::uint8_t> request) {
+    switch (request_id) {
+        case FibModule::kDumpRequest: return ctx.fib_module.dump(node, request);
+        default: return nullptr;
     }
 }
 

@@ -292,10 +292,9 @@ TEST_F(SummaryE2E, IpSummaryShowsTheVlanAndManagementAddresses) {
     char text[1024];
     ASSERT_EQ(IPAddr_GetIpSummary(sizeof text, text), 0u);
     auto block = [](const char* addr) {
-        // This device has no FIB module: the gateway line repeats the subnet mask.
         return std::string("\r\nIP Method:                      Manual") + "\r\nIP address:                     " + addr +
                "\r\nSubnet mask:                    255.255.255.0" +
-               "\r\nDefault gateway:                255.255.255.0\r\n";
+               "\r\nDefault gateway:                192.168.0.254\r\n";
     };
     EXPECT_EQ(std::string(text), "\r\nVlan1:" + block("192.168.1.1") + "\r\nMGE0/0/0:" + block("192.168.0.1"));
 }

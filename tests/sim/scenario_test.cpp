@@ -155,7 +155,7 @@ TEST(Scenario, DefaultServices) {
 
 TEST(Scenario, DefaultRouteLeavesThroughTheManagementPort) {
     const Scenario s = load_default();
-    ASSERT_EQ(s.routes.size(), 1u);
+    ASSERT_EQ(s.routes.size(), 6u);
     const Route& r = s.routes[0];
     EXPECT_EQ(r.vrf, 0);
     EXPECT_EQ(r.family, AF_INET);

@@ -1,0 +1,28 @@
+#include "modules/fib_table.hpp"
+
+namespace sim {
+
+void FibTable::put(const Route& r) {
+    const auto [it, added] = routes_.insert_or_assign(key_of(r), r);
+    (void)it;
+    if (added) ++(r.family == 10 ? count6_ : count4_);
+    ++(r.family == 10 ? seq6_ : seq4_);
+}
+
+bool FibTable::remove(const Key& k) {
+    if (routes_.erase(k) == 0) return false;
+    const bool v6 = std::get<0>(k) == 10;
+    --(v6 ? count6_ : count4_);
+    ++(v6 ? seq6_ : seq4_);
+    return true;
+}
+
+const Route* FibTable::next(std::uint8_t family, std::uint16_t node, const std::optional<Key>& after) const {
+    auto it = after ? routes_.upper_bound(*after) : routes_.lower_bound(Key{family, 0, {}, 0, 0});
+    for (; it != routes_.end() && std::get<0>(it->first) == family; ++it) {
+        if (it->second.node == 0 || it->second.node == node) return &it->second;
+    }
+    return nullptr;
+}
+
+}  // namespace sim

@@ -1,0 +1,70 @@
+// The FIB module's state: IPv4 and IPv6 routes per VRF, each on every node or on one node.
+//
+// A route is kept once; a route of node 0 is on every node. Routes are ordered by
+// (family, VRF, prefix, prefix length), the order in which a dump delivers them, and a
+// dump's cursor is the key of the last route it delivered, so that a table can change
+// while it is dumped and the dump holds no copy of it. Each change moves the family's
+// route-change sequence number.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <tuple>
+
+namespace sim {
+
+struct Route {
+    std::uint16_t vrf = 0;
+    std::uint8_t family = 2;           // 2 IPv4, 10 IPv6
+    std::uint8_t prefix_len = 0;
+    std::array<std::uint8_t, 16> prefix{};    // network order
+    std::array<std::uint8_t, 16> next_hop{};  // network order; all zero: none
+    std::uint32_t ifindex = 0;         // outgoing interface, 0 none
+    std::uint16_t node = 0;            // 0: every node
+    std::uint32_t label = 0xFFFFFFFFu;      // value printed at offset 16 of a dump entry; all ones none
+    std::uint32_t tunnel = 0xFFFFFFFFu;     // value printed instead of the interface at 20; all ones none
+    std::uint32_t via_ifindex = 0;          // interface at offset 20
+    std::array<std::uint8_t, 6> mac{};      // next hop's MAC
+    std::array<std::uint8_t, 6> own_mac{};  // outgoing interface's MAC
+    std::uint16_t vlan = 0xFFFF;            // 65535 prints as 0
+    std::uint16_t port = 0xFFFF;
+    bool active = true;
+};
+
+class FibTable {
+public:
+    // family, VRF, prefix bytes, prefix length, node
+    using Key = std::tuple<std::uint8_t, std::uint16_t, std::array<std::uint8_t, 16>, std::uint8_t, std::uint16_t>;
+
+    static Key key_of(const Route& r) { return {r.family, r.vrf, r.prefix, r.prefix_len, r.node}; }
+
+    void put(const Route& r);
+    bool remove(const Key& k);
+    std::size_t size() const noexcept { return routes_.size(); }
+    std::size_t count(std::uint8_t family) const noexcept { return family == 10 ? count6_ : count4_; }
+    std::uint32_t change_seq(std::uint8_t family) const noexcept { return family == 10 ? seq6_ : seq4_; }
+
+    // The first route after `after` (or the first of all) of a family on a node.
+    const Route* next(std::uint8_t family, std::uint16_t node, const std::optional<Key>& after) const;
+    // Routes of a family with exactly this prefix, in a VRF (0xFFFFFFFF any), on a node.
+    template <class F>
+    void exact(std::uint8_t family, std::uint32_t vrf, const std::array<std::uint8_t, 16>& prefix,
+               std::uint8_t len, std::uint16_t node, F&& f) const {
+        for (const auto& [k, r] : routes_) {
+            if (r.family != family || (vrf != 0xFFFFFFFFu && r.vrf != vrf) || r.prefix != prefix ||
+                r.prefix_len != len || (r.node != 0 && r.node != node)) {
+                continue;
+            }
+            if (!f(r)) return;
+        }
+    }
+
+private:
+    std::map<Key, Route> routes_;
+    std::uint32_t seq4_ = 0, seq6_ = 0;
+    std::size_t count4_ = 0, count6_ = 0;
+};
+
+}  // namespace sim
