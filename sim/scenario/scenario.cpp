@@ -21,6 +21,8 @@
 #include <string_view>
 #include <utility>
 
+#include "common/wire.hpp"
+
 namespace sim::scenario {
 namespace {
 
@@ -340,8 +342,11 @@ std::string prefix_hint(int family) {
                               : "an IPv4 address with a prefix length 0..32";
 }
 
+// The mask of a prefix length, in network order.
 std::uint32_t mask_of(unsigned len) {
-    return htonl(len == 0 ? 0u : ~0u << (32 - len));
+    std::uint32_t mask = 0;
+    ipc::wire::store_be(&mask, len == 0 ? 0u : ~0u << (32 - len));
+    return mask;
 }
 
 std::uint32_t ipv4_word(const Ip& ip) {
