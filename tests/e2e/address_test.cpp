@@ -147,10 +147,8 @@ TEST_F(AddressE2E, ControlSocketAddAndDeleteAnswerWithTheServiceResult) {
     e.uiFlag = 1;
     EXPECT_EQ(IPAddr_AddAddr(sock, &e, 77, 0), 0u);
 
-    IPAddrEntry look{};
-    look.stKey = any_key(ip("2.2.2.2"));
     IPAddrInfo info{};
-    ASSERT_EQ(IPAddr_Drvk_LookupAddr(0x8000, &look, &info), 0u);
+    ASSERT_EQ(lookup_any(ip("2.2.2.2"), &info), 0u);
     EXPECT_EQ(info.stEntry.stKey.uiIfIndex, kLoop0);
     EXPECT_EQ(info.uiInfo1, 77u) << "the value word travels in uiInfo1";
 
@@ -159,7 +157,7 @@ TEST_F(AddressE2E, ControlSocketAddAndDeleteAnswerWithTheServiceResult) {
     EXPECT_EQ(IPAddr_AddAddr(sock, &e, 0, 0), kConflict);
     e.stKey.uiIfIndex = kLoop0;
     EXPECT_EQ(IPAddr_DelAddr(sock, &e, 0), 0u);
-    EXPECT_NE(IPAddr_Drvk_LookupAddr(0x8000, &look, &info), 0u);
+    EXPECT_NE(lookup_any(ip("2.2.2.2"), &info), 0u);
     EXPECT_EQ(IPAddr_DelAddr(sock, &e, 0), 0x40010001u) << "nothing left to delete";
     IPAddr_Close(sock);
 }

@@ -60,12 +60,8 @@ TEST(DaemonE2E, CaptureHasOneJsonLinePerRequestAndAnswer) {
     SimProcess sim;
     const std::string capture = sim.state_dir() + "/capture.jsonl";
     ASSERT_TRUE(sim.start({"--capture", capture})) << sim.log();
-    IPAddrEntry key{};
-    key.stKey.usVrfIndex = 0xFFFF;
-    key.stKey.uiIfIndex = 0xFFFFFFFFu;
-    key.stKey.uiAddr = ip("10.1.1.1");
     IPAddrInfo info{};
-    ASSERT_EQ(IPAddr_Drvk_LookupAddr(0x8000, &key, &info), 0u);
+    ASSERT_EQ(lookup_any(ip("10.1.1.1"), &info), 0u);
     ASSERT_EQ(IPCfg_AddManualAddr(kGe1, ip("10.9.9.1"), ip("255.255.255.0"), 0), 0u);
     ASSERT_EQ(sim.stop(), 0);
 

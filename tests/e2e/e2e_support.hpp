@@ -8,6 +8,7 @@
 #include <string>
 
 #include "e2e/sim_process.hpp"
+#include "ipclient/kernel.h"
 
 namespace e2e {
 
@@ -22,6 +23,15 @@ inline std::string dotted(std::uint32_t network_order) {
     char buf[INET_ADDRSTRLEN] = {};
     ::inet_ntop(AF_INET, &network_order, buf, sizeof buf);
     return buf;
+}
+
+// An address driver lookup of an address on any interface of any VRF.
+inline std::uint32_t lookup_any(std::uint32_t addr, IPAddrInfo* info) {
+    IPAddrEntry key{};
+    key.stKey.usVrfIndex = 0xFFFF;
+    key.stKey.uiIfIndex = 0xFFFFFFFFu;
+    key.stKey.uiAddr = addr;
+    return IPAddr_Drvk_LookupAddr(0x8000, &key, info);
 }
 
 // Interfaces of the bundled default scenario.

@@ -70,12 +70,8 @@ std::size_t open_fds(pid_t pid) {
 }
 
 void expect_served() {
-    IPAddrEntry key{};
-    key.stKey.usVrfIndex = 0xFFFF;
-    key.stKey.uiIfIndex = 0xFFFFFFFFu;
-    key.stKey.uiAddr = ip("10.1.1.1");
     IPAddrInfo info{};
-    EXPECT_EQ(IPAddr_Drvk_LookupAddr(0x8000, &key, &info), 0u);
+    EXPECT_EQ(lookup_any(ip("10.1.1.1"), &info), 0u);
     EXPECT_EQ(info.stEntry.stKey.uiIfIndex, kGe1);
     std::uint32_t borrowed = 0;
     EXPECT_EQ(IPCfg_Mor_GetUnnumberedIf(kGe1, &borrowed), 0x2316002Cu) << "the service answers: none";
