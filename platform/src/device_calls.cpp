@@ -68,7 +68,9 @@ std::uint32_t cioctl(std::uint32_t node, std::uint32_t command, std::uint32_t re
     std::uint8_t returned[4] = {};
     const auto a = call(Call::kCioctl, f.span(), body, returned, {static_cast<std::uint8_t*>(reply), cap});
     if (!a || a->len < sizeof returned) return kFailure;
-    if (returned_len != nullptr) *returned_len = load_be<std::uint32_t>(returned);
+    // The length reported is never more than the bytes that arrived in the caller's buffer.
+    const auto arrived = static_cast<std::uint32_t>(std::min<std::size_t>(a->len - sizeof returned, cap));
+    if (returned_len != nullptr) *returned_len = std::min(load_be<std::uint32_t>(returned), arrived);
     return a->result;
 }
 
