@@ -53,7 +53,8 @@ typedef struct ADJ_MSG_DEST_S {
 IPCLIENT_API int32_t ADJ4_GetMsgStart(uint16_t usNode, uint16_t usPort, uint32_t uiSendTimeout,
                                       uint32_t uiRecvTimeout);
 /* Sends type, length and count in the header, then the payload, in one send with the
- * caller's flags; 0 only when the whole message went. */
+ * caller's flags; 0 only when the whole message went. A null payload with a non-zero
+ * length gives 0x40010001 and sends nothing. */
 IPCLIENT_API uint32_t ADJ4_Send(uint8_t ucType, int32_t iFd, uint16_t usLen, uint16_t usCount,
                                 const void *pPayload, int32_t iFlags);
 /* One receive of at most *pusLen bytes (repeated on EINTR): 0 and the length received, or
@@ -186,7 +187,8 @@ IPCLIENT_STATIC_ASSERT(sizeof(ProenEnableItemEx) == 48, proen_item_ex_size);
 /* A connected descriptor (time-outs 30 s), or -1 (0xFFFFFFFF). */
 IPCLIENT_API int32_t PROEN_MSG_MsgStart(uint16_t usNode, uint16_t usPort);
 IPCLIENT_API void PROEN_MSG_MsgEnd(int32_t iFd);
-/* Header and payload in one non-blocking send; 0 only when the whole message went. */
+/* Header and payload in one non-blocking send; 0 only when the whole message went. A null
+ * payload with a non-zero length gives 0x40010001 and sends nothing. */
 IPCLIENT_API uint32_t PROEN_MSG_Send(uint32_t uiType, int32_t iFd, uint32_t uiReplyFlag, uint32_t uiLen,
                                      const void *pPayload);
 IPCLIENT_API uint32_t PROEN_MSG_Recv(int32_t iFd, uint16_t *pusLen, void *pBuf);

@@ -490,7 +490,7 @@ IPCLIENT_API void ARP_L2VPNRelease(void *pHandle);
  * VSI predicates: 1 or 0, never an error. A null table, name, key or output, an empty slot
  * and a failed library call all read as 0.
  *  - ARP_IsVsiIfInVsi: the named VSI has an interface Vsi-interfaceN and that name resolves
- *    to uiIfIndex (an unknown name, index 0, never matches).
+ *    to uiIfIndex (an unknown name resolves to 0, so it matches an interface index of 0).
  *  - ARP_IsAcIfAndSrvIDInVsiByName: the circuit of the EVC key is in a VSI, and it is the
  *    named one (the circuit's key is asked with VSI index L2VPN_VSI_INDEX_NONE).
  *  - ARP_IsAcIfAndSrvIDInVsi: the circuit is in VSI uiVsiIndex (never L2VPN_VSI_INDEX_NONE).

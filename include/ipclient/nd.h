@@ -177,7 +177,8 @@ IPCLIENT_API uint64_t ND_ErrorAsyncNotifyProc(int32_t iFd);
  *  - ND_IsAcIfAndSrvIDInVsi: the circuit of the EVC key is in VSI uiVsiIndex (never
  *    L2VPN_VSI_INDEX_NONE); the key is asked with uiVsiIndex.
  *  - ND_IsVsiIfInVsi: the VSI of pcVsiKey (asked on behalf of uiIfIndex) has an interface
- *    Vsi-interfaceN and that name resolves to uiIfIndex (an unknown name never matches).
+ *    Vsi-interfaceN and that name resolves to uiIfIndex (an unknown name resolves to 0, so
+ *    it matches an interface index of 0).
  *  - ND_IsVsiContainVxlanID: the VSI has a VXLAN id.
  */
 IPCLIENT_API uint32_t ND_IsAcIfAndSrvIDInVsi(const ARP_L2VPN_FUNC_S *pstFunc, const void *pEvcKey,

@@ -127,6 +127,8 @@ void PROEN_MSG_MsgEnd(int32_t iFd) {
 }
 
 uint32_t PROEN_MSG_Send(uint32_t uiType, int32_t iFd, uint32_t uiReplyFlag, uint32_t uiLen, const void* pPayload) {
+    // A payload is required whenever the message claims one.
+    if (uiLen != 0 && pPayload == nullptr) return IPSTATUS_FAILED;
     const std::size_t total = std::size_t{PROEN_MSG_HEAD_LEN} + uiLen;
     const ipc::CBlock<std::uint8_t> msg(static_cast<std::uint8_t*>(std::calloc(total, 1)));
     if (!msg) return IPSTATUS_FAILED;

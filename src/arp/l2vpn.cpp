@@ -115,7 +115,8 @@ uint32_t ARP_IsVsiIfInVsi(const ARP_L2VPN_FUNC_S* pstFunc, const char* pcVsiName
     char name[L2VPN_VSI_IF_NAME_SIZE];
     (void)scnprintf(name, sizeof name, "Vsi-interface%d", static_cast<int>(info.uiVsiIfNumber));
     const std::uint32_t found = IF_GetIfIndexByFullName(name);
-    return found != 0 && found == uiIfIndex ? 1u : 0u;
+    // A name that resolves to no interface gives 0, which an interface index of 0 matches.
+    return found == uiIfIndex ? 1u : 0u;
 }
 
 uint32_t ARP_IsAcIfAndSrvIDInVsiByName(const ARP_L2VPN_FUNC_S* pstFunc, const void* pEvcKey, const char* pcVsiName) {

@@ -82,6 +82,16 @@ bool is_open(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
 // ---- Edge cases ---------------------------------------------------------------------------
 
+TEST_F(AdjChannelTest, SendWithNullPayloadAndALengthFailsBeforeSending) {
+    int sv[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
+    EXPECT_EQ(ADJ4_Send(34, sv[0], 4, 1, nullptr, 0), kFailed);
+    EXPECT_EQ(ADJ6_Send(34, sv[0], 4, 1, nullptr, 0), kFailed);
+    EXPECT_EQ(ipp_call_count(IPP_CALL_SEND), 0u) << "nothing is sent";
+    ::close(sv[0]);
+    ::close(sv[1]);
+}
+
 TEST_F(AdjChannelTest, Adj4SendWithZeroLengthSendsExactlyTheSixByteHeader) {
     Bytes got;
     {

@@ -1,7 +1,9 @@
 // The protocol-to-CPU enabling channel.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <vector>
@@ -86,6 +88,15 @@ FakeService::Script recording(std::vector<Bytes>* got) {
     return [got](Conn& c) {
         for (Bytes m; !(m = c.recv_message(65536, 2000)).empty();) got->push_back(m);
     };
+}
+
+TEST_F(ProenTest, MsgSendWithNullPayloadAndALengthFailsBeforeSending) {
+    int sv[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
+    EXPECT_EQ(PROEN_MSG_Send(1, sv[0], 0, 4, nullptr), IPSTATUS_FAILED);
+    EXPECT_EQ(ipp_call_count(IPP_CALL_SEND), 0u) << "nothing is sent";
+    ::close(sv[0]);
+    ::close(sv[1]);
 }
 
 TEST_F(ProenTest, SendFramesTheTwentyByteHeaderAndSendsWithoutBlocking) {

@@ -1500,15 +1500,16 @@ TEST_F(NdEventsVsiTest, VsiIfInVsiComparesAgainstTheIndexOfVsiInterfaceFive) {
     EXPECT_EQ(s.index_cleared, 1) << "cleared again on every call";
 }
 
-TEST_F(NdEventsVsiTest, VsiIfInVsiIsFalseOnFailureNoInterfaceOrAnUnknownName) {
+TEST_F(NdEventsVsiTest, VsiIfInVsiIsFalseOnFailureNoInterfaceOrAnUnknownNameExceptForIndexZero) {
     add_interface(0x0304, "Vsi-interface5");
     add_interface(0x0777, "Vsi-interface-1");
     script({0x40010001u, 5, 0, 0, 0, 0});
     EXPECT_EQ(ND_IsVsiIfInVsi(&table_, "vsi", 0x0304), 0u);
     script({0, 0xFFFFFFFFu, 0, 0, 0, 0});
     EXPECT_EQ(ND_IsVsiIfInVsi(&table_, "vsi", 0x0777), 0u) << "no interface";
-    script({0, 9, 0, 0, 0, 0});  // no interface is named Vsi-interface9
-    EXPECT_EQ(ND_IsVsiIfInVsi(&table_, "vsi", 0), 0u);
+    script({0, 9, 0, 0, 0, 0});  // no interface is named Vsi-interface9: the lookup gives 0
+    EXPECT_EQ(ND_IsVsiIfInVsi(&table_, "vsi", 9), 0u);
+    EXPECT_EQ(ND_IsVsiIfInVsi(&table_, "vsi", 0), 1u) << "0 from the lookup equals interface index 0";
     EXPECT_EQ(ND_IsVsiIfInVsi(&table_, nullptr, 0x0304), 0u);
     EXPECT_EQ(ND_IsVsiIfInVsi(nullptr, "vsi", 0x0304), 0u);
     table_.pfGetVsiIndexByName = nullptr;
