@@ -1,6 +1,8 @@
 // Nodes and the directory of the simulated device, through the platform calls and the
 // address driver.
+#include <atomic>
 #include <cstdlib>
+#include <thread>
 #include <cstring>
 
 #include "e2e/e2e_support.hpp"
@@ -131,6 +133,31 @@ TEST_F(DownNodeE2E, RequestsToADownNodeFailAndItsNodeIsNotUp) {
     std::uint32_t w = 0;
     EXPECT_EQ(IPAddr_Drvk_GetDbgInfo(2, 7, &w), 0x40010001u);
     EXPECT_EQ(IPAddr_Drvk_GetDbgInfo(1, 7, &w), 0u);
+}
+
+}  // namespace
+}  // namespace e2e
+
+namespace e2e {
+namespace {
+
+using ThreadsE2E = SimTest;
+
+TEST_F(ThreadsE2E, EveryThreadHasItsOwnDeviceConnection) {
+    std::atomic<int> ok{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&ok, t] {
+            const char* addrs[] = {"10.1.1.1", "10.2.1.1", "192.168.0.1", "1.1.1.1"};
+            const std::uint32_t want[] = {kGe1, kGeNode2, kMgmt, kLoop0};
+            for (int i = 0; i < 200; ++i) {
+                IPAddrInfo info{};
+                if (lookup_any(ip(addrs[t]), &info) == 0 && info.stEntry.stKey.uiIfIndex == want[t]) ++ok;
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(ok.load(), 800);
 }
 
 }  // namespace
