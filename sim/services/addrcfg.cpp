@@ -22,6 +22,7 @@
 //  - interface-configuration records [A][B][C][D]: A interface index, B the new value,
 //    C what changed (1 methods, 2 unnumbered interface, 3 negotiation, 4 cellular,
 //    5 number of addresses), D the interface's VRF.
+#include <array>
 #include <set>
 #include <utility>
 
@@ -36,6 +37,17 @@ namespace {
 constexpr std::uint32_t kOk = 0;
 constexpr std::uint32_t kFailure = 0x40010001u;
 constexpr std::uint32_t kNoWait = 0x40;
+
+// One interface-configuration record in a control-socket message: [BE32 0][BE32 24]
+// [BE32 1 records][BE32 16][A][B][C][BE16 D][2 zero bytes].
+constexpr std::size_t kIfCfgMessageLen = 32;
+std::span<const std::uint8_t> ifcfg_message(std::array<std::uint8_t, kIfCfgMessageLen>& out, std::uint32_t a,
+                                            std::uint32_t b, std::uint32_t c, std::uint16_t d) {
+    ipc::wire::Writer w(out);
+    w.be(std::uint32_t{0}).be(std::uint32_t{24}).be(std::uint32_t{1}).be(std::uint32_t{16});
+    w.be(a).be(b).be(c).be(d).be(std::uint16_t{0});
+    return w.bytes();
+}
 
 enum IfCfgWhat : std::uint32_t { kMethods = 1, kUnnumbered = 2, kNego = 3, kCellular = 4, kAddrCount = 5 };
 
@@ -286,11 +298,8 @@ private:
     }
 
     void push_record(std::uint32_t a, std::uint32_t b, std::uint32_t c) {
-        std::uint8_t out[32];
-        ipc::wire::Writer w(out);
-        w.be(std::uint32_t{0}).be(std::uint32_t{24}).be(std::uint32_t{1}).be(std::uint32_t{16});
-        w.be(a).be(b).be(c).be(vrf_of(a)).be(std::uint16_t{0});
-        push_ifcfg(w.bytes());
+        std::array<std::uint8_t, kIfCfgMessageLen> out;
+        push_ifcfg(ifcfg_message(out, a, b, c, vrf_of(a)));
     }
 
     void address_change(ipc::wire::Reader& r, std::span<const std::uint8_t> msg) {
@@ -374,13 +383,11 @@ private:
 
 void publish_ifcfg(Context& ctx, std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint16_t d) {
     if (ctx.ifcfg_subscribers.empty()) return;
-    std::uint8_t out[32];
-    ipc::wire::Writer w(out);
-    w.be(std::uint32_t{0}).be(std::uint32_t{24}).be(std::uint32_t{1}).be(std::uint32_t{16});
-    w.be(a).be(b).be(c).be(d).be(std::uint16_t{0});
+    std::array<std::uint8_t, kIfCfgMessageLen> out;
+    const auto msg = ifcfg_message(out, a, b, c, d);
     const std::vector<AddrCfgConn*> subs(ctx.ifcfg_subscribers.begin(), ctx.ifcfg_subscribers.end());
     for (AddrCfgConn* s : subs) {
-        if (ctx.ifcfg_subscribers.count(s) != 0) s->push_ifcfg(w.bytes());
+        if (ctx.ifcfg_subscribers.count(s) != 0) s->push_ifcfg(msg);
     }
 }
 
