@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Export and linkage macros shared by the public headers of the IP client library.
  * Every function and global declared with IPCLIENT_API is part of the library's C ABI;
  * everything else in the library is hidden.

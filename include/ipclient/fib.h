@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * FIB access: searches of the IPv4 and IPv6 forwarding information bases, their global data
  * records, route-change sequence numbers, per-node FIB counters, and the dump of every
  * running node's IPv4 forwarding table to a text file.
@@ -23,28 +24,28 @@ IPCLIENT_BEGIN_DECLS
 #define FIB4_SEARCH_KEY_SIZE 36u
 #define FIB6_SEARCH_KEY_SIZE 44u
 
-/*
+/**
  * IPv4 search key (36 bytes) as the library fills it for a default-route search: the
  * kernel's layout, chosen here as instance word, address family, destination and mask
  * (network order), then reserved bytes.
  */
 typedef struct FIB4_SEARCH_KEY_S {
-    uint32_t uiInstance;  /* 0xFFFFFFFF: every instance */
-    uint16_t usFamily;    /* 2 */
+    uint32_t uiInstance;  /**< 0xFFFFFFFF: every instance */
+    uint16_t usFamily;    /**< 2 */
     uint16_t usReserved;
-    uint32_t uiDest;      /* network order */
-    uint32_t uiMask;      /* network order */
+    uint32_t uiDest;      /**< network order */
+    uint32_t uiMask;      /**< network order */
     uint8_t aucReserved[20];
 } FIB4_SEARCH_KEY_S;
 IPCLIENT_STATIC_ASSERT(sizeof(FIB4_SEARCH_KEY_S) == FIB4_SEARCH_KEY_SIZE, fib4_key_size);
 
-/* Offsets read from a 128-byte route entry: family (u16), next hop (4 or 16 bytes), and the
+/** Offsets read from a 128-byte route entry: family (u16), next hop (4 or 16 bytes), and the
  * flags word (u32, bit 0: an active route), all as the kernel stores them. */
 #define FIB_ENTRY_FAMILY_OFFSET 12u
 #define FIB_ENTRY_NEXTHOP_OFFSET 16u
 #define FIB_ENTRY_FLAGS_OFFSET 52u
 
-/* Global data records, converted to host order at the offsets the kernel uses. */
+/** Global data records, converted to host order at the offsets the kernel uses. */
 typedef struct FIB4_SPEC_DATA_S {
     uint8_t aucData[80];
 } FIB4_SPEC_DATA_S;
@@ -52,26 +53,26 @@ typedef struct FIB6_SPEC_DATA_S {
     uint8_t aucData[44];
 } FIB6_SPEC_DATA_S;
 
-/*
+/**
  * Searches: *pulCount entries wanted in, entries returned out (lowered when fewer came).
  * pEntries receives count x 128 bytes. The IPv4 form refuses a count of 0; the IPv6 form
  * sends it. At most 128 entries, and never more than the reply holds, are copied.
  */
 IPCLIENT_API uint32_t FIB4_SearchInfo(const void *pKey, uint64_t *pulCount, void *pEntries);
 IPCLIENT_API uint32_t FIB6_SearchInfo(const void *pKey, uint64_t *pulCount, void *pEntries);
-/* 0 with the record converted; the channel's code otherwise, the record then untouched (a
+/** 0 with the record converted; the channel's code otherwise, the record then untouched (a
  * reply of the wrong length returns the channel's 0 with the record untouched). */
 IPCLIENT_API uint32_t FIB4_Get_SpecData(FIB4_SPEC_DATA_S *pstData);
 IPCLIENT_API uint32_t FIB6_Get_SpecData(FIB6_SPEC_DATA_S *pstData);
-/* The sequence number as received (not converted); 0 when the request fails. */
+/** The sequence number as received (not converted); 0 when the request fails. */
 IPCLIENT_API uint32_t FIB4_GetRouteChangeSeq(void);
 IPCLIENT_API uint32_t FIB6_GetRouteChangeSeq(void);
-/* Add each node's counter to *pulTotal (not reset). The connection-check counter asks
+/** Add each node's counter to *pulTotal (not reset). The connection-check counter asks
  * every node and takes any reply; the alarm-threshold counter asks running nodes only and
  * takes 8-byte replies only. */
 IPCLIENT_API void FIB_GetConCheckStat(uint16_t usSelector, uint64_t *pulTotal);
 IPCLIENT_API void FIB_GetAlarmThresholdStat(uint16_t usSelector, uint64_t *pulTotal);
-/*
+/**
  * Writes "[FIB Info]\r\n" and one line per route of every running node to the file. 0 and
  * the file; 0x4001000B when the file cannot be opened, a line cannot be written or closing
  * fails; 0x40010001 when the header cannot be written, there is no node list, or a node's

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Address library: the address control socket and its change requests, address lookups
  * and walks, and the address and interface-configuration event subscriptions.
  *
@@ -27,12 +28,12 @@ IPCLIENT_BEGIN_DECLS
 
 #define IPADDR_PORT_CONTROL 1653u
 #define IPADDR_PORT_EVENTS 11547u
-/* Request flag of the address change: do not wait for the service's answer. */
+/** Request flag of the address change: do not wait for the service's answer. */
 #define IPADDR_REQ_NO_WAIT 0x40u
-/* Largest message read from the control and event sockets. */
+/** Largest message read from the control and event sockets. */
 #define IPADDR_MSG_MAX 1024u
 
-/* One queued message, a copy of the bytes received, exactly as received. */
+/** One queued message, a copy of the bytes received, exactly as received. */
 typedef struct IPAddrCfgRec {
     struct IPAddrCfgRec *pstNext;
     uint32_t uiLen;
@@ -46,12 +47,12 @@ typedef struct IPAddrCfgList {
 
 IPCLIENT_API extern IPAddrCfgList g_stCfgList;
 
-/* A socket connected to the address service, or -1 (or the failed socket call's result). */
+/** A socket connected to the address service, or -1 (or the failed socket call's result). */
 IPCLIENT_API int32_t IPAddr_Open(void);
-/* Closes a non-negative socket, then frees every queued message. */
+/** Closes a non-negative socket, then frees every queued message. */
 IPCLIENT_API void IPAddr_Close(int32_t iSock);
 
-/*
+/**
  * Address changes: the service's result; 0x40010001 for a negative socket or a null entry;
  * 0x63160064 when the request was sent short or no final answer came. With
  * IPADDR_REQ_NO_WAIT in uiFlags the add or delete returns 0 once sent. A final answer too
@@ -60,33 +61,33 @@ IPCLIENT_API void IPAddr_Close(int32_t iSock);
 IPCLIENT_API uint32_t IPAddr_AddAddrEx(int32_t iSock, const IPAddrEntry *pstEntry, uint64_t ulContext,
                                        uint32_t uiValue, uint32_t uiFlags);
 IPCLIENT_API uint32_t IPAddr_AddAddr(int32_t iSock, const IPAddrEntry *pstEntry, uint32_t uiValue, uint32_t uiFlags);
-/* Only an entry whose uiMethod is exactly IPADDR_METHOD_MAD is accepted. */
+/** Only an entry whose uiMethod is exactly IPADDR_METHOD_MAD is accepted. */
 IPCLIENT_API uint32_t IPAddr_AddMADAddr(int32_t iSock, const IPAddrEntry *pstEntry, uint16_t usMadWord,
                                         uint32_t uiFlags);
 IPCLIENT_API uint32_t IPAddr_DelAddr(int32_t iSock, const IPAddrEntry *pstEntry, uint32_t uiFlags);
 
-/* Address flag message (method bit 4 DHCP, 8 BOOTP); the socket is not checked. */
+/** Address flag message (method bit 4 DHCP, 8 BOOTP); the socket is not checked. */
 IPCLIENT_API uint32_t ipaddr_SetAddrFlag(int32_t iSock, uint32_t uiWord, uint32_t uiMethodBit, uint32_t uiValue);
 IPCLIENT_API uint32_t IPAddr_SetDhcpFlag(int32_t iSock, uint32_t uiWord, uint32_t uiValue);
 IPCLIENT_API uint32_t IPAddr_SetBootpFlag(int32_t iSock, uint32_t uiWord, uint32_t uiValue);
 
-/* Net protocol message (action 1 enable, 2 disable). */
+/** Net protocol message (action 1 enable, 2 disable). */
 IPCLIENT_API uint32_t ipaddr_SetNetProtocolInfo(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2,
                                                 uint32_t uiAction);
 IPCLIENT_API uint32_t IPAddr_EnableNetProtocol(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
 IPCLIENT_API uint32_t IPAddr_DisableNetProtocol(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
 
-/* Smooth phase messages; no answer is awaited. 0x40010001 for a negative socket, a word1
+/** Smooth phase messages; no answer is awaited. 0x40010001 for a negative socket, a word1
  * of 0 or a failed send (a short send is not checked). */
 IPCLIENT_API uint32_t IPAddr_SmoothStart(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
 IPCLIENT_API uint32_t IPAddr_SmoothEnd(int32_t iSock, uint32_t uiWord1, uint32_t uiWord2);
 
-/* The interface's method bits as the node DEV_GetSelf() keeps them; 0 when unreadable. */
+/** The interface's method bits as the node DEV_GetSelf() keeps them; 0 when unreadable. */
 IPCLIENT_API uint32_t IPAddr_GetAddrTypeFlag(uint32_t uiIfIndex);
 
 /* ---- Lookups ---------------------------------------------------------------------------- */
 
-/*
+/**
  * Every lookup returns 0x40010001 for a null required pointer, else the address module's
  * status. The match mode is carried in the match key's uiFlag word; the convenience forms
  * pass mode 1.
@@ -95,7 +96,7 @@ IPCLIENT_API uint32_t IPAddr_GetAddrByKey(const IPAddrKey *pstKey, uint32_t uiMo
                                           IPAddrEntry *pstEntries);
 IPCLIENT_API uint32_t IPAddr_GetAddrInVrf(uint16_t usVrf, uint32_t uiAddr, uint32_t uiMethod, IPAddrEntry *pstEntry);
 IPCLIENT_API uint32_t IPAddr_GetAddr(uint32_t uiIfIndex, uint32_t uiAddr, uint32_t uiMethod, IPAddrEntry *pstEntry);
-/* The module's 28-byte answer is copied to a given entry also when the lookup failed. */
+/** The module's 28-byte answer is copied to a given entry also when the lookup failed. */
 IPCLIENT_API uint32_t IPAddr_MatchBestNetByKey(const IPAddrKey *pstKey, uint32_t uiMode, IPAddrEntry *pstEntry);
 IPCLIENT_API uint32_t IPAddr_MatchBestNetInVrf(uint16_t usVrf, uint32_t uiAddr, uint32_t uiMethod,
                                                IPAddrEntry *pstEntry);
@@ -111,7 +112,7 @@ IPCLIENT_API uint32_t IPAddr_GetMaxAddrInVrf(uint16_t usVrf, uint32_t uiWord1, u
                                              IPAddrEntry *pstEntry);
 IPCLIENT_API uint32_t IPAddr_GetAddrByIP(uint32_t uiAddr, uint32_t uiWord, IPAddrEntry *pstEntry);
 IPCLIENT_API uint32_t IPAddr_GetNextAddrByIP(uint32_t uiWord, IPAddrEntry *pstEntry);
-/* VPN walk: the caller zeroes the entry to start; the entry is the position. The first
+/** VPN walk: the caller zeroes the entry to start; the entry is the position. The first
  * form checks nothing and calls the second. */
 IPCLIENT_API uint32_t IPAddr_GetFirstAddrInVrf(uint16_t usVrf, uint32_t uiWord, IPAddrEntry *pstEntry);
 IPCLIENT_API uint32_t IPAddr_GetNextAddrInVrf(uint16_t usVrf, uint32_t uiWord, IPAddrEntry *pstEntry);
@@ -120,7 +121,7 @@ IPCLIENT_API uint32_t IPAddr_GetMac(uint32_t uiWord, uint16_t usHalf, uint32_t u
 
 /* ---- Walks and batches -------------------------------------------------------------------- */
 
-/* An interface's addresses in interface order (plain forms) or IP order: the first forms
+/** An interface's addresses in interface order (plain forms) or IP order: the first forms
  * start the walk, the next forms continue after the caller's entry, which each successful
  * call replaces. The walk ends at the first non-zero status; the entry is then unchanged. */
 IPCLIENT_API uint32_t IPAddr_GetFirstAddr(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
@@ -128,9 +129,9 @@ IPCLIENT_API uint32_t IPAddr_GetNextAddr(uint32_t uiIfIndex, uint32_t uiMethodMa
 IPCLIENT_API uint32_t IPAddr_GetFirstAddrIPOrder(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
 IPCLIENT_API uint32_t IPAddr_GetNextAddrIPOrder(uint32_t uiIfIndex, uint32_t uiMethodMask, IPAddrEntry *pstEntry);
 
-/* The module's mark of the last batch; the entries are filled all the same. */
+/** The module's mark of the last batch; the entries are filled all the same. */
 #define IPADDR_LAST_BATCH 0x60010023u
-/*
+/**
  * Up to uiCount entries after pstKey (the first form starts at the beginning). On status 0
  * or IPADDR_LAST_BATCH the entries and *puiCountOut are filled; the status is returned. A
  * count whose buffer would not fit in 32 bits gives 0x40010001; records the module claims
@@ -141,7 +142,7 @@ IPCLIENT_API uint32_t IPAddr_GetFirstBatchAddr(uint32_t uiIfIndex, uint32_t uiWo
 IPCLIENT_API uint32_t IPAddr_GetNextBatchAddr(uint32_t uiIfIndex, uint32_t uiWord, const IPAddrKey *pstKey,
                                               uint32_t uiCount, IPAddrEntry *pstEntries, uint32_t *puiCountOut);
 
-/*
+/**
  * 1 when the address (network order) is a directed broadcast of one of the interface's
  * networks, or is 0 or 255.255.255.255; else 0. /32 and /31 networks have no broadcast
  * address. A module that answers the same entry twice ends the walk.
@@ -150,7 +151,7 @@ IPCLIENT_API uint32_t IPAddr_IsBroadcast(uint32_t uiIfIndex, uint32_t uiMethodMa
 
 /* ---- Summary ---------------------------------------------------------------------------- */
 
-/*
+/**
  * Writes the IP summary of "Vlan-interface1" and "M-GigabitEthernet0/0/0" (method, address,
  * mask, default gateway) into the buffer, always terminated; 0, or 0x40010001 for a null
  * buffer or a size of 0. Missing interfaces are skipped. The text never runs past the
@@ -160,27 +161,27 @@ IPCLIENT_API uint32_t IPAddr_GetIpSummary(uint32_t uiSize, char *pcBuf);
 
 /* ---- Events ----------------------------------------------------------------------------- */
 
-/* Returned by the handlers when the service sent its end signal. */
+/** Returned by the handlers when the service sent its end signal. */
 #define IPADDR_EVENT_END IPSTATUS_EVENT_RESYNC
 
-/* Address callback: event word, the entry (host order, valid during the call only), second
+/** Address callback: event word, the entry (host order, valid during the call only), second
  * and third words, the entry's uiFlag and uiMethod. Its result is ignored. */
 typedef uint32_t (*IPADDR_EVPROC_PF)(uint32_t uiEvent, IPAddrEntry *pstEntry, uint32_t uiWord2, uint32_t uiWord3,
                                      uint32_t uiFlag, uint32_t uiMethod);
-/* Interface-configuration callback: words C, A, B and half D of a record. Result ignored. */
+/** Interface-configuration callback: words C, A, B and half D of a record. Result ignored. */
 typedef uint32_t (*IPADDR_IFCFG_PF)(uint32_t uiWordC, uint32_t uiWordA, uint32_t uiWordB, uint16_t usHalfD);
 
 IPCLIENT_API extern IPADDR_EVPROC_PF g_pfIPAddr_EvProc;
 IPCLIENT_API extern IPADDR_IFCFG_PF g_pfIFCfg_EvProc;
 
-/* Subscribes to address events on the local node's event port; the event socket, or -1
+/** Subscribes to address events on the local node's event port; the event socket, or -1
  * (also while a handler is registered). Mode 1 waits for the service's 4-byte answer. */
 IPCLIENT_API int32_t IPAddr_RegisterEventEx(uint32_t uiWord1, uint32_t uiWord2, uint32_t uiWord3, uint32_t uiWord4,
                                             uint32_t uiMode, IPADDR_EVPROC_PF pfCallback);
 IPCLIENT_API int32_t IPAddr_RegisterEvent(uint32_t uiWord1, uint32_t uiWord2, uint32_t uiWord3, uint32_t uiWord4,
                                           IPADDR_EVPROC_PF pfCallback);
 IPCLIENT_API void IPAddr_DeregisterEvent(int32_t iSock);
-/*
+/**
  * Reads one message without blocking and acts on it: events are delivered in order,
  * keep-alives answered, the end signal returns IPADDR_EVENT_END. 0x40010001 when fewer than
  * 8 bytes came. Only whole 40-byte records inside both the message's length and the bytes
@@ -189,11 +190,11 @@ IPCLIENT_API void IPAddr_DeregisterEvent(int32_t iSock);
 IPCLIENT_API uint32_t IPAddr_HandleEvent(int32_t iSock);
 IPCLIENT_API uint32_t IPAddr_RequestBatchEvent(int32_t iSock);
 
-/* Interface configuration on the control socket. Registering drops (does not free) the
+/** Interface configuration on the control socket. Registering drops (does not free) the
  * queued messages. */
 IPCLIENT_API uint32_t IPAddr_RegIfCfgEvent(int32_t iSock, uint32_t uiWord, IPADDR_IFCFG_PF pfCallback);
 IPCLIENT_API void IPAddr_DeregIfCfgEvent(int32_t iSock, uint32_t uiWord);
-/*
+/**
  * Handles one queued message if any, else reads one without blocking. Only whole 16-byte
  * records inside both the inner length and the bytes at hand are delivered. A failed read
  * is handled as an empty message (the read buffer starts zeroed) and gives 0.

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Address configuration client and interface type selection tables.
  *
  * Each configuration request is one message to the address configuration service (node
@@ -21,7 +22,7 @@
 
 IPCLIENT_BEGIN_DECLS
 
-/* Operation codes of configuration records. */
+/** Operation codes of configuration records. */
 #define IPCFG_OP_ADD_MANUAL 1u
 #define IPCFG_OP_DEL_MANUAL 2u
 #define IPCFG_OP_UNNUMBERED_OFF 3u
@@ -37,29 +38,29 @@ IPCLIENT_BEGIN_DECLS
 #define IPCFG_OP_ADD_BACKUP 13u
 #define IPCFG_OP_DEL_BACKUP 14u
 
-/* Acquisition methods. */
+/** Acquisition methods. */
 #define IPCFG_METHOD_DHCP 3u
 #define IPCFG_METHOD_BOOTP 4u
 #define IPCFG_METHOD_DHCP_AUTOCFG 6u
 
-/* Message types. */
+/** Message types. */
 #define IPCFG_MSG_RECORD 1u
 #define IPCFG_MSG_DEBUG 2u
 #define IPCFG_MSG_UNNUMBERED_QUERY 3u
 
-/* Replies are read with one receive of at most this many bytes. */
+/** Replies are read with one receive of at most this many bytes. */
 #define IPCFG_REPLY_SIZE 64u
 
-/* The extended reply, in host order. */
+/** The extended reply, in host order. */
 typedef struct IPCFG_REPLY_EXT_S {
-    uint32_t uiResult;   /* reply bytes 8-11 */
-    uint32_t uiValue;    /* reply bytes 12-15 */
-    uint16_t usValue;    /* reply bytes 16-17 */
-    uint8_t aucRaw[2];   /* reply bytes 18-19, as they stand */
+    uint32_t uiResult;   /**< reply bytes 8-11 */
+    uint32_t uiValue;    /**< reply bytes 12-15 */
+    uint16_t usValue;    /**< reply bytes 16-17 */
+    uint8_t aucRaw[2];   /**< reply bytes 18-19, as they stand */
 } IPCFG_REPLY_EXT_S;
 IPCLIENT_STATIC_ASSERT(sizeof(IPCFG_REPLY_EXT_S) == 12, ipcfg_reply_ext_size);
 
-/* The debug record: converted to big-endian in place by IPCfg_Mor_SetDebug. */
+/** The debug record: converted to big-endian in place by IPCfg_Mor_SetDebug. */
 typedef struct IPCFG_DEBUG_S {
     uint16_t usField1;
     uint16_t usField2;
@@ -67,7 +68,7 @@ typedef struct IPCFG_DEBUG_S {
 } IPCFG_DEBUG_S;
 IPCLIENT_STATIC_ASSERT(sizeof(IPCFG_DEBUG_S) == 8, ipcfg_debug_size);
 
-/*
+/**
  * Exchanges: send the request (length bytes) to the service, receive at most 64 bytes and
  * return the big-endian result at reply bytes 8-11. 0, or 0x40010001 when no socket,
  * connection, send or receive could be had. A reply shorter than 12 bytes is accepted; the
@@ -78,7 +79,7 @@ IPCLIENT_STATIC_ASSERT(sizeof(IPCFG_DEBUG_S) == 8, ipcfg_debug_size);
 IPCLIENT_API uint32_t IPCfg_SendAndRevFromPort(const void *pReq, uint32_t uiLen, uint32_t *puiResult);
 IPCLIENT_API uint32_t IPCfg_SendAndRevFromPortExt(void *pReq, uint32_t uiLen, IPCFG_REPLY_EXT_S *pstExt);
 
-/* Builders: one request each, the service's result or 0x2316002C. A non-zero delete flag
+/** Builders: one request each, the service's result or 0x2316002C. A non-zero delete flag
  * sends the delete code. ipcfg_SetAddr copies the extended reply when pstExt is not null. */
 IPCLIENT_API uint32_t ipcfg_SetAddr(uint32_t uiDelete, uint32_t uiIfIndex, uint32_t uiAddr, uint32_t uiMask,
                                     uint32_t uiFourth, IPCFG_REPLY_EXT_S *pstExt);
@@ -86,7 +87,7 @@ IPCLIENT_API uint32_t ipcfg_SetBackUpAddr(uint32_t uiDelete, uint32_t uiIfIndex,
                                           uint32_t uiFourth, uint32_t uiFifth);
 IPCLIENT_API uint32_t ipcfg_SetContextAddr(uint32_t uiDelete, uint32_t uiIfIndex, uint32_t uiAddr,
                                            uint16_t usThird);
-/* Acquisition: code 7 when uiEnable is 1, else 8; then the "DHCPC" service check. */
+/** Acquisition: code 7 when uiEnable is 1, else 8; then the "DHCPC" service check. */
 IPCLIENT_API uint32_t ipcfg_SetCfg(uint32_t uiIfIndex, uint32_t uiMethod, uint32_t uiEnable);
 
 IPCLIENT_API uint32_t IPCfg_AddManualAddr(uint32_t uiIfIndex, uint32_t uiAddr, uint32_t uiMask, uint32_t uiFourth);
@@ -102,14 +103,14 @@ IPCLIENT_API uint32_t IPCfg_DelContextAddr(uint32_t uiIfIndex);
 IPCLIENT_API uint32_t IPCfg_SetDhcp(uint32_t uiIfIndex, uint32_t uiEnable);
 IPCLIENT_API uint32_t IPCfg_SetBootp(uint32_t uiIfIndex, uint32_t uiEnable);
 IPCLIENT_API uint32_t IPCfg_SetDhcp_Autocfg(uint32_t uiIfIndex, uint32_t uiEnable);
-/* Cellular acquisition: code 9 when uiEnable is 1, else 10. */
+/** Cellular acquisition: code 9 when uiEnable is 1, else 10. */
 IPCLIENT_API uint32_t IPCfg_SetCellular(uint32_t uiIfIndex, uint32_t uiEnable);
 IPCLIENT_API uint32_t IPCfg_Mor_SetNego(uint32_t uiIfIndex, uint16_t usFlag);
 IPCLIENT_API uint32_t IPCfg_Mor_SetUnnumber(uint32_t uiIfIndex, uint32_t uiBorrowIfIndex, uint16_t usFlag);
-/* Sends the debug record (message type 2); the record is left converted to big-endian.
+/** Sends the debug record (message type 2); the record is left converted to big-endian.
  * A null record gives 0x40010001. */
 IPCLIENT_API uint32_t IPCfg_Mor_SetDebug(IPCFG_DEBUG_S *pstDebug);
-/* The interface whose address uiIfIndex borrows: 0 and the index, or 0x2316002C when the
+/** The interface whose address uiIfIndex borrows: 0 and the index, or 0x2316002C when the
  * exchange failed or the answer is 0. A null out pointer gives 0x40010001. */
 IPCLIENT_API uint32_t IPCfg_Mor_GetUnnumberedIf(uint32_t uiIfIndex, uint32_t *puiBorrowIfIndex);
 
@@ -118,21 +119,21 @@ IPCLIENT_API uint32_t IPCfg_Mor_GetUnnumberedIf(uint32_t uiIfIndex, uint32_t *pu
 #define IPCFG_CLI_IFTYPE_COUNT 43u
 #define IPCFG_SHOW_IFTYPE_COUNT 46u
 
-/* Interface types that may carry addresses (configuration) and that are displayed. The
+/** Interface types that may carry addresses (configuration) and that are displayed. The
  * entries may be changed in place; the counts are fixed. */
 IPCLIENT_API extern uint32_t g_auiIPAddrCliIfType[IPCFG_CLI_IFTYPE_COUNT];
 IPCLIENT_API extern uint32_t g_auiIPAddrShowIfType[IPCFG_SHOW_IFTYPE_COUNT];
 
-/* The list and its fixed count (43, 46). puiCount may be null. */
+/** The list and its fixed count (43, 46). puiCount may be null. */
 IPCLIENT_API uint32_t *IPCFG_GetIfType(uint32_t *puiCount);
 IPCLIENT_API uint32_t *IPCFG_GetShowIfType(uint32_t *puiCount);
 
 struct IF_SELECT_S;
-/* Adds every type of the list to the platform selector; the OR of the answers. */
+/** Adds every type of the list to the platform selector; the OR of the answers. */
 IPCLIENT_API uint32_t IPCFG_SetIFType(struct IF_SELECT_S *pstSelector);
 IPCLIENT_API uint32_t IPCFG_SetShowIFType(struct IF_SELECT_S *pstSelector);
 
-/* An address entry read from the configuration database (24 bytes). Bytes 2-7 are not
+/** An address entry read from the configuration database (24 bytes). Bytes 2-7 are not
  * written. Values are copied as the database stores them. */
 typedef struct IPCFG_DB_ADDR_S {
     uint16_t usValue;
@@ -142,7 +143,7 @@ typedef struct IPCFG_DB_ADDR_S {
 IPCLIENT_STATIC_ASSERT(sizeof(IPCFG_DB_ADDR_S) == 24, ipcfg_db_addr_size);
 IPCLIENT_STATIC_ASSERT(offsetof(IPCFG_DB_ADDR_S, auiValue) == 8, ipcfg_db_addr_values);
 
-/*
+/**
  * Database reads for one interface. The 52-byte key is the key value (host order) and the
  * name, at most 47 characters, zero-padded to 48. IPCfg_Mor_GetAddrNum gives the number of
  * records (0 on error or a null name). IPCfg_Mor_GetAddr copies records until *pulCount

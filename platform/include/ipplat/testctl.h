@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Test control of the host platform substitute.
  *
  * Scripts what the device operating system would answer: the kernel modules behind CIOCTL,
@@ -33,78 +34,78 @@ IPPLAT_API void ipp_reset(void);
 
 /* ---- Kernel modules --------------------------------------------------------------------- */
 
-/* One call as the library made it; the arguments are passed on as they were given. */
+/** One call as the library made it; the arguments are passed on as they were given. */
 typedef struct ipp_kcall {
-    uint32_t node;          /* node word as the library passed it */
+    uint32_t node;          /**< node word as the library passed it */
     uint32_t command;
-    const uint8_t *request; /* the request pointer (may be null) */
+    const uint8_t *request; /**< the request pointer (may be null) */
     uint32_t request_len;
-    uint32_t reply_cap;     /* 0 for CIOCTL_Async */
-    int is_async;           /* 1 for CIOCTL_Async */
-    int reply_null;         /* the reply buffer pointer was null */
-    int returned_len_null;  /* the returned-length pointer was null */
+    uint32_t reply_cap;     /**< 0 for CIOCTL_Async */
+    int is_async;           /**< 1 for CIOCTL_Async */
+    int reply_null;         /**< the reply buffer pointer was null */
+    int returned_len_null;  /**< the returned-length pointer was null */
 } ipp_kcall;
 
-/*
+/**
  * Answers one call: writes at most call->reply_cap bytes to reply (which is null when the
  * library passed none), sets *returned_len (which may differ from the bytes written) and
  * returns the status. *returned_len starts at 0 and is stored only when the library gave a
  * returned-length pointer.
  */
 typedef uint32_t (*ipp_kernel_handler)(void *ctx, const ipp_kcall *call, uint8_t *reply, uint32_t *returned_len);
-/* Installs the kernel backend; null restores the default (every call fails with 0x40010001). */
+/** Installs the kernel backend; null restores the default (every call fails with 0x40010001). */
 IPPLAT_API void ipp_kernel_set_handler(ipp_kernel_handler handler, void *ctx);
 
 /* ---- Node and interface directory -------------------------------------------------------- */
 
-IPPLAT_API void ipp_dir_set_local_node(uint16_t node);  /* LIP_GetLocalLip; also where 0x8000 leads */
-IPPLAT_API void ipp_dir_set_self(uint16_t node);        /* DEV_GetSelf */
-IPPLAT_API void ipp_dir_set_master(uint16_t node);      /* DEV_GetSystemMaster */
-IPPLAT_API void ipp_dir_set_master_ep(uint16_t node);   /* DEV_GetSystemMasterEP */
-/* The node list (an empty list when count is 0); ipp_dir_clear_nodes removes it. */
+IPPLAT_API void ipp_dir_set_local_node(uint16_t node);  /**< LIP_GetLocalLip; also where 0x8000 leads */
+IPPLAT_API void ipp_dir_set_self(uint16_t node);        /**< DEV_GetSelf */
+IPPLAT_API void ipp_dir_set_master(uint16_t node);      /**< DEV_GetSystemMaster */
+IPPLAT_API void ipp_dir_set_master_ep(uint16_t node);   /**< DEV_GetSystemMasterEP */
+/** The node list (an empty list when count is 0); ipp_dir_clear_nodes removes it. */
 IPPLAT_API void ipp_dir_set_nodes(const uint16_t *nodes, uint32_t count);
 IPPLAT_API void ipp_dir_clear_nodes(void);
 IPPLAT_API void ipp_dir_set_standby_nodes(const uint16_t *nodes, uint32_t count);
 IPPLAT_API void ipp_dir_clear_standby_nodes(void);
-/* The raw value IF_IsNodeUp returns for a node (default 0). */
+/** The raw value IF_IsNodeUp returns for a node (default 0). */
 IPPLAT_API void ipp_dir_set_node_up(uint16_t node, uint32_t value);
 IPPLAT_API void ipp_dir_set_node_location(uint16_t node, uint16_t chassis, uint16_t slot, uint16_t cpu);
 IPPLAT_API void ipp_dir_set_mdc(uint16_t current, uint32_t is_child_value);
 
 typedef struct ipp_interface {
     uint32_t ifindex;
-    uint16_t node;              /* item 9 */
-    char name[IF_NAME_SIZE];    /* item 11, the full name */
-    uint32_t type;              /* item 18 */
-    uint32_t flags;             /* item 23 */
-    uint32_t kind;              /* item 32 */
+    uint16_t node;              /**< item 9 */
+    char name[IF_NAME_SIZE];    /**< item 11, the full name */
+    uint32_t type;              /**< item 18 */
+    uint32_t flags;             /**< item 23 */
+    uint32_t kind;              /**< item 32 */
     uint8_t valid, l2, temp, visible, configured;
 } ipp_interface;
-/* Adds or replaces an interface. */
+/** Adds or replaces an interface. */
 IPPLAT_API void ipp_dir_add_interface(const ipp_interface *itf);
-/* Makes one data item of an interface fail with a status (0 makes it succeed again). */
+/** Makes one data item of an interface fail with a status (0 makes it succeed again). */
 IPPLAT_API void ipp_dir_fail_item(uint32_t ifindex, uint32_t item, uint32_t status);
 
 /* ---- Service manager --------------------------------------------------------------------- */
 
-/* Statuses SERVICE_GetStatus reports for (node, name), one per call; the last one repeats.
+/** Statuses SERVICE_GetStatus reports for (node, name), one per call; the last one repeats.
  * Without a script the status is 0 (not running). */
 IPPLAT_API void ipp_service_script(uint16_t node, const char *name, const uint32_t *statuses, uint32_t count);
-/* Result of SERVICE_GetStatus itself (non-zero: the call fails and writes nothing). */
+/** Result of SERVICE_GetStatus itself (non-zero: the call fails and writes nothing). */
 IPPLAT_API void ipp_service_set_status_result(uint16_t node, const char *name, uint32_t result);
 IPPLAT_API void ipp_service_set_start_result(uint16_t node, const char *name, uint32_t result);
 IPPLAT_API uint32_t ipp_service_status_calls(uint16_t node, const char *name);
 IPPLAT_API uint32_t ipp_service_start_calls(uint16_t node, const char *name);
-/* Nodes of the last SERVICE_BatchStart of a name; returns their number (copies at most cap). */
+/** Nodes of the last SERVICE_BatchStart of a name; returns their number (copies at most cap). */
 IPPLAT_API uint32_t ipp_service_last_batch(const char *name, uint16_t *nodes, uint32_t cap);
 
 /* ---- Dump service ----------------------------------------------------------------------- */
 
-/* Queues a chunk for dumps of (node low 16 bits, request id); each DUMP_Pull delivers one. */
+/** Queues a chunk for dumps of (node low 16 bits, request id); each DUMP_Pull delivers one. */
 IPPLAT_API void ipp_dump_add_chunk(uint16_t node, uint32_t request_id, const void *bytes, uint32_t len);
-/* What DUMP_Pull answers once the chunks are delivered (default 0, the end). */
+/** What DUMP_Pull answers once the chunks are delivered (default 0, the end). */
 IPPLAT_API void ipp_dump_set_final(uint16_t node, uint32_t request_id, uint32_t status);
-/*
+/**
  * A producer of chunks for dumps of (node, request id), for tables too large to script
  * chunk by chunk: called once per DUMP_Pull with the chunk's index, it fills at most cap
  * bytes, sets *len and returns non-zero, or returns 0 at the end (the final status then
@@ -112,38 +113,38 @@ IPPLAT_API void ipp_dump_set_final(uint16_t node, uint32_t request_id, uint32_t 
  */
 typedef int (*ipp_dump_producer)(void *ctx, uint32_t index, uint8_t *buf, uint32_t cap, uint32_t *len);
 IPPLAT_API void ipp_dump_set_producer(uint16_t node, uint32_t request_id, ipp_dump_producer producer, void *ctx);
-/* Makes DUMP_Request for (node, request id) answer a negative result. */
+/** Makes DUMP_Request for (node, request id) answer a negative result. */
 IPPLAT_API void ipp_dump_fail_request(uint16_t node, uint32_t request_id, int32_t result);
 IPPLAT_API uint32_t ipp_dump_request_count(void);
-/* The i-th request: node word, id, and up to cap request bytes; returns the request length. */
+/** The i-th request: node word, id, and up to cap request bytes; returns the request length. */
 IPPLAT_API uint32_t ipp_dump_request(uint32_t i, uint32_t *node, uint32_t *request_id, uint8_t *bytes, uint32_t cap);
-/* Handles requested and not yet terminated. */
+/** Handles requested and not yet terminated. */
 IPPLAT_API uint32_t ipp_dump_open_handles(void);
 
 /* ---- Configuration database ------------------------------------------------------------- */
 
-/* Appends a record to the list named by key in (db, group). */
+/** Appends a record to the list named by key in (db, group). */
 IPPLAT_API void ipp_dbm_add_record(const char *db, const char *group, const void *key, uint32_t key_len,
                                    const void *record, uint32_t record_len);
-/* Makes DBM_Open of (db, group) fail with a status. */
+/** Makes DBM_Open of (db, group) fail with a status. */
 IPPLAT_API void ipp_dbm_fail_open(const char *db, const char *group, uint32_t status);
 IPPLAT_API uint32_t ipp_dbm_open_handles(void);
 IPPLAT_API uint32_t ipp_dbm_open_iterators(void);
 
 /* ---- Kernel events ---------------------------------------------------------------------- */
 
-/* Queues a notification for every subscriber of a class; returns the subscribers reached. */
+/** Queues a notification for every subscriber of a class; returns the subscribers reached. */
 IPPLAT_API uint32_t ipp_kevent_post(uint32_t event_class, const void *bytes, uint32_t len);
-/* Makes the next KEvent_Subscribe answer this negative result (0 clears it). */
+/** Makes the next KEvent_Subscribe answer this negative result (0 clears it). */
 IPPLAT_API void ipp_kevent_fail_subscribe(int32_t result);
 IPPLAT_API uint32_t ipp_kevent_subscriptions(void);
 
 /* ---- Walk cursors ----------------------------------------------------------------------- */
 
-/* The element at position is removed: every path of (anchor, key) standing on it moves to
+/** The element at position is removed: every path of (anchor, key) standing on it moves to
  * successor. */
 IPPLAT_API void ipp_anchor_remove(void *anchor, uint32_t key, uint64_t position, uint64_t successor);
-/* Makes the next ANCHOR_BeginPath fail (answer 0). */
+/** Makes the next ANCHOR_BeginPath fail (answer 0). */
 IPPLAT_API void ipp_anchor_fail_next_begin(void);
 IPPLAT_API uint32_t ipp_anchor_open_paths(void);
 
@@ -172,52 +173,52 @@ typedef enum ipp_call {
     IPP_CALL_COUNT
 } ipp_call;
 
-/* Calls the library made since the last reset. */
+/** Calls the library made since the last reset. */
 IPPLAT_API uint64_t ipp_call_count(ipp_call call);
-/* The next `times` calls of a kind fail with errno err (-1 returned, null for dlopen) before
+/** The next `times` calls of a kind fail with errno err (-1 returned, null for dlopen) before
  * reaching the system. Socket calls here are those of the library (any family). */
 IPPLAT_API void ipp_fault_inject(ipp_call call, uint32_t times, int err);
-/* The next `times` family-37 sends send only the first `bytes` bytes of their message. */
+/** The next `times` family-37 sends send only the first `bytes` bytes of their message. */
 IPPLAT_API void ipp_fault_short_send(uint32_t times, uint32_t bytes);
 
-/* One socket call of the library, as recorded. */
+/** One socket call of the library, as recorded. */
 typedef struct ipp_sock_event {
     ipp_call call;
     int fd;
-    int result;  /* the call's return value (descriptor, byte count, 0 or -1) */
-    int err;     /* errno when result is -1 */
-    int domain, type, protocol;  /* socket */
-    int level, option;           /* setsockopt */
-    int value_null;              /* setsockopt with a null value */
+    int result;  /**< the call's return value (descriptor, byte count, 0 or -1) */
+    int err;     /**< errno when result is -1 */
+    int domain, type, protocol;  /**< socket */
+    int level, option;           /**< setsockopt */
+    int value_null;              /**< setsockopt with a null value */
     uint32_t value_len;
-    uint8_t value[16];           /* first bytes of the option value */
-    uint8_t addr[16];            /* connect, bind, sendto, sendmsg: the address as given */
+    uint8_t value[16];           /**< first bytes of the option value */
+    uint8_t addr[16];            /**< connect, bind, sendto, sendmsg: the address as given */
     uint32_t addr_len;
-    int flags;                   /* send, recv and their relatives */
-    uint64_t length;             /* bytes offered or buffer capacity */
+    int flags;                   /**< send, recv and their relatives */
+    uint64_t length;             /**< bytes offered or buffer capacity */
 } ipp_sock_event;
 IPPLAT_API uint32_t ipp_sock_log_count(void);
-/* Copies record i (0 = oldest; the log keeps the first 4096 since the reset); 0 on success. */
+/** Copies record i (0 = oldest; the log keeps the first 4096 since the reset); 0 on success. */
 IPPLAT_API int ipp_sock_log_get(uint32_t i, ipp_sock_event *out);
 
-/* Names the local-IPC namespace of this process (default: from IPCLIENT_INSTANCE, else the
+/** Names the local-IPC namespace of this process (default: from IPCLIENT_INSTANCE, else the
  * process id), so that parallel test processes never meet. The next platform call looks
  * for a simulator of that instance. */
 IPPLAT_API void ipp_lipc_set_instance(const char *instance);
-/* A listening family-37 endpoint for a fake service at (node, port); node 0x8000 means the
+/** A listening family-37 endpoint for a fake service at (node, port); node 0x8000 means the
  * local node. Returns a real descriptor (accept and close it with the system's calls), or -1. */
 IPPLAT_API int ipp_lipc_listen(uint16_t node, uint16_t port);
-/* A group member's endpoint, as IP_JoinGroup-style membership (type, first, third) creates it:
+/** A group member's endpoint, as IP_JoinGroup-style membership (type, first, third) creates it:
  * sends one datagram to it; returns the bytes sent or -1. */
 IPPLAT_API int ipp_lipc_group_send(uint32_t group_type, uint16_t first, uint16_t third, const void *bytes,
                                    uint32_t len);
 
 /* ---- Run-time behaviour ----------------------------------------------------------------- */
 
-/* Virtual sleep returns at once and only adds to the total. */
+/** Virtual sleep returns at once and only adds to the total. */
 IPPLAT_API void ipp_sleep_set_virtual(int on);
 IPPLAT_API uint64_t ipp_sleep_total_seconds(void);
-/* dlopen of `path` opens `target` instead (null target: the library is missing). */
+/** dlopen of `path` opens `target` instead (null target: the library is missing). */
 IPPLAT_API void ipp_dlopen_redirect(const char *path, const char *target);
 
 #ifdef __cplusplus
