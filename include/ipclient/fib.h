@@ -19,9 +19,13 @@
 
 IPCLIENT_BEGIN_DECLS
 
+/** Most route entries one search returns (the reply holds a 64-bit count and 128 x 128 bytes). */
 #define FIB_SEARCH_MAX_ENTRIES 128u
+/** Bytes of one route entry of a search, copied to the caller unchanged. */
 #define FIB_SEARCH_ENTRY_SIZE 128u
+/** Bytes of the IPv4 search key; the request is the 64-bit count and this key (44 bytes). */
 #define FIB4_SEARCH_KEY_SIZE 36u
+/** Bytes of the IPv6 search key; the request is the 64-bit count and this key (52 bytes). */
 #define FIB6_SEARCH_KEY_SIZE 44u
 
 /**
@@ -32,25 +36,30 @@ IPCLIENT_BEGIN_DECLS
 typedef struct FIB4_SEARCH_KEY_S {
     uint32_t uiInstance;  /**< 0xFFFFFFFF: every instance */
     uint16_t usFamily;    /**< 2 */
-    uint16_t usReserved;
+    uint16_t usReserved;  /**< 0 */
     uint32_t uiDest;      /**< network order */
     uint32_t uiMask;      /**< network order */
-    uint8_t aucReserved[20];
+    uint8_t aucReserved[20]; /**< 0 */
 } FIB4_SEARCH_KEY_S;
 IPCLIENT_STATIC_ASSERT(sizeof(FIB4_SEARCH_KEY_S) == FIB4_SEARCH_KEY_SIZE, fib4_key_size);
 
 /** Offsets read from a 128-byte route entry: family (u16), next hop (4 or 16 bytes), and the
  * flags word (u32, bit 0: an active route), all as the kernel stores them. */
 #define FIB_ENTRY_FAMILY_OFFSET 12u
+/** Offset of a route entry's next hop: 4 bytes for family 2, 16 bytes for family 10. */
 #define FIB_ENTRY_NEXTHOP_OFFSET 16u
+/** Offset of a route entry's flags word (u32; bit 0: an active route). */
 #define FIB_ENTRY_FLAGS_OFFSET 52u
 
 /** Global data records, converted to host order at the offsets the kernel uses. */
 typedef struct FIB4_SPEC_DATA_S {
-    uint8_t aucData[80];
+    uint8_t aucData[80]; /**< IPv4: u32 at 0, 4, 8, 16, 24, 28, 32, 36, 52, 56, 60, 64, 72, 76 and u16 at 20,
+                              40, 42 in host order; every other byte is left as it was */
 } FIB4_SPEC_DATA_S;
+/** IPv6 global data record (44 bytes), filled by FIB6_Get_SpecData. */
 typedef struct FIB6_SPEC_DATA_S {
-    uint8_t aucData[44];
+    uint8_t aucData[44]; /**< IPv6: u32 at 0, 4, 8, 12, 20, 36, 40 and u16 at 16, 24, 26 in host order; every
+                              other byte is left as it was */
 } FIB6_SPEC_DATA_S;
 
 /**
@@ -59,18 +68,23 @@ typedef struct FIB6_SPEC_DATA_S {
  * sends it. At most 128 entries, and never more than the reply holds, are copied.
  */
 IPCLIENT_API uint32_t FIB4_SearchInfo(const void *pKey, uint64_t *pulCount, void *pEntries);
+/** IPv6 search (command 0x380004) with a 44-byte key; a count of 0 is sent as it stands. */
 IPCLIENT_API uint32_t FIB6_SearchInfo(const void *pKey, uint64_t *pulCount, void *pEntries);
 /** 0 with the record converted; the channel's code otherwise, the record then untouched (a
  * reply of the wrong length returns the channel's 0 with the record untouched). */
 IPCLIENT_API uint32_t FIB4_Get_SpecData(FIB4_SPEC_DATA_S *pstData);
+/** The IPv6 record from a 44-byte reply (command 0x380002), with the statuses of FIB4_Get_SpecData. */
 IPCLIENT_API uint32_t FIB6_Get_SpecData(FIB6_SPEC_DATA_S *pstData);
 /** The sequence number as received (not converted); 0 when the request fails. */
 IPCLIENT_API uint32_t FIB4_GetRouteChangeSeq(void);
+/** The IPv6 route-change sequence number (command 0x380006), as received; 0 when the request fails. */
 IPCLIENT_API uint32_t FIB6_GetRouteChangeSeq(void);
 /** Add each node's counter to *pulTotal (not reset). The connection-check counter asks
  * every node and takes any reply; the alarm-threshold counter asks running nodes only and
  * takes 8-byte replies only. */
 IPCLIENT_API void FIB_GetConCheckStat(uint16_t usSelector, uint64_t *pulTotal);
+/** Adds the alarm-threshold counter (command 0x38000C) of every running node to *pulTotal; only 8-byte
+ * replies count. */
 IPCLIENT_API void FIB_GetAlarmThresholdStat(uint16_t usSelector, uint64_t *pulTotal);
 /**
  * Writes "[FIB Info]\r\n" and one line per route of every running node to the file. 0 and

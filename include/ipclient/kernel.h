@@ -28,14 +28,14 @@
 IPCLIENT_BEGIN_DECLS
 
 /** Configuration method bits of uiMethod; as a filter, the OR of the wanted methods. */
-#define IPADDR_METHOD_MANUAL 0x1u
-#define IPADDR_METHOD_DHCP 0x4u
-#define IPADDR_METHOD_BOOTP 0x8u
-#define IPADDR_METHOD_MAD 0x40000u
+#define IPADDR_METHOD_MANUAL 0x1u   /**< manually configured address */
+#define IPADDR_METHOD_DHCP 0x4u     /**< address obtained by DHCP */
+#define IPADDR_METHOD_BOOTP 0x8u    /**< address obtained by BOOTP */
+#define IPADDR_METHOD_MAD 0x40000u  /**< MAD address */
 
 /** Wildcards of IPAddrKey. */
-#define IPADDR_ANY_VRF 0xFFFFu
-#define IPADDR_ANY_IFINDEX 0xFFFFFFFFu
+#define IPADDR_ANY_VRF 0xFFFFu         /**< usVrfIndex that matches any VPN instance */
+#define IPADDR_ANY_IFINDEX 0xFFFFFFFFu /**< uiIfIndex that matches any interface */
 
 /*
  * Address records. In memory they are in host order, except uiAddr and uiMask, which are
@@ -56,17 +56,17 @@ typedef struct IPAddrKey {
 
 /** A key with its flags (28 bytes). As a match key, uiFlag holds the match mode. */
 typedef struct IPAddrEntry {
-    IPAddrKey stKey;
+    IPAddrKey stKey;     /**< the address (offsets 0 to 19) */
     uint32_t uiFlag;     /**< address flags word */
     uint32_t uiReserved; /**< carried unconverted */
 } IPAddrEntry;
 
 /** An entry with the module's extra information (52 bytes). */
 typedef struct IPAddrInfo {
-    IPAddrEntry stEntry;
-    uint32_t uiInfo1;
-    uint32_t uiInfo2;
-    uint32_t uiInfo3;
+    IPAddrEntry stEntry; /**< the address and its flags (offsets 0 to 27) */
+    uint32_t uiInfo1;    /**< the module's word at 28, big-endian on the wire */
+    uint32_t uiInfo2;    /**< the module's word at 32, big-endian on the wire */
+    uint32_t uiInfo3;    /**< the module's word at 36, big-endian on the wire */
     uint8_t aucInfoData[12]; /**< carried unconverted */
 } IPAddrInfo;
 
@@ -75,10 +75,10 @@ typedef struct IPAddrInfo {
  * usConflict (offset 8) are written by the library; the other fields are the caller's.
  */
 typedef struct IPAddrConflict {
-    uint32_t uiReserved;
+    uint32_t uiReserved; /**< the caller's; not written */
     uint32_t uiIfIndex;  /**< interface of the conflicting address (IPAddr_Drvk_GetConflictAddr) */
     uint16_t usConflict; /**< set to 1 when the module reports a conflict */
-    uint16_t usReserved;
+    uint16_t usReserved; /**< the caller's; not written */
 } IPAddrConflict;
 
 IPCLIENT_STATIC_ASSERT(sizeof(IPAddrKey) == 20, key_size);
@@ -129,16 +129,17 @@ IPCLIENT_API uint32_t IPAddr_Drvk_GetMatchBestNet(const IPAddrEntry *pstMatchKey
 IPCLIENT_API uint32_t IPAddr_Drvk_GetNextAddrOnIf(uint32_t uiIfIndex, uint32_t uiMethodMask,
                                                   uint16_t usNextMode, const IPAddrKey *pstKey,
                                                   IPAddrInfo *pstInfo);
-/** Operation 8. */
+/** Operation 8: BE32 ifindex and method mask; fills one IPAddrEntry in host order. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetPriorAddrOnIf(uint32_t uiIfIndex, uint32_t uiMethodMask,
                                                    IPAddrEntry *pstOut);
-/** Operation 9. */
+/** Operation 9: BE16 VRF; fills one IPAddrEntry in host order. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetFwdAddrInVrf(uint16_t usVrf, IPAddrEntry *pstOut);
 /** Operation 11: the entry is both the position and the result. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetNextAddrInVrf(uint16_t usVrf, uint32_t uiWord,
                                                    IPAddrEntry *pstEntry);
 /** Operations 12 and 13. */
 IPCLIENT_API uint32_t IPAddr_Drvk_SetCfgMethod(uint32_t uiWord1, uint32_t uiWord2);
+/** Operation 13: the two words big-endian; no reply. */
 IPCLIENT_API uint32_t IPAddr_Drvk_ClearCfgMethod(uint32_t uiWord1, uint32_t uiWord2);
 /** Operation 14: method bits of an interface, read on the given node. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetIFMethod(uint16_t usNode, uint32_t uiIfIndex, uint32_t *puiMethod);
@@ -147,7 +148,7 @@ IPCLIENT_API uint32_t IPAddr_Drvk_GetIFMethod(uint16_t usNode, uint32_t uiIfInde
 IPCLIENT_API uint32_t IPAddr_Drvk_GetBatchAddrOnIF(uint32_t uiWord1, uint32_t uiWord2,
                                                    const IPAddrKey *pstKey, uint32_t uiCapacity,
                                                    void *pBuffer, uint32_t *puiReturnedLen);
-/** Operation 16. */
+/** Operation 16: *puiNextIfIndex receives the interface after uiIfIndex, in host order. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetNextIf(uint32_t uiIfIndex, uint32_t *puiNextIfIndex);
 /** Operation 17: event records in network order (the caller converts). */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetBatchEvNotify(uint32_t uiWord1, uint32_t uiWord2,
@@ -159,11 +160,15 @@ IPCLIENT_API uint32_t IPAddr_Drvk_GetRTEvNotifyInfo(uint32_t uiCapacity, void *p
 /** Operations 20 to 22, to the given node. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetAddrCountOnIF(uint16_t usNode, uint32_t uiWord1, uint32_t uiWord2,
                                                    uint32_t uiWord3, uint32_t *puiCount);
+/** Operation 21, to the given node: BE16 usHalf1, BE16 usHalf2, BE32 uiWord; no reply. */
 IPCLIENT_API uint32_t IPAddr_Drvk_SetDbgInfo(uint16_t usNode, uint16_t usHalf1, uint16_t usHalf2,
                                              uint32_t uiWord);
+/** Operation 22, to the given node: BE16 usHalf; *puiWord receives the 4-byte big-endian reply
+ * in host order. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetDbgInfo(uint16_t usNode, uint16_t usHalf, uint32_t *puiWord);
 /** Operations 23 and 24; the epoch is one byte, read and stored as it stands. */
 IPCLIENT_API uint32_t IPAddr_Drvk_IncAddrGlobalEpoch(uint32_t uiWord1, uint32_t uiWord2);
+/** Operation 24: the two words big-endian; *pucEpoch receives the one reply byte. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetAddrGlobalEpoch(uint32_t uiWord1, uint32_t uiWord2,
                                                      uint8_t *pucEpoch);
 /** Operation 25: addresses in network order. */
@@ -182,12 +187,14 @@ IPCLIENT_API uint32_t IPAddr_Drvk_SearchGWAddr(uint32_t uiIfIndex, uint32_t uiGa
                                                IPAddrEntry *pstOut);
 /** Operations 30 and 31. */
 IPCLIENT_API uint32_t IPAddr_Drvk_SetNetProtocol(uint32_t uiWord1, uint32_t uiWord2, uint32_t uiWord3);
+/** Operation 31: BE32 uiWord; *puiBits receives the protocol bits in host order. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetNetProtoBit(uint32_t uiWord, uint32_t *puiBits);
-/** Operation 32. */
+/** Operation 32: BE16 VRF and the two words big-endian; fills one IPAddrEntry in host order. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetMaxAddrInVrf(uint16_t usVrf, uint32_t uiWord1, uint32_t uiWord2,
                                                   IPAddrEntry *pstOut);
 /** Operations 33 and 34; the two trailing payload bytes are sent as zero. */
 IPCLIENT_API uint32_t IPAddr_Drvk_AddVFWIP(uint32_t uiWord, uint16_t usHalf, uint32_t uiAddr);
+/** Operation 34: 12-byte payload, BE32 uiWord then zero bytes; no reply. */
 IPCLIENT_API uint32_t IPAddr_Drvk_DelVFWIP(uint32_t uiWord);
 /**
  * Operation 35: pucAddr, when not null, points to 12 address bytes sent as they stand.
@@ -195,10 +202,12 @@ IPCLIENT_API uint32_t IPAddr_Drvk_DelVFWIP(uint32_t uiWord);
  */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetMac(uint32_t uiWord, uint16_t usHalf, uint32_t uiValue,
                                          const uint8_t *pucAddr, uint8_t *pucMac, uint32_t *puiWord);
-/** Operation 36. */
+/** Operation 36: BE32 uiWord and BE16 type; no reply. */
 IPCLIENT_API uint32_t IPAddr_Drvk_SetMacType(uint32_t uiWord, uint16_t usType);
 /** Operations 37 and 38; the address is in network order. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetMatchAddrByIP(uint32_t uiAddr, uint32_t uiWord, IPAddrEntry *pstOut);
+/** Operation 38: BE32 uiWord and the entry; the next matching entry, in host order, is written
+ * over *pstEntry. */
 IPCLIENT_API uint32_t IPAddr_Drvk_GetNextMatchAddrByIP(uint32_t uiWord, IPAddrEntry *pstEntry);
 /**
  * Operation 39: as IPAddr_Drvk_GetConflictAddr, but a conflict only sets usConflict and

@@ -21,18 +21,18 @@
 IPCLIENT_BEGIN_DECLS
 
 /** Ports of the services reached here (on node 0x8000, the caller's own node). */
-#define IP_LIPC_PORT_IPSTACK 1648u
-#define IP_LIPC_PORT_IPCFG 1653u
-#define IP_LIPC_PORT_PORTATK 4418u
-#define IP_LIPC_OWN_NODE 0x8000u
+#define IP_LIPC_PORT_IPSTACK 1648u /**< IP daemon request port */
+#define IP_LIPC_PORT_IPCFG 1653u   /**< address configuration service */
+#define IP_LIPC_PORT_PORTATK 4418u /**< port-attack daemon */
+#define IP_LIPC_OWN_NODE 0x8000u   /**< node number that names the caller's own node */
 
 /** The 16-byte local-IPC socket address: length 16, family 37, port and node big-endian. */
 typedef struct LIPC_SOCKADDR_S {
-    uint8_t ucLen;
-    uint8_t ucFamily;
-    uint8_t aucPort[2];
-    uint8_t aucNode[2];
-    uint8_t aucReserved[10];
+    uint8_t ucLen;           /**< 16; left 0 in the address IP_OpenSrvSock binds */
+    uint8_t ucFamily;        /**< 37, the local-IPC family */
+    uint8_t aucPort[2];      /**< port, big-endian */
+    uint8_t aucNode[2];      /**< node, big-endian; 0x8000 is the own node */
+    uint8_t aucReserved[10]; /**< zero */
 } LIPC_SOCKADDR_S;
 
 /** The 4-byte message header. */
@@ -51,6 +51,7 @@ IPCLIENT_STATIC_ASSERT(sizeof(LIPC_MSG_HEAD_S) == 4, lipc_head_size);
  * receive operations and to IP_SendCfgMsgGetReply must come from IP_LIPC_AllocMsg.
  */
 IPCLIENT_API void *IP_LIPC_AllocMsg(uint64_t ulSize);
+/** Frees a buffer from IP_LIPC_AllocMsg (the block starts 4 bytes before pMsg); null is ignored. */
 IPCLIENT_API void IP_LIPC_FreeMsg(void *pMsg);
 
 /** Node of the socket's peer, in host order; 0 or 0x40010001. */
@@ -60,6 +61,8 @@ IPCLIENT_API int32_t IP_OpenSrvSock(uint16_t usPort);
 /** A connected socket to (node, port), or -1. The pull socket waits one second and tries
  * again while the connection is refused for lack of permission (at most 11 attempts). */
 IPCLIENT_API int32_t IP_OpenPullSock(uint16_t usNode, uint16_t usPort);
+/** A connected socket to (node, port), or -1: at most 11 connect attempts, repeated at once on
+ * EINTR only; EISCONN counts as connected. */
 IPCLIENT_API int32_t IP_OpenCliSock(uint16_t usNode, uint16_t usPort);
 /** Closes a non-negative descriptor; anything else is ignored. */
 IPCLIENT_API void IP_CloseSock(int32_t iFd);
@@ -106,6 +109,7 @@ IPCLIENT_API uint32_t IP_SendAndRecvMsgToDaemon(uint16_t usType, const void *pPa
 IPCLIENT_API uint32_t IP_SendMsgToDaemon(uint16_t usType, const void *pPayload, uint16_t usLen);
 /** The same exchange as IP_SendAndRecvMsgToDaemon with the port-attack daemon (port 4418). */
 IPCLIENT_API uint32_t PORTATK_SendAndRecvMsgToDaemon(uint16_t usType, const void *pPayload, uint32_t uiLen);
+/** Closes a non-negative descriptor; anything else is ignored. */
 IPCLIENT_API void PORTATK_CloseSock(int32_t iFd);
 
 /* ---- IP daemon service control ---------------------------------------------------------- */
@@ -114,13 +118,16 @@ IPCLIENT_API void PORTATK_CloseSock(int32_t iFd);
  * service operation below passes its current value. */
 IPCLIENT_API extern char *g_pcIPStakcName;
 
+/** The current value of g_pcIPStakcName. */
 IPCLIENT_API char *IP_GetServiceName(void);
 /** Starts the daemon on a node unless it reports any non-zero status: 0, or the service
  * manager's code. Node 0x8000 returns 0 at once. */
 IPCLIENT_API uint32_t IP_StartDaemon(uint16_t usNode);
 /** 1 when the daemon runs on the node (waiting while it is starting), else 0; 0 for 0x8000. */
 IPCLIENT_API uint32_t IP_IsDaemonExist(uint16_t usNode);
-/** Starts the daemon on the local node, then on every node that lacks it: 0 or 0x40010001. */
+/** Starts the daemon where it is missing: nothing (0) when it already runs on the local node or
+ * the local node is 0x8000; otherwise on the local node, then on every node that lacks it:
+ * 0 or 0x40010001. */
 IPCLIENT_API uint32_t IP_ServiceStart(void);
 /** Mode 0: as IP_ServiceStart. Otherwise 0 when the daemon runs on the local node, else
  * 0x40010001. */

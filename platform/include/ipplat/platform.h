@@ -24,6 +24,7 @@
 #include <stdint.h>
 #include <sys/socket.h>
 
+/** Marks a platform function as exported from its shared library (default visibility). */
 #if defined(__GNUC__)
 #define IPPLAT_API __attribute__((visibility("default")))
 #else
@@ -49,30 +50,39 @@ IPPLAT_API uint32_t CIOCTL_Async(uint32_t node, uint32_t command, uint32_t reque
 
 /* ---- Nodes ------------------------------------------------------------------------------ */
 
+/** The caller's own node: the node that 0x8000 stands for. */
 IPPLAT_API uint32_t LIP_GetLocalLip(void);
 /** Chassis, slot and CPU of a node (0 for an unknown node). */
 IPPLAT_API uint16_t LIP_GetChassID(uint16_t node);
+/** Slot of a node (0 for an unknown node). */
 IPPLAT_API uint16_t LIP_GetSlotID(uint16_t node);
+/** CPU of a node (0 for an unknown node). */
 IPPLAT_API uint16_t LIP_GetCpuID(uint16_t node);
+/** The device's own node, as the device directory names it. */
 IPPLAT_API uint32_t DEV_GetSelf(void);
+/** The node of the system's master. */
 IPPLAT_API uint32_t DEV_GetSystemMaster(void);
+/** The master's node as the ND module's parameter requests address it. */
 IPPLAT_API uint32_t DEV_GetSystemMasterEP(void);
 /** A malloc'd array of *count node numbers, or null (count then 0) when no list exists. */
 IPPLAT_API uint16_t *DEV_GetAllNodes(uint32_t *count);
+/** The standby nodes, as DEV_GetAllNodes gives all nodes: a malloc'd array, or null (count 0). */
 IPPLAT_API uint16_t *DEV_GetAllStandbyNodes(uint32_t *count);
 
 /** Multi-tenant device contexts: the current context, and 1 when a context is a child. */
 IPPLAT_API uint16_t MDC_GetCurrentMDC(void);
+/** 1 when the context is a child context, else 0. */
 IPPLAT_API uint32_t MDC_IsChildMDC(uint16_t mdc);
 
 /* ---- Interfaces ------------------------------------------------------------------------- */
 
 /** Data items of IF_GetDataByIfIndex and the type each writes. */
-#define IF_DATA_NODE 9u   /* uint16_t: owning node */
-#define IF_DATA_NAME 11u  /* char[IF_NAME_SIZE]: full name, zero-terminated */
-#define IF_DATA_TYPE 18u  /* uint32_t: interface type code */
-#define IF_DATA_FLAGS 23u /* uint32_t: flags word */
-#define IF_DATA_KIND 32u  /* uint32_t: interface kind */
+#define IF_DATA_NODE 9u   /**< uint16_t: owning node */
+#define IF_DATA_NAME 11u  /**< char[IF_NAME_SIZE]: full name, zero-terminated */
+#define IF_DATA_TYPE 18u  /**< uint32_t: interface type code */
+#define IF_DATA_FLAGS 23u /**< uint32_t: flags word */
+#define IF_DATA_KIND 32u  /**< uint32_t: interface kind */
+/** Size of an interface name buffer, terminator included. */
 #define IF_NAME_SIZE 32u
 /** Flag of IF_DATA_FLAGS: the interface spans nodes. */
 #define IF_FLAG_SPANS_NODES 0x10u
@@ -83,9 +93,13 @@ IPPLAT_API uint32_t IF_GetDataByIfIndex(uint32_t ifindex, uint32_t item, void *o
 IPPLAT_API uint32_t IF_IsNodeUp(uint32_t node);
 /** Interface predicates: 1 when true, 0 otherwise (also for an unknown interface). */
 IPPLAT_API uint32_t IF_IsValidIfIndex(uint32_t ifindex);
+/** 1 for a layer-2 interface. */
 IPPLAT_API uint32_t IF_IsL2If(uint32_t ifindex);
+/** 1 for a temporary interface. */
 IPPLAT_API uint32_t IF_IsTempIf(uint32_t ifindex);
+/** 1 for a visible interface. */
 IPPLAT_API uint32_t IF_IsVisible(uint32_t ifindex);
+/** 1 for an interface open to configuration. */
 IPPLAT_API uint32_t IF_IsConfigure(uint32_t ifindex);
 /** Interface index of a full name, 0 for an unknown name. */
 IPPLAT_API uint32_t IF_GetIfIndexByFullName(const char *name);
@@ -95,9 +109,9 @@ IPPLAT_API uint32_t IF_GetIfIndexByFullName(const char *name);
  * The library builds selections on its stack, so the layout is fixed here.
  */
 typedef struct IF_SELECT_S {
-    uint32_t uiMode;
-    uint32_t uiCondition;
-    uint32_t auiTypeBits[8];
+    uint32_t uiMode;         /**< mode given to IF_Select_Init */
+    uint32_t uiCondition;    /**< condition bits ORed in by IF_SelectCondition_Set */
+    uint32_t auiTypeBits[8]; /**< one bit a type: type t is bit (t mod 32) of word (t / 32) */
 } IF_SELECT_S;
 /** Clears the selection and sets its mode; 0 on success, non-zero for a null selection. */
 IPPLAT_API uint32_t IF_Select_Init(uint32_t mode, IF_SELECT_S *sel);
@@ -113,7 +127,9 @@ IPPLAT_API void *IF_IteratorInitialize(void);
 /** First / next interface whose type the selection holds (all types when it holds none);
  * 0 when none is left. */
 IPPLAT_API uint32_t IF_GetFirstIfIndexByIfSelect(void *iterator, const IF_SELECT_S *sel);
+/** The next such interface after the one last returned; 0 when none is left. */
 IPPLAT_API uint32_t IF_GetNextIfIndexByIfSelect(void *iterator, const IF_SELECT_S *sel);
+/** Frees an iterator (null is allowed). */
 IPPLAT_API void IF_IteratorFinalize(void *iterator);
 
 /* ---- Kernel events ---------------------------------------------------------------------- */
@@ -142,6 +158,7 @@ IPPLAT_API int32_t DUMP_Request(uint32_t node, uint32_t request_id, const void *
 /** Delivers the next chunk (at most cap bytes, *len set) with DUMP_MORE_DATA; 0 at the end
  * (nothing delivered); any other value is a failure. */
 IPPLAT_API uint32_t DUMP_Pull(int32_t handle, uint32_t cap, void *buf, uint32_t *len);
+/** Ends a dump and releases its handle. */
 IPPLAT_API void DUMP_Terminate(int32_t handle);
 
 /* ---- Configuration database ------------------------------------------------------------- */
@@ -155,7 +172,9 @@ IPPLAT_API uint32_t DBM_Open(const char *db, const char *group, uint32_t mode, v
  */
 IPPLAT_API int32_t DBM_GetNextSortList(void *handle, const void *key, uint32_t key_len, void **iterator,
                                        uint32_t a5, uint32_t a6, uint32_t data_len, void *data);
+/** Frees an iterator made by DBM_GetNextSortList (null is allowed). */
 IPPLAT_API void DBM_FreeIterator(void *iterator);
+/** Closes a database handle; 0 on success. */
 IPPLAT_API uint32_t DBM_Close(void *handle);
 /** Number of records of the list named by key; negative on error. */
 IPPLAT_API int32_t DBM_Len(void *handle, const void *key, uint32_t key_len);
@@ -177,10 +196,17 @@ IPPLAT_API void ANCHOR_EndPath(void *anchor, uint64_t path, ANCHOR_RELEASE_PF re
 
 /** Service status values: 0 and 4 not running, 1 starting, anything else running. */
 #define SERVICE_STATUS_STOPPED 0u
+/** Status 1: the service is starting. */
 #define SERVICE_STATUS_STARTING 1u
+/** Status 4: not running either (the service is absent). */
 #define SERVICE_STATUS_ABSENT 4u
+/** Writes the status of the named service on a node to *status; 0 on success, else *status
+ * is not valid. The third argument is passed as 0. */
 IPPLAT_API uint32_t SERVICE_GetStatus(uint16_t node, const char *name, uint32_t zero, uint32_t *status);
+/** Starts the named service on a node; 0 on success. The last two arguments are passed as 0. */
 IPPLAT_API uint32_t SERVICE_Start(uint16_t node, const char *name, uint32_t zero1, uint32_t zero2);
+/** Starts the named service on each of count nodes; 0 on success. The last two arguments are
+ * passed as 0. */
 IPPLAT_API uint32_t SERVICE_BatchStart(const uint16_t *nodes, uint32_t count, const char *name, uint32_t zero1,
                                        uint32_t zero2);
 

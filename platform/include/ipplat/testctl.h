@@ -30,6 +30,8 @@
 extern "C" {
 #endif
 
+/** Returns every facility to the reset state above and clears the call counts, the injected
+ * faults and the socket log; the simulator is no longer asked. */
 IPPLAT_API void ipp_reset(void);
 
 /* ---- Kernel modules --------------------------------------------------------------------- */
@@ -37,9 +39,9 @@ IPPLAT_API void ipp_reset(void);
 /** One call as the library made it; the arguments are passed on as they were given. */
 typedef struct ipp_kcall {
     uint32_t node;          /**< node word as the library passed it */
-    uint32_t command;
+    uint32_t command;       /**< command code */
     const uint8_t *request; /**< the request pointer (may be null) */
-    uint32_t request_len;
+    uint32_t request_len;   /**< request length in bytes */
     uint32_t reply_cap;     /**< 0 for CIOCTL_Async */
     int is_async;           /**< 1 for CIOCTL_Async */
     int reply_null;         /**< the reply buffer pointer was null */
@@ -64,22 +66,33 @@ IPPLAT_API void ipp_dir_set_master(uint16_t node);      /**< DEV_GetSystemMaster
 IPPLAT_API void ipp_dir_set_master_ep(uint16_t node);   /**< DEV_GetSystemMasterEP */
 /** The node list (an empty list when count is 0); ipp_dir_clear_nodes removes it. */
 IPPLAT_API void ipp_dir_set_nodes(const uint16_t *nodes, uint32_t count);
+/** Removes the node list: DEV_GetAllNodes then answers null. */
 IPPLAT_API void ipp_dir_clear_nodes(void);
+/** The standby node list of DEV_GetAllStandbyNodes (an empty list when count is 0). */
 IPPLAT_API void ipp_dir_set_standby_nodes(const uint16_t *nodes, uint32_t count);
+/** Removes the standby node list: DEV_GetAllStandbyNodes then answers null. */
 IPPLAT_API void ipp_dir_clear_standby_nodes(void);
 /** The raw value IF_IsNodeUp returns for a node (default 0). */
 IPPLAT_API void ipp_dir_set_node_up(uint16_t node, uint32_t value);
+/** Chassis, slot and CPU that LIP_GetChassID, LIP_GetSlotID and LIP_GetCpuID report for a node. */
 IPPLAT_API void ipp_dir_set_node_location(uint16_t node, uint16_t chassis, uint16_t slot, uint16_t cpu);
+/** The current context (MDC_GetCurrentMDC) and the raw value MDC_IsChildMDC returns for it;
+ * any other context answers 0. */
 IPPLAT_API void ipp_dir_set_mdc(uint16_t current, uint32_t is_child_value);
 
+/** An interface of the directory: its data items and the answers of its predicates. */
 typedef struct ipp_interface {
-    uint32_t ifindex;
+    uint32_t ifindex;           /**< interface index */
     uint16_t node;              /**< item 9 */
     char name[IF_NAME_SIZE];    /**< item 11, the full name */
     uint32_t type;              /**< item 18 */
     uint32_t flags;             /**< item 23 */
     uint32_t kind;              /**< item 32 */
-    uint8_t valid, l2, temp, visible, configured;
+    uint8_t valid,              /**< non-zero: IF_IsValidIfIndex answers 1 */
+        l2,                     /**< non-zero: IF_IsL2If answers 1 */
+        temp,                   /**< non-zero: IF_IsTempIf answers 1 */
+        visible,                /**< non-zero: IF_IsVisible answers 1 */
+        configured;             /**< non-zero: IF_IsConfigure answers 1 */
 } ipp_interface;
 /** Adds or replaces an interface. */
 IPPLAT_API void ipp_dir_add_interface(const ipp_interface *itf);
@@ -93,8 +106,11 @@ IPPLAT_API void ipp_dir_fail_item(uint32_t ifindex, uint32_t item, uint32_t stat
 IPPLAT_API void ipp_service_script(uint16_t node, const char *name, const uint32_t *statuses, uint32_t count);
 /** Result of SERVICE_GetStatus itself (non-zero: the call fails and writes nothing). */
 IPPLAT_API void ipp_service_set_status_result(uint16_t node, const char *name, uint32_t result);
+/** Result of SERVICE_Start for (node, name), default 0; SERVICE_BatchStart always answers 0. */
 IPPLAT_API void ipp_service_set_start_result(uint16_t node, const char *name, uint32_t result);
+/** Number of SERVICE_GetStatus calls for (node, name). */
 IPPLAT_API uint32_t ipp_service_status_calls(uint16_t node, const char *name);
+/** Number of starts of (node, name): SERVICE_Start calls and SERVICE_BatchStart calls naming the node. */
 IPPLAT_API uint32_t ipp_service_start_calls(uint16_t node, const char *name);
 /** Nodes of the last SERVICE_BatchStart of a name; returns their number (copies at most cap). */
 IPPLAT_API uint32_t ipp_service_last_batch(const char *name, uint16_t *nodes, uint32_t cap);
@@ -112,9 +128,11 @@ IPPLAT_API void ipp_dump_set_final(uint16_t node, uint32_t request_id, uint32_t 
  * answers). It replaces any queued chunks; null removes it.
  */
 typedef int (*ipp_dump_producer)(void *ctx, uint32_t index, uint8_t *buf, uint32_t cap, uint32_t *len);
+/** Installs a producer for dumps of (node, request id) and drops the queued chunks; null removes it. */
 IPPLAT_API void ipp_dump_set_producer(uint16_t node, uint32_t request_id, ipp_dump_producer producer, void *ctx);
 /** Makes DUMP_Request for (node, request id) answer a negative result. */
 IPPLAT_API void ipp_dump_fail_request(uint16_t node, uint32_t request_id, int32_t result);
+/** Number of DUMP_Request calls since the reset, failed ones included. */
 IPPLAT_API uint32_t ipp_dump_request_count(void);
 /** The i-th request: node word, id, and up to cap request bytes; returns the request length. */
 IPPLAT_API uint32_t ipp_dump_request(uint32_t i, uint32_t *node, uint32_t *request_id, uint8_t *bytes, uint32_t cap);
@@ -128,7 +146,9 @@ IPPLAT_API void ipp_dbm_add_record(const char *db, const char *group, const void
                                    const void *record, uint32_t record_len);
 /** Makes DBM_Open of (db, group) fail with a status. */
 IPPLAT_API void ipp_dbm_fail_open(const char *db, const char *group, uint32_t status);
+/** Database handles opened and not yet closed. */
 IPPLAT_API uint32_t ipp_dbm_open_handles(void);
+/** Iterators made by DBM_GetNextSortList and not yet freed. */
 IPPLAT_API uint32_t ipp_dbm_open_iterators(void);
 
 /* ---- Kernel events ---------------------------------------------------------------------- */
@@ -137,6 +157,7 @@ IPPLAT_API uint32_t ipp_dbm_open_iterators(void);
 IPPLAT_API uint32_t ipp_kevent_post(uint32_t event_class, const void *bytes, uint32_t len);
 /** Makes the next KEvent_Subscribe answer this negative result (0 clears it). */
 IPPLAT_API void ipp_kevent_fail_subscribe(int32_t result);
+/** Subscriptions made and not yet ended. */
 IPPLAT_API uint32_t ipp_kevent_subscriptions(void);
 
 /* ---- Walk cursors ----------------------------------------------------------------------- */
@@ -146,57 +167,64 @@ IPPLAT_API uint32_t ipp_kevent_subscriptions(void);
 IPPLAT_API void ipp_anchor_remove(void *anchor, uint32_t key, uint64_t position, uint64_t successor);
 /** Makes the next ANCHOR_BeginPath fail (answer 0). */
 IPPLAT_API void ipp_anchor_fail_next_begin(void);
+/** Paths begun and not yet ended. */
 IPPLAT_API uint32_t ipp_anchor_open_paths(void);
 
 /* ---- Calls, faults and local-IPC sockets ------------------------------------------------ */
 
+/** Kinds of calls the substitute counts; the socket kinds are also logged. */
 typedef enum ipp_call {
-    IPP_CALL_SOCKET,
-    IPP_CALL_CONNECT,
-    IPP_CALL_BIND,
-    IPP_CALL_LISTEN,
-    IPP_CALL_ACCEPT,
-    IPP_CALL_SEND,
-    IPP_CALL_SENDTO,
-    IPP_CALL_SENDMSG,
-    IPP_CALL_RECV,
-    IPP_CALL_RECVFROM,
-    IPP_CALL_RECVMSG,
-    IPP_CALL_SETSOCKOPT,
-    IPP_CALL_GETSOCKOPT,
-    IPP_CALL_GETPEERNAME,
-    IPP_CALL_CLOSE,
-    IPP_CALL_SLEEP,
-    IPP_CALL_DLOPEN,
-    IPP_CALL_CIOCTL,
-    IPP_CALL_CIOCTL_ASYNC,
-    IPP_CALL_COUNT
+    IPP_CALL_SOCKET,       /**< socket */
+    IPP_CALL_CONNECT,      /**< connect */
+    IPP_CALL_BIND,         /**< bind */
+    IPP_CALL_LISTEN,       /**< listen */
+    IPP_CALL_ACCEPT,       /**< accept */
+    IPP_CALL_SEND,         /**< send */
+    IPP_CALL_SENDTO,       /**< sendto */
+    IPP_CALL_SENDMSG,      /**< sendmsg */
+    IPP_CALL_RECV,         /**< recv */
+    IPP_CALL_RECVFROM,     /**< recvfrom */
+    IPP_CALL_RECVMSG,      /**< recvmsg */
+    IPP_CALL_SETSOCKOPT,   /**< setsockopt */
+    IPP_CALL_GETSOCKOPT,   /**< getsockopt */
+    IPP_CALL_GETPEERNAME,  /**< getpeername */
+    IPP_CALL_CLOSE,        /**< close */
+    IPP_CALL_SLEEP,        /**< sleep */
+    IPP_CALL_DLOPEN,       /**< dlopen of a library loaded at run time */
+    IPP_CALL_CIOCTL,       /**< CIOCTL */
+    IPP_CALL_CIOCTL_ASYNC, /**< CIOCTL_Async */
+    IPP_CALL_COUNT         /**< number of kinds; not a call */
 } ipp_call;
 
 /** Calls the library made since the last reset. */
 IPPLAT_API uint64_t ipp_call_count(ipp_call call);
 /** The next `times` calls of a kind fail with errno err (-1 returned, null for dlopen) before
- * reaching the system. Socket calls here are those of the library (any family). */
+ * reaching the system. Socket calls here are those of the library (any family). Calls of
+ * sleep, CIOCTL and CIOCTL_Async are only counted, never failed. */
 IPPLAT_API void ipp_fault_inject(ipp_call call, uint32_t times, int err);
 /** The next `times` family-37 sends send only the first `bytes` bytes of their message. */
 IPPLAT_API void ipp_fault_short_send(uint32_t times, uint32_t bytes);
 
 /** One socket call of the library, as recorded. */
 typedef struct ipp_sock_event {
-    ipp_call call;
-    int fd;
+    ipp_call call;               /**< kind of call */
+    int fd;                      /**< descriptor called on; for socket, the new one (or -1) */
     int result;  /**< the call's return value (descriptor, byte count, 0 or -1) */
     int err;     /**< errno when result is -1 */
-    int domain, type, protocol;  /**< socket */
-    int level, option;           /**< setsockopt */
+    int domain,                  /**< socket: domain */
+        type,                    /**< socket: type */
+        protocol;                /**< socket: protocol */
+    int level,                   /**< setsockopt and getsockopt: level */
+        option;                  /**< setsockopt and getsockopt: option */
     int value_null;              /**< setsockopt with a null value */
-    uint32_t value_len;
+    uint32_t value_len;          /**< setsockopt: length of the value */
     uint8_t value[16];           /**< first bytes of the option value */
     uint8_t addr[16];            /**< connect, bind, sendto, sendmsg: the address as given */
-    uint32_t addr_len;
+    uint32_t addr_len;           /**< length of the address as given */
     int flags;                   /**< send, recv and their relatives */
-    uint64_t length;             /**< bytes offered or buffer capacity */
+    uint64_t length;             /**< bytes offered or buffer capacity; listen: the backlog */
 } ipp_sock_event;
+/** Records in the socket call log. */
 IPPLAT_API uint32_t ipp_sock_log_count(void);
 /** Copies record i (0 = oldest; the log keeps the first 4096 since the reset); 0 on success. */
 IPPLAT_API int ipp_sock_log_get(uint32_t i, ipp_sock_event *out);
@@ -217,6 +245,7 @@ IPPLAT_API int ipp_lipc_group_send(uint32_t group_type, uint16_t first, uint16_t
 
 /** Virtual sleep returns at once and only adds to the total. */
 IPPLAT_API void ipp_sleep_set_virtual(int on);
+/** Seconds asked of sleep since the reset, virtual or real. */
 IPPLAT_API uint64_t ipp_sleep_total_seconds(void);
 /** dlopen of `path` opens `target` instead (null target: the library is missing). */
 IPPLAT_API void ipp_dlopen_redirect(const char *path, const char *target);
