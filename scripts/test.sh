@@ -24,6 +24,6 @@ case "${1:-}" in
     timeout=300
     ;;
 esac
-cmake -S . -B "$dir" -G Ninja "${opts[@]}" >/dev/null
+cmake -S . -B "$dir" -G Ninja -DIPCLIENT_WERROR=ON "${opts[@]}" >/dev/null
 cmake --build "$dir"
 ctest --test-dir "$dir" -j2 --output-on-failure --timeout "$timeout"

@@ -16,6 +16,16 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 using Group = std::pair<std::string, std::string>;
 
+// Orders keys as memcmp does, shorter first on a common prefix. (The standard ordering of
+// vectors says the same; spelt out, it keeps GCC 12's -O3 bound analysis quiet.)
+struct KeyLess {
+    bool operator()(const Bytes& a, const Bytes& b) const noexcept {
+        const std::size_t n = a.size() < b.size() ? a.size() : b.size();
+        const int c = n != 0 ? std::memcmp(a.data(), b.data(), n) : 0;
+        return c != 0 ? c < 0 : a.size() < b.size();
+    }
+};
+
 struct Handle {
     Group group;
 };
@@ -27,7 +37,7 @@ struct Iterator {
 
 struct Database {
     std::mutex mu;
-    std::map<Group, std::map<Bytes, std::vector<Bytes>>> lists;
+    std::map<Group, std::map<Bytes, std::vector<Bytes>, KeyLess>> lists;
     std::map<Group, std::uint32_t> open_failures;
     std::set<Handle*> handles;
     std::set<Iterator*> iterators;

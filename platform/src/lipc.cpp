@@ -67,7 +67,9 @@ Sockets& sockets() {
 std::string default_instance() {
     const char* env = std::getenv("IPCLIENT_INSTANCE");
     if (env != nullptr && *env != '\0') return env;
-    return "p" + std::to_string(::getpid());
+    std::string name = "p";
+    name += std::to_string(::getpid());
+    return name;
 }
 
 std::string instance() {

@@ -501,8 +501,8 @@ TEST_F(ArpQueryTest, EntryExtendClearsTheEntryBeforeReading) {
     ARP_ENTRY_S e;
     std::memset(e.aucData, 0xCC, sizeof e.aucData);
     ASSERT_EQ(arp_GetEntryExtend(kPlainIndex, kAddr, &e), kOk);
-    Bytes wire = partial;
-    wire.resize(kEntryLen, 0);
+    Bytes wire(kEntryLen, 0);
+    std::copy(partial.begin(), partial.end(), wire.begin());
     EXPECT_EQ(entry_bytes(e), extend_host(wire));
     EXPECT_EQ(host32_at(e, 4), 0x0102u);
 }

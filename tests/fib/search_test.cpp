@@ -25,6 +25,14 @@ Bytes host64(std::uint64_t v) {
     return b;
 }
 
+// The search request: the 64-bit count in host order, then the key as given.
+Bytes count_then_key(std::uint64_t count, const Bytes& key) {
+    Bytes b(8 + key.size());
+    std::memcpy(b.data(), &count, 8);
+    std::copy(key.begin(), key.end(), b.begin() + 8);
+    return b;
+}
+
 Bytes key_bytes(std::size_t n, std::uint8_t seed) {
     Bytes b(n);
     for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<std::uint8_t>(seed + i * 7u);
@@ -87,8 +95,7 @@ TEST_F(SearchTest, Fib4RequestIsHostOrderCountThenTheKeyUnchanged) {
     auto buf = buffer(0x0102);
     ASSERT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), 0u);
 
-    Bytes request = host64(0x0102);
-    request.insert(request.end(), key.begin(), key.end());
+    const Bytes request = count_then_key(0x0102, key);
     ASSERT_EQ(request.size(), 44u);
     expect_search_call(0x380003u, request);
     EXPECT_EQ(count, 2u);
@@ -102,8 +109,7 @@ TEST_F(SearchTest, Fib6RequestIsHostOrderCountThenTheKeyUnchanged) {
     auto buf = buffer(0x0103);
     ASSERT_EQ(FIB6_SearchInfo(key.data(), &count, buf.data()), 0u);
 
-    Bytes request = host64(0x0103);
-    request.insert(request.end(), key.begin(), key.end());
+    const Bytes request = count_then_key(0x0103, key);
     ASSERT_EQ(request.size(), 52u);
     expect_search_call(0x380004u, request);
     EXPECT_EQ(count, 1u);
@@ -225,8 +231,7 @@ TEST_F(SearchTest, Fib6SearchForZeroEntriesIsSent) {
     std::uint64_t count = 0;
     auto buf = buffer(1);
     EXPECT_EQ(FIB6_SearchInfo(key.data(), &count, buf.data()), 0u);
-    Bytes request = host64(0);
-    request.insert(request.end(), key.begin(), key.end());
+    const Bytes request = count_then_key(0, key);
     expect_search_call(0x380004u, request);
     EXPECT_EQ(count, 0u);
     expect_entries(buf, 0);
