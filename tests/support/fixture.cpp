@@ -10,6 +10,15 @@
 
 namespace ipt {
 
+namespace {
+// Unit tests fake every peer inside their own process: each process keeps its sockets in a
+// namespace of its own ("p<pid>"), even when IPCLIENT_INSTANCE is set around the test run.
+[[maybe_unused]] const bool g_private_instance = [] {
+    ::unsetenv("IPCLIENT_INSTANCE");
+    return true;
+}();
+}  // namespace
+
 std::set<int> open_descriptors() {
     std::set<int> fds;
     DIR* d = opendir("/proc/self/fd");
