@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Checks the library as others receive it, on the build of scripts/test.sh (build/):
+#   - the API reference builds without a warning (docs target);
+#   - the ABI matches the committed baseline (scripts/abi-check.sh);
+#   - an install into a temporary prefix serves an out-of-tree consumer built twice, once
+#     with pkg-config and once with find_package(ipclient);
+#   - the Debian packages hold the files and dependencies they should;
+#   - a Release build with Clang 14, warnings as errors, and its test suite.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+root=$PWD
+dir=build
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+# The consumer runs without a simulator: a name of its own keeps any running one away.
+consumer_instance=package-check-$$
+
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DIPCLIENT_WERROR=ON >/dev/null
+cmake --build "$dir"
+
+echo "== API reference"
+cmake --build "$dir" --target docs
+test -s "$dir/docs/html/index.html"
+
+echo "== ABI"
+bash scripts/abi-check.sh "$dir"
+
+echo "== install and out-of-tree consumer"
+prefix=$work/prefix
+cmake --install "$dir" --prefix "$prefix" >/dev/null
+for f in lib/libipclient.so.0 lib/libipclient-platform.so.0 include/ipclient/ipaddr.h include/ipplat/platform.h \
+  lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake bin/ipsimd share/man/man1/ipsimd.1.gz \
+  share/ipsimd/default.yaml; do
+  test -e "$prefix/$f" || { echo "not installed: $f" >&2; exit 1; }
+done
+soname=$(readelf -d "$prefix/lib/libipclient.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
+[ "$soname" = libipclient.so.0 ] || { echo "SONAME is '$soname'" >&2; exit 1; }
+unversioned=$(nm -D --defined-only "$prefix/lib/libipclient.so" | grep -v ' A ' | grep -vc '@@IPCLIENT_0' || true)
+[ "$unversioned" = 0 ] || { echo "$unversioned exported symbols outside IPCLIENT_0" >&2; exit 1; }
+
+cp -r examples/consumer "$work/pc"
+make -s -C "$work/pc" PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
+IPCLIENT_INSTANCE=$consumer_instance LD_LIBRARY_PATH="$prefix/lib" "$work/pc/consumer"
+cp -r examples/consumer "$work/cm"
+cmake -S "$work/cm" -B "$work/cm/b" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cm/b" >/dev/null
+IPCLIENT_INSTANCE=$consumer_instance "$work/cm/b/consumer"
+
+echo "== Debian packages"
+(cd "$dir" && cpack -G DEB -B "$work/deb" >/dev/null)
+version=$(sed -n 's/^project(ipclient VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+major=${version%%.*}
+check_deb() { # package, then the paths it must hold
+  local deb
+  deb=$(ls "$work"/deb/"$1"_*.deb)
+  shift
+  local contents
+  contents=$(dpkg-deb --contents "$deb")
+  for p in "$@"; do
+    grep -q " \./usr/$p\( \|$\)" <<<"$contents" || { echo "$(basename "$deb") lacks /usr/$p" >&2; exit 1; }
+  done
+  echo "$(basename "$deb"): $(dpkg-deb -f "$deb" Depends)"
+}
+check_deb "libipclient$major" "lib/libipclient.so.$version" "lib/libipclient.so.$major ->" \
+  "lib/libipclient-platform.so.$version"
+check_deb libipclient-dev include/ipclient/ipaddr.h include/ipplat/testctl.h "lib/libipclient.so ->" \
+  lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake
+check_deb ipclient-tools bin/ipsimd share/man/man1/ipsimd.1.gz share/ipsimd/default.yaml
+dev_deb=$(ls "$work"/deb/libipclient-dev_*.deb)
+dpkg-deb -f "$dev_deb" Depends | grep -q "libipclient$major (= $version)" ||
+  { echo "libipclient-dev does not depend on libipclient$major (= $version)" >&2; exit 1; }
+tools_deb=$(ls "$work"/deb/ipclient-tools_*.deb)
+dpkg-deb -f "$tools_deb" Depends | grep -q libyaml-cpp ||
+  { echo "ipclient-tools lacks its shared-library dependencies" >&2; exit 1; }
+if dpkg-deb --contents "$(ls "$work"/deb/libipclient"$major"_*.deb)" | grep -q '\.h$'; then
+  echo "the runtime package holds headers" >&2; exit 1
+fi
+
+echo "== Release build with Clang 14"
+cmake -S . -B build-clang -G Ninja -DCMAKE_BUILD_TYPE=Release -DIPCLIENT_WERROR=ON -DIPCLIENT_BENCH=OFF \
+  -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 >/dev/null
+cmake --build build-clang
+ctest --test-dir build-clang -j2 --output-on-failure --timeout 120
+echo "package check: all passed"
