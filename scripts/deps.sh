@@ -3,7 +3,7 @@
 set -euo pipefail
 needed=(cmake ninja-build g++ gcc pkg-config libgtest-dev libgmock-dev libbenchmark-dev
   libyaml-cpp-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev util-linux
-  clang-14 doxygen abigail-tools dpkg-dev file)
+  clang-14 libclang-rt-14-dev doxygen abigail-tools dpkg-dev file)
 missing=()
 for p in "${needed[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -27,6 +27,8 @@ public:
     // Runs until stop().
     void run();
     void stop() noexcept { loop_.stop(); }
+    // One round of the loop (see Loop::step), for a caller that drives the daemon itself.
+    int step(int timeout_ms) { return loop_.step(timeout_ms); }
     std::size_t node_count() const noexcept { return device_.nodes().size(); }
 
 private:

@@ -208,7 +208,6 @@ void Loop::stop() noexcept {
 }
 
 void Loop::run() {
-    epoll_event events[64];
     for (;;) {
         int timeout = -1;
         if (!timers_.empty()) {
@@ -216,20 +215,30 @@ void Loop::run() {
                                                                                      std::chrono::steady_clock::now());
             timeout = static_cast<int>(std::max<long long>(0, wait.count() + 1));
         }
-        const int n = ::epoll_wait(epfd_, events, 64, timeout);
-        if (n < 0 && errno != EINTR) return;
-        for (int i = 0; i < n; ++i) {
-            if (events[i].data.ptr == nullptr) return;  // stop
-            auto* w = static_cast<Watch*>(events[i].data.ptr);
-            // A connection closed earlier in this round is not touched again.
-            bool gone = false;
-            for (Conn* r : retired_) gone = gone || static_cast<Watch*>(r) == w;
-            if (!gone) w->ready(events[i].events);
-        }
-        run_timers();
-        for (Conn* r : retired_) conns_.erase(r);
-        retired_.clear();
+        if (step(timeout) < 0) return;
     }
+}
+
+int Loop::step(int timeout_ms) {
+    epoll_event events[64];
+    const int n = ::epoll_wait(epfd_, events, 64, timeout_ms);
+    if (n < 0 && errno != EINTR) return -1;
+    int handled = 0;
+    for (int i = 0; i < n; ++i) {
+        if (events[i].data.ptr == nullptr) return -1;  // stop
+        auto* w = static_cast<Watch*>(events[i].data.ptr);
+        // A connection closed earlier in this round is not touched again.
+        bool gone = false;
+        for (Conn* r : retired_) gone = gone || static_cast<Watch*>(r) == w;
+        if (!gone) {
+            w->ready(events[i].events);
+            ++handled;
+        }
+    }
+    run_timers();
+    for (Conn* r : retired_) conns_.erase(r);
+    retired_.clear();
+    return handled;
 }
 
 }  // namespace sim

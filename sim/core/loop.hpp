@@ -102,6 +102,9 @@ public:
     void close_all();
     // Runs until stop() (safe from a signal handler).
     void run();
+    // One round: waits up to timeout_ms (-1: without bound) for events, handles them and
+    // the timers that are due. The events handled, or -1 once stopped (or on an epoll error).
+    int step(int timeout_ms);
     void stop() noexcept;
 
     // A scratch buffer for received messages.

@@ -1,0 +1,91 @@
+#include "sim_support.hpp"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "common/device_proto.hpp"
+#include "common/endpoint_names.hpp"
+#include "common/wire.hpp"
+#include "daemon.hpp"
+#include "scenario/scenario.hpp"
+
+namespace ipfuzz::simfuzz {
+namespace {
+
+struct Sim {
+    std::string instance = "fuzz-" + std::to_string(::getpid());
+    sim::scenario::Scenario scenario = sim::scenario::load_default();
+    sim::Daemon daemon{scenario, sim::Options{instance, "", ""}};
+    Sim() {
+        if (const auto error = daemon.start()) {
+            std::fprintf(stderr, "fuzz: the simulator did not start: %s\n", error->c_str());
+            std::abort();
+        }
+    }
+};
+
+Sim& the_sim() {
+    static Sim s;
+    return s;
+}
+
+// Rounds until the daemon has nothing left to do, reading what it sent to `fd` (if any).
+void settle(Sim& s, int fd) {
+    std::uint8_t buf[65536];
+    for (int idle = 0; idle < 2;) {
+        const int handled = s.daemon.step(0);
+        bool read = false;
+        while (fd >= 0 && ::recv(fd, buf, sizeof buf, MSG_DONTWAIT) > 0) read = true;
+        idle = (handled > 0 || read) ? 0 : idle + 1;
+    }
+}
+
+}  // namespace
+
+void exchange(Socket where, const std::vector<Bytes>& msgs, const Bytes& first) {
+    Sim& s = the_sim();
+    sockaddr_un sun{};
+    const socklen_t len = where.port == 0 ? ipc::names::device(s.instance, &sun)
+                                          : ipc::names::endpoint(s.instance, where.node, where.port, &sun);
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0) return;
+    const int big = 1 << 22;
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&sun), len) != 0) {
+        ::close(fd);
+        return;
+    }
+    settle(s, fd);
+    if (!first.empty()) (void)::send(fd, first.data(), first.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    for (const Bytes& m : msgs) {
+        (void)::send(fd, m.data(), m.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        settle(s, fd);
+    }
+    ::close(fd);
+    settle(s, -1);
+}
+
+std::vector<Bytes> messages(FuzzedDataProvider& in, std::size_t max, std::size_t cap) {
+    std::vector<Bytes> out;
+    while (out.size() < max && in.remaining_bytes() > 0) {
+        const std::size_t n = in.ConsumeIntegralInRange<std::size_t>(0, cap);
+        out.push_back(in.ConsumeBytes<std::uint8_t>(n));
+    }
+    return out;
+}
+
+Bytes hello() {
+    ipc::wire::Frame<12> f;
+    f.be<0>(static_cast<std::uint32_t>(ipc::device::Call::kHello));
+    f.be<4>(std::uint16_t{0});
+    f.be<8>(static_cast<std::uint32_t>(::getpid()));
+    return Bytes(f.data(), f.data() + f.size());
+}
+
+}  // namespace ipfuzz::simfuzz

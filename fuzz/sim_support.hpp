@@ -1,0 +1,32 @@
+// The simulated device inside the fuzzing process: the daemon on the bundled scenario in an
+// instance of its own, driven round by round from the fuzzer's thread, and a client
+// connection to one of its sockets that sends the fuzzer's messages and reads the answers.
+#pragma once
+
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace ipfuzz::simfuzz {
+
+using Bytes = std::vector<std::uint8_t>;
+
+// The device channel (port 0) or a service port of a node.
+struct Socket {
+    std::uint16_t node = 0;
+    std::uint16_t port = 0;
+};
+
+// Starts the daemon on first use (aborts the process if it cannot start: nothing would be
+// tested). Connects to the socket, sends `first` then each message, lets the daemon handle
+// them and reads what it answers, then closes the connection and lets the daemon see that.
+void exchange(Socket where, const std::vector<Bytes>& messages, const Bytes& first = {});
+
+// Up to `max` messages of lengths the fuzzer picks (0 to cap bytes).
+std::vector<Bytes> messages(FuzzedDataProvider& in, std::size_t max, std::size_t cap);
+
+// The device channel's greeting for the master node, as the platform sends it.
+Bytes hello();
+
+}  // namespace ipfuzz::simfuzz

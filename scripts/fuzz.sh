@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets (Clang 14, AddressSanitizer and UndefinedBehaviorSanitizer) in
+# build-fuzz/ and runs each for the given time, two at a time, from its seed corpus in
+# fuzz/corpus/<target>/. Prints the executions of each target; fails on any finding (crash,
+# sanitizer report, leak, time-out of one input), whose input is kept as
+# build-fuzz/findings/<target>-<kind>-<hash>.
+#   scripts/fuzz.sh [--update-corpus] [SECONDS] [TARGET ...]   (default 30 s, every target)
+# --update-corpus merges what the run found into the seed corpora (for a commit).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+update=0
+if [ "${1:-}" = --update-corpus ]; then update=1; shift; fi
+seconds=${1:-30}
+shift || true
+dir=build-fuzz
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
+  -DIPCLIENT_SANITIZE=ON -DIPCLIENT_FUZZ=ON -DIPCLIENT_TESTS=OFF -DIPCLIENT_BENCH=OFF -DIPCLIENT_WERROR=ON >/dev/null
+cmake --build "$dir" --target fuzz_targets
+targets=("$@")
+if ((${#targets[@]} == 0)); then
+  for t in "$dir"/fuzz/fuzz_*; do [ -x "$t" ] && targets+=("$(basename "$t")"); done
+fi
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir -p "$dir/findings"
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+
+run_one() {
+  local t=$1
+  mkdir -p "$work/$t" "fuzz/corpus/$t"
+  local rc=0
+  "$dir/fuzz/$t" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+    -artifact_prefix="$dir/findings/$t-" "$work/$t" "fuzz/corpus/$t" >"$work/$t.log" 2>&1 || rc=$?
+  local execs rate
+  execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$t.log")
+  rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$work/$t.log")
+  if ((rc != 0)); then
+    echo "$t: FINDING after ${execs:-?} executions (status $rc)"
+    grep -m5 -E 'ERROR|SUMMARY|runtime error|Test unit written' "$work/$t.log" || tail -20 "$work/$t.log"
+    return 1
+  fi
+  echo "$t: ${execs} executions, ${rate}/s, no finding"
+  if ((update)); then
+    "$dir/fuzz/$t" -merge=1 "fuzz/corpus/$t" "$work/$t" >/dev/null 2>&1
+  fi
+}
+
+failed=0
+pids=()
+names=()
+for t in "${targets[@]}"; do
+  run_one "$t" &
+  pids+=($!)
+  names+=("$t")
+  if ((${#pids[@]} == 2)); then
+    wait "${pids[0]}" || failed=1
+    pids=("${pids[@]:1}")
+  fi
+done
+for p in "${pids[@]}"; do wait "$p" || failed=1; done
+if ((failed)); then
+  echo "fuzz: findings kept in $dir/findings" >&2
+  exit 1
+fi
+echo "fuzz: ${#targets[@]} targets, ${seconds} s each, no finding"
