@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <random>
 
 #include "common/device_proto.hpp"
@@ -158,6 +159,143 @@ TEST_F(HostileE2E, RandomBytesOnEverySocketLeaveTheSimulatorServing) {
     expect_served();
     // Closed peers leave no descriptor behind.
     for (int i = 0; i < 50 && open_fds(sim.pid()) > fds_before; ++i) ::usleep(20000);
+    EXPECT_LE(open_fds(sim.pid()), fds_before);
+}
+
+// ---- A flood of mutated messages -----------------------------------------------------------
+
+// One socket of the simulator: where it is, the messages it understands (the seeds of the
+// mutations), the greeting a connection starts with (device channel) and a good request
+// with the first word of its answer.
+struct Target {
+    std::string name;
+    bool device = false;
+    std::uint16_t node = 0;
+    std::uint16_t port = 0;
+    std::vector<Bytes> seeds;
+    Bytes good;
+};
+
+Bytes be16s(std::initializer_list<std::uint16_t> halves) {
+    Bytes out(halves.size() * 2);
+    ipc::wire::Writer w(out);
+    for (const std::uint16_t v : halves) w.be(v);
+    return out;
+}
+
+Bytes cat(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+std::vector<Target> flood_targets() {
+    std::vector<Target> t;
+    t.push_back({"device", true, 0, 0,
+                 {be32s({2, 0xFFFF8000u, 0x260001, 64, 0, 2, 0, 0, 0, 0, 0, 0}), be32s({2, 1, 0x380001, 256, 0, 0}),
+                  be32s({7, kGe1, 11}), be32s({3, 1}), be32s({4}), be32s({14, 2, 1, 2}), be32s({16, 0x640001, 1, 8, 11}),
+                  be32s({19, 0, 2}), be32s({24, 0, 0, 0})},
+                 be32s({1, 0, 0})});
+    for (const std::uint16_t node : {std::uint16_t{1}, std::uint16_t{2}}) {
+        const std::string n = std::to_string(node);
+        t.push_back({"1653@" + n, false, node, 1653,
+                     {be32s({8, 12, kGe1, 1, 0}), be32s({0, 24, 1, 8, kGe1, 0}), be32s({5, 16, 1, 0, 0, 0}),
+                      be32s({3, 12, kGe1, 1, 1}), be32s({1, 8, kGe1, 0}), be32s({4, 0})},
+                     be32s({8, 12, kGe1, 1, 0})});
+        t.push_back({"11547@" + n, false, node, 11547,
+                     {be32s({1, 16, 0, 0, 0, 0}), be32s({2, 0}), be32s({3, 0}), be32s({1, 16, 1, kGe1, 1, 2})},
+                     be32s({1, 16, 0, 0, 0, 0})});
+        t.push_back({"1648@" + n, false, node, 1648,
+                     {cat(be16s({13, 12, 24, 4}), be32s({kGe1})), cat(cat(be16s({14, 12}), be32s({kGe1})), be16s({1, 2}))},
+                     cat(be16s({13, 12, 24, 4}), be32s({kGe1}))});
+        t.push_back({"4418@" + n, false, node, 4418,
+                     {cat(be16s({1, 12}), be32s({kGe1, 3})), cat(be16s({2, 8}), be32s({kGe1}))},
+                     cat(be16s({2, 8}), be32s({kGe1}))});
+    }
+    return t;
+}
+
+// A message of the kinds a hostile or broken peer sends: random bytes, a seed cut short, a
+// seed with bytes changed, a seed with a tail, a seed whose length and type words lie, an
+// oversized message.
+Bytes mutate(std::mt19937& rng, const std::vector<Bytes>& seeds) {
+    const auto pick = [&](std::size_t n) { return static_cast<std::size_t>(rng() % n); };
+    Bytes m = seeds[pick(seeds.size())];
+    switch (rng() % 7) {
+    case 0:
+        m.resize(pick(300));
+        for (auto& b : m) b = static_cast<std::uint8_t>(rng());
+        break;
+    case 1: m.resize(pick(m.size() + 1)); break;
+    case 2:
+        for (std::size_t i = 0, n = 1 + pick(4); i < n && !m.empty(); ++i) m[pick(m.size())] = static_cast<std::uint8_t>(rng());
+        break;
+    case 3:
+        for (std::size_t i = 0, n = 1 + pick(64); i < n; ++i) m.push_back(static_cast<std::uint8_t>(rng()));
+        break;
+    case 4:  // a length or count word that disagrees with the bytes
+        if (m.size() >= 8) ipc::wire::store_be(m.data() + 4 * (1 + pick(m.size() / 4 - 1)), static_cast<std::uint32_t>(rng()));
+        break;
+    case 5:  // an unknown type or call
+        if (m.size() >= 4) ipc::wire::store_be(m.data(), static_cast<std::uint32_t>(rng() % 4 == 0 ? rng() : rng() % 64));
+        break;
+    default:
+        if (rng() % 16 == 0) m.resize(40000 + pick(40000), 0xA5);  // oversized, now and then
+        break;
+    }
+    return m;
+}
+
+void drain_answers(int fd) {
+    std::uint8_t buf[65536];
+    while (::recv(fd, buf, sizeof buf, MSG_DONTWAIT) > 0) {
+    }
+}
+
+int connect_target(const Target& t) {
+    const int fd = t.device ? connect_device() : connect_port(t.node, t.port);
+    if (fd >= 0 && t.device) {
+        (void)::send(fd, t.good.data(), t.good.size(), MSG_NOSIGNAL);
+    }
+    return fd;
+}
+
+TEST_F(HostileE2E, TenThousandMutatedMessagesOnEverySocketLeaveEachServing) {
+    expect_served();  // this process's own device connection is open from here on
+    const std::size_t fds_before = open_fds(sim.pid());
+    std::mt19937 rng(20261124);
+    for (const Target& t : flood_targets()) {
+        SCOPED_TRACE(t.name);
+        int fd = connect_target(t);
+        ASSERT_GE(fd, 0);
+        std::size_t reconnects = 0;
+        for (int i = 0; i < 10000; ++i) {
+            const Bytes m = mutate(rng, t.seeds);
+            ssize_t sent = ::send(fd, m.data(), m.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (sent < 0 && errno == EAGAIN) {
+                drain_answers(fd);
+                pollfd p{fd, POLLOUT, 0};
+                (void)::poll(&p, 1, 1000);
+                sent = ::send(fd, m.data(), m.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            }
+            if (sent < 0 && errno != EAGAIN && errno != EMSGSIZE) {
+                // The simulator closed the connection on a message it refuses: start again.
+                ::close(fd);
+                fd = connect_target(t);
+                ASSERT_GE(fd, 0);
+                ++reconnects;
+            }
+            drain_answers(fd);
+        }
+        ::close(fd);
+        // A good request on a fresh connection is answered.
+        const int good = t.device ? connect_device() : connect_port(t.node, t.port);
+        ASSERT_GE(good, 0);
+        EXPECT_EQ(send_and_see(good, t.good, 5000), Outcome::kAnswer) << reconnects << " reconnections";
+        ::close(good);
+    }
+    expect_served();
+    // Every connection of the flood is gone: no descriptor left behind.
+    for (int i = 0; i < 100 && open_fds(sim.pid()) > fds_before; ++i) ::usleep(20000);
     EXPECT_LE(open_fds(sim.pid()), fds_before);
 }
 
