@@ -229,15 +229,16 @@ IPCLIENT_API void IPAddr_DeregisterEvent(int32_t iSock);
  * received are delivered.
  */
 IPCLIENT_API uint32_t IPAddr_HandleEvent(int32_t iSock);
-/** Asks for a batch of events (8 bytes, type 2); 0, or 0x40010001 when not all 8 bytes went. */
+/** Asks for a batch of events (8 bytes, type 2); 0, or 0x40010001 for a negative socket or when not all
+ * 8 bytes went. */
 IPCLIENT_API uint32_t IPAddr_RequestBatchEvent(int32_t iSock);
 
 /** Interface configuration on the control socket. Registering drops (does not free) the
- * queued messages; 0, or 0x40010001 for a null callback, a handler already registered or a
- * short send. */
+ * queued messages; 0, or 0x40010001 for a negative socket, a null callback, a handler already
+ * registered or a short send (a refused registration leaves the queue as it was). */
 IPCLIENT_API uint32_t IPAddr_RegIfCfgEvent(int32_t iSock, uint32_t uiWord, IPADDR_IFCFG_PF pfCallback);
 /** While a handler is registered: sends the deregistration with the word, ignores the result
- * and clears the handler. */
+ * and clears the handler. A negative socket does nothing. */
 IPCLIENT_API void IPAddr_DeregIfCfgEvent(int32_t iSock, uint32_t uiWord);
 /**
  * Handles one queued message if any, else reads one without blocking. Only whole 16-byte
@@ -245,8 +246,8 @@ IPCLIENT_API void IPAddr_DeregIfCfgEvent(int32_t iSock, uint32_t uiWord);
  * is handled as an empty message (the read buffer starts zeroed) and gives 0.
  */
 IPCLIENT_API uint32_t IPAddr_HandleIfCfgMsg(int32_t iSock);
-/** Asks for a batch of interface-configuration messages (16 bytes); 0, or 0x40010001 on a short
- * send. */
+/** Asks for a batch of interface-configuration messages (16 bytes); 0, or 0x40010001 for a negative
+ * socket or on a short send. */
 IPCLIENT_API uint32_t IPAddr_RequestBatchIfCfg(int32_t iSock);
 
 IPCLIENT_END_DECLS

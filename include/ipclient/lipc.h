@@ -72,7 +72,8 @@ IPCLIENT_API int32_t IP_JoinGroup(uint16_t usFirst, uint32_t uiGroupType, uint16
 /**
  * Framed send: one message of type usType whose total is (usLen + 4) kept to 16 bits, as
  * the allocation and the send size alike; a null payload leaves the payload bytes zero.
- * 0 when the whole total was sent, else 0x40010001. No retry on EINTR.
+ * 0 when the whole total was sent, else 0x40010001 (a negative descriptor sends nothing).
+ * No retry on EINTR.
  */
 IPCLIENT_API uint32_t IP_LIPC_SendMsg(int32_t iFd, uint16_t usType, const void *pPayload, uint16_t usLen);
 /**
@@ -92,10 +93,11 @@ IPCLIENT_API uint32_t IP_LIPC_RecvMsg(int32_t iFd, uint64_t ulCap, void *pBuf, u
 IPCLIENT_API uint32_t IP_LIPC_RecvMsg2(int32_t iFd, uint64_t ulCap, void **ppBuf, uint64_t *pulLen,
                                        uint32_t *puiType, uint16_t *pusReplaced);
 /** Framed send of the request, then IP_LIPC_RecvMsg of the reply; the reply's payload
- * length, 0 on any failure. */
+ * length, 0 on any failure. A negative descriptor or a null reply buffer sends nothing. */
 IPCLIENT_API uint64_t IP_SendCfgMsgGetReply(int32_t iFd, const void *pReq, uint32_t uiReqLen, uint16_t usType,
                                             uint64_t ulCap, void *pReply);
-/** The same exchange with the IP daemon on its own socket (node 0x8000, port 1648). */
+/** The same exchange with the IP daemon on its own socket (node 0x8000, port 1648); a null reply
+ * buffer opens no socket. */
 IPCLIENT_API uint64_t IP_GetMsgFromDaemon(const void *pReq, uint32_t uiReqLen, uint16_t usType, uint64_t ulCap,
                                           void *pReply);
 /**

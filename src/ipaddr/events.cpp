@@ -159,12 +159,13 @@ uint32_t IPAddr_HandleEvent(int32_t iSock) {
 }
 
 uint32_t IPAddr_RequestBatchEvent(int32_t iSock) {
+    if (iSock < 0) return IPSTATUS_FAILED;
     const Message<0> request(kBatchRequest);
     return send_frame(iSock, request) == static_cast<long>(request.size()) ? IPSTATUS_OK : IPSTATUS_FAILED;
 }
 
 uint32_t IPAddr_RegIfCfgEvent(int32_t iSock, uint32_t uiWord, IPADDR_IFCFG_PF pfCallback) {
-    if (pfCallback == nullptr || g_pfIFCfg_EvProc != nullptr) return IPSTATUS_FAILED;
+    if (iSock < 0 || pfCallback == nullptr || g_pfIFCfg_EvProc != nullptr) return IPSTATUS_FAILED;
     // Queued messages are dropped, not freed, as registration has always done.
     g_stCfgList.pstHead = nullptr;
     g_stCfgList.pstTail = nullptr;
@@ -176,7 +177,8 @@ uint32_t IPAddr_RegIfCfgEvent(int32_t iSock, uint32_t uiWord, IPADDR_IFCFG_PF pf
 }
 
 void IPAddr_DeregIfCfgEvent(int32_t iSock, uint32_t uiWord) {
-    if (g_pfIFCfg_EvProc == nullptr) return;
+    // A negative socket does nothing, as with IPAddr_DeregisterEvent: the handler stays.
+    if (iSock < 0 || g_pfIFCfg_EvProc == nullptr) return;
     IfCfgMessage<4> msg(kIfCfgDeregister);
     msg.be<16>(uiWord);
     (void)send_frame(iSock, msg);
@@ -207,6 +209,7 @@ uint32_t IPAddr_HandleIfCfgMsg(int32_t iSock) {
 }
 
 uint32_t IPAddr_RequestBatchIfCfg(int32_t iSock) {
+    if (iSock < 0) return IPSTATUS_FAILED;
     const IfCfgMessage<0> msg(kIfCfgBatch);
     return send_frame(iSock, msg) < static_cast<long>(msg.size()) ? IPSTATUS_FAILED : IPSTATUS_OK;
 }

@@ -26,6 +26,7 @@ bool read_answer(int fd, std::uint32_t* result) noexcept {
 extern "C" {
 
 uint64_t IP_GetMsgFromDaemon(const void* pReq, uint32_t uiReqLen, uint16_t usType, uint64_t ulCap, void* pReply) {
+    if (pReply == nullptr) return 0;
     const ipc::Fd fd(IP_OpenCliSock(kOwnNode, kPortIpStack));
     if (!fd.valid()) return 0;
     return IP_SendCfgMsgGetReply(fd.get(), pReq, uiReqLen, usType, ulCap, pReply);

@@ -69,6 +69,7 @@ void IP_LIPC_FreeMsg(void* pMsg) {
 }
 
 uint32_t IP_LIPC_SendMsg(int32_t iFd, uint16_t usType, const void* pPayload, uint16_t usLen) {
+    if (iFd < 0) return IPSTATUS_FAILED;
     return send_framed(iFd, usType, pPayload, usLen) ? IPSTATUS_OK : IPSTATUS_FAILED;
 }
 
@@ -108,6 +109,8 @@ uint32_t IP_LIPC_RecvMsg2(int32_t iFd, uint64_t ulCap, void** ppBuf, uint64_t* p
 
 uint64_t IP_SendCfgMsgGetReply(int32_t iFd, const void* pReq, uint32_t uiReqLen, uint16_t usType, uint64_t ulCap,
                                void* pReply) {
+    // Nothing is sent unless the reply can be received.
+    if (iFd < 0 || pReply == nullptr) return 0;
     if (!send_framed(iFd, usType, pReq, uiReqLen)) return 0;
     std::uint64_t len = 0;
     if (IP_LIPC_RecvMsg(iFd, ulCap, pReply, &len, nullptr) != IPSTATUS_OK) return 0;
