@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +24,11 @@
 #include "support/fixture.hpp"
 
 namespace ipt {
+// While armed, every fwrite of the process fails (the library's writes included: this
+// program's fwrite stands before the C library's); the writes tried are counted.
+std::atomic<bool> g_fwrite_fails{false};
+std::atomic<int> g_fwrites_failed{0};
+
 namespace {
 
 constexpr std::uint32_t kDumpId = 0x640001u;
@@ -644,6 +651,18 @@ TEST_F(FullDeviceTest, ClosingFailureAfterACompleteWalkDeletesTheFile) {
     EXPECT_EQ(ipp_dump_open_handles(), 0u);
 }
 
+TEST_F(DumpTest, HeaderThatCannotBeWrittenFailsBeforeAnyDumpAndDeletesTheFile) {
+    one_node({chunk(48, {plain_route(1), plain_route(2)})});
+    g_fwrites_failed = 0;
+    g_fwrite_fails = true;
+    const std::uint32_t rc = save();
+    g_fwrite_fails = false;
+    EXPECT_EQ(rc, kFailed);
+    EXPECT_EQ(g_fwrites_failed.load(), 1) << "nothing is written after the header";
+    EXPECT_EQ(ipp_dump_request_count(), 0u);
+    EXPECT_FALSE(exists(path_));
+}
+
 // ---- Chunks that lie ---------------------------------------------------------------------
 
 TEST_F(DumpTest, ChunkWithEntrySizeZeroIsSkipped) {
@@ -728,3 +747,14 @@ TEST_F(DumpTest, FullSizeChunkOfSmallEntriesStaysInside) {
 
 }  // namespace
 }  // namespace ipt
+
+extern "C" std::size_t fwrite(const void* p, std::size_t size, std::size_t n, std::FILE* stream) {
+    using Fn = std::size_t (*)(const void*, std::size_t, std::size_t, std::FILE*);
+    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "fwrite"));
+    if (ipt::g_fwrite_fails.load()) {
+        ++ipt::g_fwrites_failed;
+        errno = ENOSPC;
+        return 0;
+    }
+    return real(p, size, n, stream);
+}

@@ -1,6 +1,8 @@
 // The address control socket: connecting, change requests and the answer loop.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -233,10 +235,24 @@ TEST_F(ControlTest, DelAddrSendsOnlyKeyAndFlag) {
 }
 
 TEST_F(ControlTest, AddMADAddrRefusesMadBitWithAnyOtherBit) {
-    IPAddrEntry entry = sample_entry();
-    entry.stKey.uiMethod = IPADDR_METHOD_MAD | IPADDR_METHOD_MANUAL;
-    EXPECT_EQ(IPAddr_AddMADAddr(5, &entry, 1, 0), IPSTATUS_FAILED);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_SEND), 0u);
+    // Every one of the 31 other bits, each alone beside the MAD bit, on a descriptor that
+    // would carry a send if one were made. Its receive side is shut, so a library that sent
+    // anyway reads the end of the stream at once instead of waiting for an answer.
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
+    ASSERT_EQ(::shutdown(pair[0], SHUT_RD), 0);
+    for (std::uint32_t bit = 0; bit < 32; ++bit) {
+        const std::uint32_t other = 1u << bit;
+        if (other == IPADDR_METHOD_MAD) continue;
+        IPAddrEntry entry = sample_entry();
+        entry.stKey.uiMethod = IPADDR_METHOD_MAD | other;
+        EXPECT_EQ(IPAddr_AddMADAddr(pair[0], &entry, 1, 0), IPSTATUS_FAILED) << "bit " << bit;
+    }
+    EXPECT_EQ(ipp_call_count(IPP_CALL_SEND) + ipp_call_count(IPP_CALL_SENDMSG) + ipp_call_count(IPP_CALL_SENDTO), 0u);
+    std::uint8_t buf[256];
+    EXPECT_EQ(::recv(pair[1], buf, sizeof buf, MSG_DONTWAIT), -1) << "a message reached the peer";
+    ::close(pair[0]);
+    ::close(pair[1]);
 }
 
 TEST_F(ControlTest, AddMADAddrSendsTheMadWordWithZeroValueAndContext) {
