@@ -354,6 +354,35 @@ TEST_F(ProenTest, SendMsgAndRecvChecksItsPointers) {
     EXPECT_EQ(ipp_call_count(IPP_CALL_SOCKET), 0u);
 }
 
+TEST_F(ProenTest, ReceiveWaitsForAllAndRepeatsOnInterruption) {
+    const Bytes reply{0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08};
+    FakeService svc(0x8000, 1680, [&reply](Conn& c) {
+        c.send_message(reply);
+        (void)c.recv_message(16, 5000);  // held open until the client closes
+    });
+    const int fd = PROEN_MSG_MsgStart(0x8000, 1680);
+    ASSERT_GE(fd, 0);
+    ipp_fault_inject(IPP_CALL_RECV, 3, EINTR);
+    std::uint8_t buf[8] = {};
+    std::uint16_t len = sizeof buf;
+    EXPECT_EQ(PROEN_MSG_Recv(fd, &len, buf), 0u);
+    EXPECT_EQ(len, 8u);
+    EXPECT_EQ(Bytes(buf, buf + sizeof buf), reply);
+    const auto recvs = events(IPP_CALL_RECV);
+    ASSERT_EQ(recvs.size(), 4u);
+    for (std::size_t i = 0; i < recvs.size(); ++i) {
+        EXPECT_EQ(recvs[i].fd, fd) << i;
+        EXPECT_EQ(recvs[i].flags, MSG_WAITALL) << i;
+        EXPECT_EQ(recvs[i].length, 8u) << i;
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(recvs[i].result, -1) << i;
+        EXPECT_EQ(recvs[i].err, EINTR) << i;
+    }
+    EXPECT_EQ(recvs[3].result, 8);
+    PROEN_MSG_MsgEnd(fd);
+}
+
 TEST_F(ProenTest, ReceiveFromClosedPeerSetsLengthZero) {
     FakeService svc(0x8000, 1680, [](Conn&) {});
     const int fd = PROEN_MSG_MsgStart(0x8000, 1680);

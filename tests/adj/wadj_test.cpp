@@ -1,6 +1,8 @@
 // WLAN adjacency: control requests and the event subscription.
 #include <gtest/gtest.h>
+#include <errno.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 
 #include <cstring>
@@ -151,6 +153,26 @@ TEST_F(WlanTest, RecordsAreConvertedAndDeliveredInOrder) {
     EXPECT_FALSE(g_events[1].has_entry);
     EXPECT_EQ(g_events[2].type, 0u);
     EXPECT_EQ(g_events[2].first, 0x11223344u);
+}
+
+TEST_F(WlanTest, ProcEventReceivesWithoutBlocking) {
+    Session s({record(20, 1, 0x0A0B0C0D, 7, 4)});
+    ASSERT_GE(s.fd(), 0);
+    ASSERT_TRUE(readable(s.fd()));
+    EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
+    EXPECT_EQ(g_events.size(), 1u);
+    // The service is still connected and has nothing more to send: a receive that does not
+    // block finds nothing and the call fails at once.
+    EXPECT_EQ(WADJ4_ProcEvent(s.fd()), IPSTATUS_FAILED);
+    const auto recvs = events(IPP_CALL_RECV);
+    ASSERT_EQ(recvs.size(), 2u);
+    for (const ipp_sock_event& ev : recvs) {
+        EXPECT_EQ(ev.fd, s.fd());
+        EXPECT_EQ(ev.flags, MSG_DONTWAIT);
+        EXPECT_EQ(ev.length, 4096u);
+    }
+    EXPECT_EQ(recvs[1].result, -1);
+    EXPECT_EQ(recvs[1].err, EAGAIN);
 }
 
 TEST_F(WlanTest, RecordWithZeroWordAtTwelveProducesNoCallback) {

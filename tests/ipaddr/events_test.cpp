@@ -10,6 +10,7 @@
 #include "ipaddr_support.hpp"
 #include "ipclient/lipc.h"
 #include "support/addr_samples.hpp"
+#include "support/alloc_counter.hpp"
 #include "support/fake_service.hpp"
 
 namespace ipt {
@@ -289,10 +290,17 @@ TEST_F(EventsTest, RegIfCfgEventSendsRegistrationAndEmptiesQueueWithoutFreeing) 
     g_stCfgList.pstHead = g_stCfgList.pstTail = rec;
     {
         ControlSession s({}, &received);
+        const ipt::FreeWatch rec_watch(rec);
+        const ipt::FreeWatch data_watch(data);
         EXPECT_EQ(IPAddr_RegIfCfgEvent(s.fd(), 0x0A0B0C0D, on_ifcfg), 0u);
         EXPECT_EQ(g_stCfgList.pstHead, nullptr);
         EXPECT_EQ(g_stCfgList.pstTail, nullptr);
-        EXPECT_EQ(rec->pData, data);  // still intact: dropped, not freed
+        // Dropped, not freed: the queued record and its message are still the caller's.
+        if (ipt::allocations_observable()) {
+            EXPECT_FALSE(rec_watch.freed());
+            EXPECT_FALSE(data_watch.freed());
+        }
+        EXPECT_EQ(rec->pData, data);
         EXPECT_EQ(IPAddr_RegIfCfgEvent(s.fd(), 1, on_ifcfg), IPSTATUS_FAILED);
         IPAddr_DeregIfCfgEvent(s.fd(), 0x01020304);
         IPAddr_DeregIfCfgEvent(s.fd(), 0x05060708);  // nothing registered: nothing sent
