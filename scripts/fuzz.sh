@@ -4,15 +4,25 @@
 # fuzz/corpus/<target>/. Prints the executions of each target; fails on any finding (crash,
 # sanitizer report, leak, time-out of one input), whose input is kept as
 # build-fuzz/findings/<target>-<kind>-<hash>.
-#   scripts/fuzz.sh [--update-corpus] [SECONDS] [TARGET ...]   (default 30 s, every target)
+#   scripts/fuzz.sh [--update-corpus] [--runs N] [SECONDS] [TARGET ...]
+#   (default 30 s, every target; targets are named as built, e.g. fuzz_lib_genl)
 # --update-corpus merges what the run found into the seed corpora (for a commit).
+# --runs N ends each target after N executions instead (SECONDS is then ignored): the long
+# runs, e.g. --runs 10000000.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 update=0
-if [ "${1:-}" = --update-corpus ]; then update=1; shift; fi
-seconds=${1:-30}
-shift || true
+runs=0
+while (($#)); do
+  case $1 in
+    --update-corpus) update=1; shift ;;
+    --runs) runs=$2; shift 2 ;;
+    *) break ;;
+  esac
+done
+seconds=30
+if [[ ${1:-} =~ ^[0-9]+$ ]]; then seconds=$1; shift; fi
 dir=build-fuzz
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
   -DIPCLIENT_SANITIZE=ON -DIPCLIENT_FUZZ=ON -DIPCLIENT_TESTS=OFF -DIPCLIENT_BENCH=OFF -DIPCLIENT_WERROR=ON >/dev/null
@@ -31,7 +41,9 @@ run_one() {
   local t=$1
   mkdir -p "$work/$t" "fuzz/corpus/$t"
   local rc=0
-  "$dir/fuzz/$t" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+  local limit=(-max_total_time="$seconds")
+  ((runs > 0)) && limit=(-runs="$runs")
+  "$dir/fuzz/$t" "${limit[@]}" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
     -artifact_prefix="$dir/findings/$t-" "$work/$t" "fuzz/corpus/$t" >"$work/$t.log" 2>&1 || rc=$?
   local execs rate
   execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$t.log")
@@ -64,4 +76,8 @@ if ((failed)); then
   echo "fuzz: findings kept in $dir/findings" >&2
   exit 1
 fi
-echo "fuzz: ${#targets[@]} targets, ${seconds} s each, no finding"
+if ((runs > 0)); then
+  echo "fuzz: ${#targets[@]} targets, ${runs} executions each, no finding"
+else
+  echo "fuzz: ${#targets[@]} targets, ${seconds} s each, no finding"
+fi
