@@ -299,7 +299,7 @@ IPCLIENT_API extern WADJ4_EVENT_PF g_pfWADJ4EventProc;
 
 /** Subscribes on node 0x8000, port 1641 (time-outs 5 s and 1 s): message type 5 with the BE32
  * selector and 4 zero bytes. On success the callback is stored, replacing any earlier one, and
- * the descriptor returned; else -1. */
+ * the descriptor returned; else -1. A null callback gives -1 before anything is opened. */
 IPCLIENT_API int32_t WADJ4_RegEvent(uint32_t uiSelector, WADJ4_EVENT_PF pfCallback);
 /** Closes a non-negative descriptor and clears the callback; a negative one is ignored. */
 IPCLIENT_API void WADJ4_DeregEvent(int32_t iFd);

@@ -54,7 +54,7 @@ int start(std::uint16_t node, std::uint16_t port, std::uint32_t send_to, std::ui
 std::uint32_t send_msg(const Family& fam, std::uint8_t type, int fd, std::uint16_t len, std::uint16_t count,
                        const void* payload, int flags) noexcept {
     // A payload is required whenever the message claims one.
-    if (len != 0 && payload == nullptr) return IPSTATUS_FAILED;
+    if (fd < 0 || (len != 0 && payload == nullptr)) return IPSTATUS_FAILED;
     const std::uint16_t total = static_cast<std::uint16_t>(ADJ_MSG_HEAD_LEN + len);
     const ipc::CBlock<std::uint8_t> msg(static_cast<std::uint8_t*>(std::calloc(ADJ_MSG_HEAD_LEN + std::size_t{len}, 1)));
     if (!msg) return IPSTATUS_FAILED;
@@ -68,7 +68,7 @@ std::uint32_t send_msg(const Family& fam, std::uint8_t type, int fd, std::uint16
 }
 
 std::uint32_t recv_msg(const Family& fam, int fd, std::uint16_t* len, void* buf) noexcept {
-    if (len == nullptr || buf == nullptr) return IPSTATUS_FAILED;
+    if (fd < 0 || len == nullptr || buf == nullptr) return IPSTATUS_FAILED;
     const long n = recv_retrying(fd, buf, *len, fam.recv_flags);
     if (n <= 0) {
         *len = 0;

@@ -46,7 +46,7 @@ std::uint16_t get_host16(const std::uint8_t* p) noexcept {
 extern "C" {
 
 uint32_t ADJ4_GetGenlFamilyId(int32_t iSock, const char* pcName, uint16_t* pusId) {
-    if (pcName == nullptr || pusId == nullptr) return IPSTATUS_FAILED;
+    if (iSock < 0 || pcName == nullptr || pusId == nullptr) return IPSTATUS_FAILED;
     const std::size_t name_len = strnlen(pcName, ADJ_GENL_NAME_MAX);
     const std::size_t attr_len = name_len + 5;
     std::uint8_t req[kHeadersLen + align4(ADJ_GENL_NAME_MAX + 5)] = {};
@@ -77,7 +77,7 @@ uint32_t ADJ4_GetGenlFamilyId(int32_t iSock, const char* pcName, uint16_t* pusId
 }
 
 uint32_t ADJ4_GenlOpen(ADJ_GENL_S* pstGenl) {
-    if (pstGenl == nullptr) return IPSTATUS_FAILED;
+    if (pstGenl == nullptr || pstGenl->pcFamilyName == nullptr) return IPSTATUS_FAILED;
     const int fd = ::socket(kNetlink, kRaw, kGenericNetlink);
     if (fd < 0) return IPSTATUS_FAILED;
     std::uint16_t id = 0;
@@ -91,7 +91,7 @@ uint32_t ADJ4_GenlOpen(ADJ_GENL_S* pstGenl) {
 }
 
 uint32_t ADJ4_GenlSendCmd(ADJ_GENL_S* pstGenl, const void* pPayload, uint32_t uiLen) {
-    if (pstGenl == nullptr || (pPayload == nullptr && uiLen != 0)) return IPSTATUS_FAILED;
+    if (pstGenl == nullptr || pstGenl->iSock < 0 || (pPayload == nullptr && uiLen != 0)) return IPSTATUS_FAILED;
     std::uint8_t nl[16] = {};
     put_host32(nl, uiLen + static_cast<std::uint32_t>(kHeadersLen));
     put_host16(nl + 4, pstGenl->usFamilyId);

@@ -128,7 +128,7 @@ void PROEN_MSG_MsgEnd(int32_t iFd) {
 
 uint32_t PROEN_MSG_Send(uint32_t uiType, int32_t iFd, uint32_t uiReplyFlag, uint32_t uiLen, const void* pPayload) {
     // A payload is required whenever the message claims one.
-    if (uiLen != 0 && pPayload == nullptr) return IPSTATUS_FAILED;
+    if (iFd < 0 || (uiLen != 0 && pPayload == nullptr)) return IPSTATUS_FAILED;
     const std::size_t total = std::size_t{PROEN_MSG_HEAD_LEN} + uiLen;
     const ipc::CBlock<std::uint8_t> msg(static_cast<std::uint8_t*>(std::calloc(total, 1)));
     if (!msg) return IPSTATUS_FAILED;
@@ -146,7 +146,7 @@ uint32_t PROEN_MSG_Send(uint32_t uiType, int32_t iFd, uint32_t uiReplyFlag, uint
 
 uint32_t PROEN_MSG_Recv(int32_t iFd, uint16_t* pusLen, void* pBuf) {
     if (pusLen == nullptr) return IPSTATUS_FAILED;
-    const long n = pBuf != nullptr ? recv_retrying(iFd, pBuf, *pusLen, kWaitAll) : -1;
+    const long n = iFd >= 0 && pBuf != nullptr ? recv_retrying(iFd, pBuf, *pusLen, kWaitAll) : -1;
     if (n <= 0) {
         *pusLen = 0;
         return IPSTATUS_FAILED;

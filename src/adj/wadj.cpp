@@ -47,6 +47,8 @@ extern "C" {
 WADJ4_EVENT_PF g_pfWADJ4EventProc = nullptr;
 
 int32_t WADJ4_RegEvent(uint32_t uiSelector, WADJ4_EVENT_PF pfCallback) {
+    // Events are only ever delivered to a callback: without one there is nothing to subscribe.
+    if (pfCallback == nullptr) return -1;
     const int fd = ADJ4_GetMsgStart(kAnyNode, ADJ_PORT_WLAN, kSendTimeout, kRecvTimeout);
     if (fd < 0) return -1;
     std::uint8_t payload[8] = {};
@@ -66,7 +68,7 @@ void WADJ4_DeregEvent(int32_t iFd) {
 }
 
 uint32_t WADJ4_ProcEvent(int32_t iFd) {
-    if (g_pfWADJ4EventProc == nullptr) return IPSTATUS_FAILED;
+    if (iFd < 0 || g_pfWADJ4EventProc == nullptr) return IPSTATUS_FAILED;
     alignas(8) std::uint8_t buf[WADJ4_EVENT_MAX];
     const ssize_t n = ::recv(iFd, buf, sizeof buf, ipc::lipc::kDontWait);
     if (n < 0) return IPSTATUS_FAILED;
