@@ -1,0 +1,316 @@
+// The ARP client given bad arguments: event subscriptions, entry queries and counters,
+// packet sending, the OpenFlow, rule and suppression tables, the layer-2 VPN bridge and the
+// interface display.
+#include <cstdint>
+
+#include "ipclient/arp.h"
+#include "ipclient/status.h"
+#include "surface/surface.hpp"
+
+namespace {
+
+using ipt::surface::Case;
+using ipt::surface::Exempt;
+
+constexpr std::int32_t kNoSocket = -1;
+constexpr std::uint32_t kNoDescriptor = 0xFFFFFFFFu;  // -1 as the row's word
+constexpr std::uint32_t kAddr = 0x0A000001u;
+constexpr std::uint8_t kMac[6] = {0, 1, 2, 3, 4, 5};
+constexpr const char* kNoArgument = "no pointer, descriptor or ranged argument";
+
+uint32_t on_arp_event(uint32_t, void*, uint16_t) { return 0; }
+
+template <typename F>
+Case voided(const char* function, const char* argument, F f) {
+    return Case{.function = function,
+                .argument = argument,
+                .call = [f] {
+                    f();
+                    return 0u;
+                },
+                .any_result = true};
+}
+
+const bool registered = ipt::surface::add({
+    // ---- Event subscriptions
+    Case{"ARP_RegEvent", "pfCallback null", [] { return static_cast<std::uint32_t>(ARP_RegEvent(1, 2, nullptr)); },
+         kNoDescriptor},
+    voided("ARP_DeregEvent", "iFd -1", [] { ARP_DeregEvent(kNoSocket); }),
+    Case{"ARP_ProcEvent", "iFd -1 (no subscription)", [] { return ARP_ProcEvent(kNoSocket); }},
+    Case{"arp_EventProc", "iFd -1", [] { return arp_EventProc(kNoSocket, on_arp_event); }},
+    Case{"arp_EventProc", "pfCallback null", [] { return arp_EventProc(5, nullptr); }},
+    Case{"ARP_AddConcernedIP", "iFd -1", [] { return ARP_AddConcernedIP(kNoSocket, kAddr, 1); }},
+    Case{"ARP_DelConcernedIP", "iFd -1", [] { return ARP_DelConcernedIP(kNoSocket, kAddr, 1); }},
+    voided("ARP_RequestBatchEvent", "iFd -1", [] { ARP_RequestBatchEvent(kNoSocket); }),
+    Case{"ARP_RequestBatchByAc", "iFd -1",
+         [] {
+             const ARP_BATCH_REQ_S req{};
+             return ARP_RequestBatchByAc(kNoSocket, &req);
+         }},
+    Case{"ARP_RequestBatchByAc", "pstReq null", [] { return ARP_RequestBatchByAc(5, nullptr); }},
+    Case{"ARP_RequestBatchByVsi", "iFd -1",
+         [] {
+             const ARP_BATCH_VSI_REQ_S req{};
+             return ARP_RequestBatchByVsi(kNoSocket, &req);
+         }},
+    Case{"ARP_RequestBatchByVsi", "pstReq null", [] { return ARP_RequestBatchByVsi(5, nullptr); }},
+    Case{"ARP_RequestBatchByVlan", "iFd -1", [] { return ARP_RequestBatchByVlan(kNoSocket, 1, 10); }},
+
+    // ---- Entry queries and counters
+    Case{"ARP_GetEntry", "pstEntry null", [] { return ARP_GetEntry(1, kAddr, nullptr); }},
+    Case{"ARP_GetEntry", "uiAddr 0",
+         [] {
+             ARP_ENTRY_S entry{};
+             return ARP_GetEntry(1, 0, &entry);
+         }},
+    Case{"ARP_GetFirstEntry", "pstEntry null", [] { return ARP_GetFirstEntry(nullptr); }},
+    Case{"ARP_GetNextEntry", "pstEntry null", [] { return ARP_GetNextEntry(nullptr); }},
+    Case{"arp_GetEntryExtend", "pstEntry null", [] { return arp_GetEntryExtend(1, kAddr, nullptr); }},
+    Case{"arp_GetEntryExtend", "uiAddr 0",
+         [] {
+             ARP_ENTRY_S entry{};
+             return arp_GetEntryExtend(1, 0, &entry);
+         }},
+    Case{"ARP_GetRefreshTime", "puiTime null", [] { return ARP_GetRefreshTime(1, kAddr, nullptr); }},
+    Case{"ARP_GetEntryByIP", "pstEntry null", [] { return ARP_GetEntryByIP(kAddr, nullptr); }},
+    Case{"ARP_GetEntryByIP", "uiAddr 0",
+         [] {
+             ARP_ENTRY_S entry{};
+             return ARP_GetEntryByIP(0, &entry);
+         }},
+    Case{"ARP_GetConf", "pBuffer null", [] { return ARP_GetConf(ARP_CONF_LEN, nullptr); }},
+    Case{"ARP_GetConf", "uiLength 111",
+         [] {
+             std::uint8_t conf[ARP_CONF_LEN + 1] = {};
+             return ARP_GetConf(ARP_CONF_LEN - 1, conf);
+         }},
+    Case{"ARP_GetConf", "uiLength 113",
+         [] {
+             std::uint8_t conf[ARP_CONF_LEN + 1] = {};
+             return ARP_GetConf(ARP_CONF_LEN + 1, conf);
+         }},
+    Case{"ARP_GetFirstIPAddr", "pucMac null",
+         [] {
+             std::uint32_t addr = 0;
+             return ARP_GetFirstIPAddr(10, nullptr, &addr);
+         }},
+    Case{"ARP_GetFirstIPAddr", "puiAddr null", [] { return ARP_GetFirstIPAddr(10, kMac, nullptr); }},
+    Case{"ARP_SetEntry", "pEntry null",
+         [] {
+             std::uint8_t reply[4];
+             return ARP_SetEntry(nullptr, reply);
+         }},
+    Case{"ARP_SetEntry", "pReply null",
+         [] {
+             const std::uint8_t entry[300] = {};
+             return ARP_SetEntry(entry, nullptr);
+         }},
+    voided("ARP_GetArpAttackStat", "pulCounters null", [] { ARP_GetArpAttackStat(1, nullptr); }),
+    voided("ARP_GetAlarmThresholdStat", "pulCounter null", [] { ARP_GetAlarmThresholdStat(1, nullptr); }),
+    Case{"ARP_GetTimeStampFromPData", "pData null",
+         [] {
+             std::uint32_t time = 0;
+             return ARP_GetTimeStampFromPData(4, nullptr, &time);
+         }},
+    Case{"ARP_GetTimeStampFromPData", "puiTime null",
+         [] {
+             const std::uint8_t data[4] = {};
+             return ARP_GetTimeStampFromPData(sizeof data, data, nullptr);
+         }},
+    Case{"ARP_GetPDataFromIPCIM", "pData null",
+         [] {
+             std::uint64_t value = 0;
+             return ARP_GetPDataFromIPCIM(4, nullptr, 1, &value);
+         }},
+    Case{"ARP_GetPDataFromIPCIM", "pulValue null",
+         [] {
+             const std::uint8_t data[8] = {0, 1, 0, 4, 1, 2, 3, 4};
+             return ARP_GetPDataFromIPCIM(sizeof data, data, 1, nullptr);
+         }},
+
+    // ---- Packet sending
+    Case{"ARP_SendSpecify", "pstDesc null", [] { return ARP_SendSpecify(nullptr); }},
+
+    // ---- OpenFlow, rule and suppression tables
+    Case{"ARP_OpenFlowConnect", "puiVersion null",
+         [] { return static_cast<std::uint32_t>(ARP_OpenFlowConnect(nullptr)); }, kNoDescriptor},
+    voided("ARP_OpenFlowDisconnect", "iFd -1", [] { ARP_OpenFlowDisconnect(kNoSocket); }),
+    Case{"ARP_RefreshOpenFlowEntry", "iFd -1",
+         [] {
+             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
+             return ARP_RefreshOpenFlowEntry(kNoSocket, buf, 1);
+         }},
+    Case{"ARP_RefreshOpenFlowEntry", "pBuf null", [] { return ARP_RefreshOpenFlowEntry(5, nullptr, 1); }},
+    Case{"ARP_RefreshOpenFlowEntry", "uiCount above the largest batch",
+         [] {
+             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
+             return ARP_RefreshOpenFlowEntry(5, buf, ARP_OPENFLOW_ENTRY_MAX + 1);
+         }},
+    Case{"ARP_DeleteOpenFlowEntry", "iFd -1",
+         [] {
+             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
+             return ARP_DeleteOpenFlowEntry(kNoSocket, buf, 1);
+         }},
+    Case{"ARP_DeleteOpenFlowEntry", "pBuf null", [] { return ARP_DeleteOpenFlowEntry(5, nullptr, 1); }},
+    Case{"ARP_DeleteOpenFlowEntry", "uiCount above the largest batch",
+         [] {
+             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
+             return ARP_DeleteOpenFlowEntry(5, buf, ARP_OPENFLOW_ENTRY_MAX + 1);
+         }},
+    voided("ARP_OpenFlowVerify", "iFd -1", [] { ARP_OpenFlowVerify(kNoSocket); }),
+    Case{"ARP_OpenFlowSmoothStart", "iFd -1", [] { return ARP_OpenFlowSmoothStart(kNoSocket); }},
+    Case{"ARP_OpenFlowSmoothEnd", "iFd -1", [] { return ARP_OpenFlowSmoothEnd(kNoSocket); }},
+    Case{"ARP_DisOpenFlowArpCount", "puiCount null", [] { return ARP_DisOpenFlowArpCount(nullptr); }},
+    voided("ARP_RuleDisconnect", "iFd -1", [] { ARP_RuleDisconnect(kNoSocket); }),
+    Case{"ARP_RefreshRule", "iFd -1",
+         [] {
+             ARP_RULE_S rule{};
+             rule.uiAddr = kAddr;
+             return ARP_RefreshRule(kNoSocket, &rule);
+         }},
+    Case{"ARP_RefreshRule", "pstRule null", [] { return ARP_RefreshRule(5, nullptr); }},
+    Case{"ARP_RefreshRule", "class 9",
+         [] {
+             ARP_RULE_S rule{};
+             rule.uiAddr = kAddr;
+             rule.ucClass = ARP_RULE_CLASS_MAX + 1;
+             return ARP_RefreshRule(5, &rule);
+         }},
+    Case{"ARP_DeleteRule", "iFd -1", [] { return ARP_DeleteRule(kNoSocket, 1, kAddr, 1); }},
+    Case{"ARP_RuleSmoothStart", "iFd -1", [] { return ARP_RuleSmoothStart(kNoSocket, 1, 1); }},
+    Case{"ARP_RuleSmoothStart", "class 9", [] { return ARP_RuleSmoothStart(5, ARP_RULE_CLASS_MAX + 1, 1); }},
+    Case{"ARP_RuleSmoothEnd", "iFd -1", [] { return ARP_RuleSmoothEnd(kNoSocket, 1, 1); }},
+    Case{"ARP_RuleSmoothEnd", "class 9", [] { return ARP_RuleSmoothEnd(5, ARP_RULE_CLASS_MAX + 1, 1); }},
+    Case{"ARP_RefreshVsiSupEntry", "iFd -1",
+         [] {
+             const ARP_VSI_SUP_ENTRY_S entry{};
+             return ARP_RefreshVsiSupEntry(kNoSocket, &entry);
+         }},
+    Case{"ARP_RefreshVsiSupEntry", "pstEntry null", [] { return ARP_RefreshVsiSupEntry(5, nullptr); }},
+    Case{"ARP_DeleteVsiSupEntry", "iFd -1", [] { return ARP_DeleteVsiSupEntry(kNoSocket, 1, 2, 1); }},
+    Case{"ARP_VsiSupEntrySmoothStart", "iFd -1", [] { return ARP_VsiSupEntrySmoothStart(kNoSocket, 1); }},
+    Case{"ARP_VsiSupEntrySmoothEnd", "iFd -1", [] { return ARP_VsiSupEntrySmoothEnd(kNoSocket, 1); }},
+    Case{"ARP_VlanSupRefreshEntry", "iFd -1",
+         [] {
+             const ARP_VLAN_SUP_ENTRY_S entry{};
+             return ARP_VlanSupRefreshEntry(kNoSocket, &entry);
+         }},
+    Case{"ARP_VlanSupRefreshEntry", "pstEntry null", [] { return ARP_VlanSupRefreshEntry(5, nullptr); }},
+    Case{"ARP_VlanSupDeleteEntry", "iFd -1", [] { return ARP_VlanSupDeleteEntry(kNoSocket, 1, 10); }},
+    Case{"ARP_VlanSupEntrySmoothStart", "iFd -1", [] { return ARP_VlanSupEntrySmoothStart(kNoSocket); }},
+    Case{"ARP_VlanSupEntrySmoothEnd", "iFd -1", [] { return ARP_VlanSupEntrySmoothEnd(kNoSocket); }},
+    Case{"ARP_RoamingDetection", "iFd -1",
+         [] {
+             const std::uint8_t records[ARP_ROAMING_RECORD_LEN] = {};
+             return ARP_RoamingDetection(kNoSocket, records, sizeof records, 1);
+         }},
+    Case{"ARP_RoamingDetection", "pRecords null", [] { return ARP_RoamingDetection(5, nullptr, ARP_ROAMING_RECORD_LEN, 1); }},
+    Case{"ARP_RoamingDetection", "usDataLen 0",
+         [] {
+             const std::uint8_t records[ARP_ROAMING_RECORD_LEN] = {};
+             return ARP_RoamingDetection(5, records, 0, 0);
+         }},
+    Case{"ARP_RoamingDetection", "usCount disagreeing with the length",
+         [] {
+             const std::uint8_t records[ARP_ROAMING_RECORD_LEN] = {};
+             return ARP_RoamingDetection(5, records, sizeof records, 2);
+         }},
+    Case{"ARP_SetEviSuppression", "uiInstance 0", [] { return ARP_SetEviSuppression(1, 0); }},
+    Case{"ARP_GetEviSuppression", "puiState null", [] { return ARP_GetEviSuppression(1, nullptr); }},
+    Case{"ARP_SetOverlaySuppression", "uiIfIndex 0xFFFFFFFF", [] { return ARP_SetOverlaySuppression(0xFFFFFFFFu, 1); }},
+    Case{"ARP_GetOverlaySuppression", "uiIfIndex 0xFFFFFFFF",
+         [] {
+             std::uint32_t state = 0;
+             return ARP_GetOverlaySuppression(0xFFFFFFFFu, &state);
+         }},
+    Case{"ARP_GetOverlaySuppression", "puiState null", [] { return ARP_GetOverlaySuppression(7, nullptr); }},
+    Case{"ARP_GetVlanSuppression", "usVlan 0xFFFF",
+         [] {
+             std::uint32_t state = 0;
+             return ARP_GetVlanSuppression(0xFFFF, &state);
+         }},
+    Case{"ARP_GetVlanSuppression", "puiState null", [] { return ARP_GetVlanSuppression(10, nullptr); }},
+
+    // ---- Layer-2 VPN bridge: the predicates never report errors, every failure reads as 0.
+    Case{"ARP_L2VPNAddRef", "ppHandle null",
+         [] {
+             ARP_L2VPN_FUNC_S table{};
+             return ARP_L2VPNAddRef(&table, nullptr);
+         }},
+    Case{"ARP_L2VPNAddRef", "pstFunc null",
+         [] {
+             void* handle = &handle;
+             const std::uint32_t result = ARP_L2VPNAddRef(nullptr, &handle);
+             return handle == nullptr ? result : 0xDEADu;  // the handle out is cleared first
+         }},
+    voided("ARP_L2VPNRelease", "pHandle null", [] { ARP_L2VPNRelease(nullptr); }),
+    Case{"ARP_IsVsiIfInVsi", "pstFunc null", [] { return ARP_IsVsiIfInVsi(nullptr, "vsi1", 0); }, 0u},
+    Case{"ARP_IsVsiIfInVsi", "pcVsiName null",
+         [] {
+             const ARP_L2VPN_FUNC_S table{};
+             return ARP_IsVsiIfInVsi(&table, nullptr, 0);
+         },
+         0u},
+    Case{"ARP_IsAcIfAndSrvIDInVsiByName", "pstFunc null",
+         [] {
+             const std::uint8_t key[16] = {};
+             return ARP_IsAcIfAndSrvIDInVsiByName(nullptr, key, "vsi1");
+         },
+         0u},
+    Case{"ARP_IsAcIfAndSrvIDInVsiByName", "pEvcKey null",
+         [] {
+             const ARP_L2VPN_FUNC_S table{};
+             return ARP_IsAcIfAndSrvIDInVsiByName(&table, nullptr, "vsi1");
+         },
+         0u},
+    Case{"ARP_IsAcIfAndSrvIDInVsi", "pstFunc null",
+         [] {
+             const std::uint8_t key[16] = {};
+             return ARP_IsAcIfAndSrvIDInVsi(nullptr, key, 1);
+         },
+         0u},
+    Case{"ARP_IsAcIfAndSrvIDInVsi", "pEvcKey null",
+         [] {
+             const ARP_L2VPN_FUNC_S table{};
+             return ARP_IsAcIfAndSrvIDInVsi(&table, nullptr, 1);
+         },
+         0u},
+    Case{"ARP_CheckVsiIndexAndLinkId", "pstFunc null",
+         [] {
+             const std::uint8_t key[16] = {};
+             std::uint32_t link = 0;
+             return ARP_CheckVsiIndexAndLinkId(nullptr, key, 1, &link);
+         },
+         0u},
+    Case{"ARP_CheckVsiIndexAndLinkId", "puiLinkId null",
+         [] {
+             const ARP_L2VPN_FUNC_S table{};
+             const std::uint8_t key[16] = {};
+             return ARP_CheckVsiIndexAndLinkId(&table, key, 1, nullptr);
+         },
+         0u},
+
+    // ---- Interface display: the number of characters written, 0 for nothing.
+    Case{"ARP_GetIfDisplayInfo", "pcBuf null", [] { return ARP_GetIfDisplayInfo(1, 64, nullptr); }, 0u},
+    Case{"ARP_GetIfDisplayInfo", "uiSize 0",
+         [] {
+             char buf[8] = {};
+             return ARP_GetIfDisplayInfo(1, 0, buf);
+         },
+         0u},
+});
+
+const bool exempted = ipt::surface::exempt({
+    {"ARP_GetNextInfoBatch",
+     "the buffer and the reply length go to the control request as they stand; a null buffer asks with capacity 0"},
+    {"ARP_DeleteDynamicEntry", "two keys passed as given; no pointer or descriptor"},
+    {"ARP_DeleteAuthorizedEntry", "two keys passed as given; no pointer or descriptor"},
+    {"ARP_Request", "the hardware address may be null (the zero address); an unknown interface gives the directory's status"},
+    {"ARP_Reply", "the hardware address may be null (the zero address); an unknown interface gives the directory's status"},
+    {"ARP_Probe", "the hardware address may be null (the zero address); an unknown interface gives the directory's status"},
+    {"ARP_RequestWithVlan", "both hardware addresses may be null (the zero address); no descriptor"},
+    {"ARP_RuleConnect", kNoArgument},
+    {"ARP_MADDispalyCfg", "a flag: any value other than 1 leaves the interface names out"},
+});
+
+}  // namespace
