@@ -299,7 +299,8 @@ IPCLIENT_API extern WADJ4_EVENT_PF g_pfWADJ4EventProc;
 
 /** Subscribes on node 0x8000, port 1641 (time-outs 5 s and 1 s): message type 5 with the BE32
  * selector and 4 zero bytes. On success the callback is stored, replacing any earlier one, and
- * the descriptor returned; else -1. A null callback gives -1 before anything is opened. */
+ * the descriptor returned; else -1. A null callback is stored like any other: no subscriber,
+ * and WADJ4_ProcEvent fails without reading. */
 IPCLIENT_API int32_t WADJ4_RegEvent(uint32_t uiSelector, WADJ4_EVENT_PF pfCallback);
 /** Closes a non-negative descriptor and clears the callback; a negative one is ignored. */
 IPCLIENT_API void WADJ4_DeregEvent(int32_t iFd);

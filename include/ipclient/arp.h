@@ -68,8 +68,8 @@ typedef struct ARP_BATCH_VSI_REQ_S {
 } ARP_BATCH_VSI_REQ_S;
 
 /** Subscribes on the system master's IPv4 adjacency service (time-outs 5 s and 2 s); the
- * descriptor, or -1 with nothing left open. A null callback gives -1 before anything is
- * opened. */
+ * descriptor, or -1 with nothing left open. A null callback is allowed: the subscription
+ * is kept and ARP_ProcEvent reads nothing for it. */
 IPCLIENT_API int32_t ARP_RegEvent(uint32_t uiFirst, uint32_t uiSecond, ARP_EVENT_PF pfCallback);
 /** Forgets the subscription (if registered) and closes the descriptor in any case. */
 IPCLIENT_API void ARP_DeregEvent(int32_t iFd);

@@ -47,8 +47,6 @@ extern "C" {
 WADJ4_EVENT_PF g_pfWADJ4EventProc = nullptr;
 
 int32_t WADJ4_RegEvent(uint32_t uiSelector, WADJ4_EVENT_PF pfCallback) {
-    // Events are only ever delivered to a callback: without one there is nothing to subscribe.
-    if (pfCallback == nullptr) return -1;
     const int fd = ADJ4_GetMsgStart(kAnyNode, ADJ_PORT_WLAN, kSendTimeout, kRecvTimeout);
     if (fd < 0) return -1;
     std::uint8_t payload[8] = {};

@@ -81,8 +81,6 @@ ARP_EVENT_PROC_NODE_S* g_stARPEventProcList = nullptr;
 pthread_rwlock_t g_stARPEventProcList_rwLock = PTHREAD_RWLOCK_INITIALIZER;
 
 int32_t ARP_RegEvent(uint32_t uiFirst, uint32_t uiSecond, ARP_EVENT_PF pfCallback) {
-    // Events are only ever delivered to a callback: without one there is nothing to subscribe.
-    if (pfCallback == nullptr) return -1;
     const int fd = ADJ4_GetMsgStart(static_cast<std::uint16_t>(DEV_GetSystemMaster()), kPort, kSendTimeout, kRecvTimeout);
     if (fd < 0) return -1;
     std::uint8_t payload[12] = {};

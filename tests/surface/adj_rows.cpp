@@ -13,7 +13,6 @@ using ipt::surface::Case;
 using ipt::surface::Exempt;
 
 constexpr std::int32_t kNoSocket = -1;
-constexpr std::uint32_t kNoDescriptor = 0xFFFFFFFFu;  // -1 as the row's word
 constexpr std::uint16_t kLocalNode = 0x8000;
 constexpr const char* kNoArgument = "no pointer, descriptor or ranged argument";
 constexpr std::uint8_t kPayload[8] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -250,8 +249,6 @@ const bool registered = ipt::surface::add({
              return IP_EnableProtocolToCpuEx(0, &item, 0);
          }},
 
-    Case{"WADJ4_RegEvent", "pfCallback null", [] { return static_cast<std::uint32_t>(WADJ4_RegEvent(1, nullptr)); },
-         kNoDescriptor},
     Case{.function = "WADJ4_DeregEvent", .argument = "iFd -1",
          .call = [] {
              const WADJ4_EVENT_PF before = g_pfWADJ4EventProc;
@@ -279,6 +276,7 @@ const bool exempted = ipt::surface::exempt({
     {"ADJ_DtqWalkReg", "the anchor and queue head are the caller's to give; a null head is a finished walk, not an error"},
     {"PROEN_MSG_MsgStart", "node and port only; every value is a destination"},
     {"PROEN_Open", kNoArgument},
+    {"WADJ4_RegEvent", "a null callback is stored like any other; the drain then fails without reading"},
     {"PROEN_GetSocketFd", kNoArgument},
     {"WADJ4_Delete", "no pointer or descriptor; the interface index is tested against the directory, not a range"},
     {"WADJ4_DeleteByIf", "no pointer or descriptor; the interface index is tested against the directory, not a range"},
