@@ -148,7 +148,7 @@ void ND_DeregEvent(int32_t iFd) {
 // ---- Dispatch -------------------------------------------------------------------------
 
 uint32_t nd_RecvEvents(int32_t iFd, NdEventProc pfProc) {
-    if (pfProc == nullptr) return IPSTATUS_FAILED;
+    if (iFd < 0 || pfProc == nullptr) return IPSTATUS_FAILED;
     alignas(8) std::uint8_t buf[ND_EVENT_DATAGRAM_MAX];
     const ssize_t n = ::recv(iFd, buf, sizeof buf, ipc::lipc::kDontWait);
     if (n < 0) return IPSTATUS_FAILED;
