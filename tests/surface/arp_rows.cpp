@@ -5,12 +5,14 @@
 
 #include "ipclient/arp.h"
 #include "ipclient/status.h"
+#include "surface/neigh_rows.hpp"
 #include "surface/surface.hpp"
 
 namespace {
 
 using ipt::surface::Case;
 using ipt::surface::Exempt;
+using ipt::surface::voided;
 
 constexpr std::int32_t kNoSocket = -1;
 constexpr std::uint32_t kNoDescriptor = 0xFFFFFFFFu;  // -1 as the row's word
@@ -19,17 +21,6 @@ constexpr std::uint8_t kMac[6] = {0, 1, 2, 3, 4, 5};
 constexpr const char* kNoArgument = "no pointer, descriptor or ranged argument";
 
 uint32_t on_arp_event(uint32_t, void*, uint16_t) { return 0; }
-
-template <typename F>
-Case voided(const char* function, const char* argument, F f) {
-    return Case{.function = function,
-                .argument = argument,
-                .call = [f] {
-                    f();
-                    return 0u;
-                },
-                .any_result = true};
-}
 
 const bool registered = ipt::surface::add({
     // ---- Event subscriptions
@@ -133,28 +124,6 @@ const bool registered = ipt::surface::add({
     Case{"ARP_OpenFlowConnect", "puiVersion null",
          [] { return static_cast<std::uint32_t>(ARP_OpenFlowConnect(nullptr)); }, kNoDescriptor},
     voided("ARP_OpenFlowDisconnect", "iFd -1", [] { ARP_OpenFlowDisconnect(kNoSocket); }),
-    Case{"ARP_RefreshOpenFlowEntry", "iFd -1",
-         [] {
-             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
-             return ARP_RefreshOpenFlowEntry(kNoSocket, buf, 1);
-         }},
-    Case{"ARP_RefreshOpenFlowEntry", "pBuf null", [] { return ARP_RefreshOpenFlowEntry(5, nullptr, 1); }},
-    Case{"ARP_RefreshOpenFlowEntry", "uiCount above the largest batch",
-         [] {
-             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
-             return ARP_RefreshOpenFlowEntry(5, buf, ARP_OPENFLOW_ENTRY_MAX + 1);
-         }},
-    Case{"ARP_DeleteOpenFlowEntry", "iFd -1",
-         [] {
-             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
-             return ARP_DeleteOpenFlowEntry(kNoSocket, buf, 1);
-         }},
-    Case{"ARP_DeleteOpenFlowEntry", "pBuf null", [] { return ARP_DeleteOpenFlowEntry(5, nullptr, 1); }},
-    Case{"ARP_DeleteOpenFlowEntry", "uiCount above the largest batch",
-         [] {
-             std::uint8_t buf[ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN] = {};
-             return ARP_DeleteOpenFlowEntry(5, buf, ARP_OPENFLOW_ENTRY_MAX + 1);
-         }},
     voided("ARP_OpenFlowVerify", "iFd -1", [] { ARP_OpenFlowVerify(kNoSocket); }),
     Case{"ARP_OpenFlowSmoothStart", "iFd -1", [] { return ARP_OpenFlowSmoothStart(kNoSocket); }},
     Case{"ARP_OpenFlowSmoothEnd", "iFd -1", [] { return ARP_OpenFlowSmoothEnd(kNoSocket); }},
@@ -175,10 +144,6 @@ const bool registered = ipt::surface::add({
              return ARP_RefreshRule(5, &rule);
          }},
     Case{"ARP_DeleteRule", "iFd -1", [] { return ARP_DeleteRule(kNoSocket, 1, kAddr, 1); }},
-    Case{"ARP_RuleSmoothStart", "iFd -1", [] { return ARP_RuleSmoothStart(kNoSocket, 1, 1); }},
-    Case{"ARP_RuleSmoothStart", "class 9", [] { return ARP_RuleSmoothStart(5, ARP_RULE_CLASS_MAX + 1, 1); }},
-    Case{"ARP_RuleSmoothEnd", "iFd -1", [] { return ARP_RuleSmoothEnd(kNoSocket, 1, 1); }},
-    Case{"ARP_RuleSmoothEnd", "class 9", [] { return ARP_RuleSmoothEnd(5, ARP_RULE_CLASS_MAX + 1, 1); }},
     Case{"ARP_RefreshVsiSupEntry", "iFd -1",
          [] {
              const ARP_VSI_SUP_ENTRY_S entry{};
@@ -197,22 +162,6 @@ const bool registered = ipt::surface::add({
     Case{"ARP_VlanSupDeleteEntry", "iFd -1", [] { return ARP_VlanSupDeleteEntry(kNoSocket, 1, 10); }},
     Case{"ARP_VlanSupEntrySmoothStart", "iFd -1", [] { return ARP_VlanSupEntrySmoothStart(kNoSocket); }},
     Case{"ARP_VlanSupEntrySmoothEnd", "iFd -1", [] { return ARP_VlanSupEntrySmoothEnd(kNoSocket); }},
-    Case{"ARP_RoamingDetection", "iFd -1",
-         [] {
-             const std::uint8_t records[ARP_ROAMING_RECORD_LEN] = {};
-             return ARP_RoamingDetection(kNoSocket, records, sizeof records, 1);
-         }},
-    Case{"ARP_RoamingDetection", "pRecords null", [] { return ARP_RoamingDetection(5, nullptr, ARP_ROAMING_RECORD_LEN, 1); }},
-    Case{"ARP_RoamingDetection", "usDataLen 0",
-         [] {
-             const std::uint8_t records[ARP_ROAMING_RECORD_LEN] = {};
-             return ARP_RoamingDetection(5, records, 0, 0);
-         }},
-    Case{"ARP_RoamingDetection", "usCount disagreeing with the length",
-         [] {
-             const std::uint8_t records[ARP_ROAMING_RECORD_LEN] = {};
-             return ARP_RoamingDetection(5, records, sizeof records, 2);
-         }},
     Case{"ARP_SetEviSuppression", "uiInstance 0", [] { return ARP_SetEviSuppression(1, 0); }},
     Case{"ARP_GetEviSuppression", "puiState null", [] { return ARP_GetEviSuppression(1, nullptr); }},
     Case{"ARP_SetOverlaySuppression", "uiIfIndex 0xFFFFFFFF", [] { return ARP_SetOverlaySuppression(0xFFFFFFFFu, 1); }},
@@ -297,6 +246,17 @@ const bool registered = ipt::surface::add({
          },
          0u},
 });
+
+// The OpenFlow batches, rule smooth messages and roaming detection, as the other client has them.
+const bool registered_shared = [] {
+    using namespace ipt::surface;
+    constexpr std::size_t kOneEntry = ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN;
+    add(openflow_batch_rows<ARP_RefreshOpenFlowEntry, kOneEntry, ARP_OPENFLOW_ENTRY_MAX>("ARP_RefreshOpenFlowEntry"));
+    add(openflow_batch_rows<ARP_DeleteOpenFlowEntry, kOneEntry, ARP_OPENFLOW_ENTRY_MAX>("ARP_DeleteOpenFlowEntry"));
+    add(rule_smooth_rows<ARP_RuleSmoothStart, ARP_RULE_CLASS_MAX>("ARP_RuleSmoothStart"));
+    add(rule_smooth_rows<ARP_RuleSmoothEnd, ARP_RULE_CLASS_MAX>("ARP_RuleSmoothEnd"));
+    return add(roaming_rows<ARP_RoamingDetection, ARP_ROAMING_RECORD_LEN>("ARP_RoamingDetection"));
+}();
 
 const bool exempted = ipt::surface::exempt({
     {"ARP_GetNextInfoBatch",

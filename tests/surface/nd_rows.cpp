@@ -5,12 +5,14 @@
 
 #include "ipclient/nd.h"
 #include "ipclient/status.h"
+#include "surface/neigh_rows.hpp"
 #include "surface/surface.hpp"
 
 namespace {
 
 using ipt::surface::Case;
 using ipt::surface::Exempt;
+using ipt::surface::voided;
 
 constexpr std::int32_t kNoSocket = -1;
 constexpr std::uint32_t kNoDescriptor = 0xFFFFFFFFu;  // -1 as the row's word
@@ -19,17 +21,6 @@ constexpr std::uint8_t kMac[6] = {0, 1, 2, 3, 4, 5};
 constexpr const char* kNoArgument = "no pointer, descriptor or ranged argument";
 
 uint32_t on_nd_event(uint32_t, NdEventRecord*) { return 0; }
-
-template <typename F>
-Case voided(const char* function, const char* argument, F f) {
-    return Case{.function = function,
-                .argument = argument,
-                .call = [f] {
-                    f();
-                    return 0u;
-                },
-                .any_result = true};
-}
 
 // The reads of one setting into a 32-bit or 16-bit word: each refuses a null output.
 template <typename T, std::uint32_t (*Get)(T*)>
@@ -179,28 +170,6 @@ const bool registered = ipt::surface::add({
     Case{"ND_OpenFlowConnect", "puiVersion null",
          [] { return static_cast<std::uint32_t>(ND_OpenFlowConnect(nullptr)); }, kNoDescriptor},
     voided("ND_OpenFlowDisconnect", "iFd -1", [] { ND_OpenFlowDisconnect(kNoSocket); }),
-    Case{"ND_RefreshOpenFlowEntry", "iFd -1",
-         [] {
-             std::uint8_t buf[ND_OPENFLOW_BUF_LEN(1)] = {};
-             return ND_RefreshOpenFlowEntry(kNoSocket, buf, 1);
-         }},
-    Case{"ND_RefreshOpenFlowEntry", "pBuf null", [] { return ND_RefreshOpenFlowEntry(5, nullptr, 1); }},
-    Case{"ND_RefreshOpenFlowEntry", "uiCount above the largest batch",
-         [] {
-             std::uint8_t buf[ND_OPENFLOW_BUF_LEN(1)] = {};
-             return ND_RefreshOpenFlowEntry(5, buf, ND_OPENFLOW_ENTRY_MAX + 1);
-         }},
-    Case{"ND_DeleteOpenFlowEntry", "iFd -1",
-         [] {
-             std::uint8_t buf[ND_OPENFLOW_BUF_LEN(1)] = {};
-             return ND_DeleteOpenFlowEntry(kNoSocket, buf, 1);
-         }},
-    Case{"ND_DeleteOpenFlowEntry", "pBuf null", [] { return ND_DeleteOpenFlowEntry(5, nullptr, 1); }},
-    Case{"ND_DeleteOpenFlowEntry", "uiCount above the largest batch",
-         [] {
-             std::uint8_t buf[ND_OPENFLOW_BUF_LEN(1)] = {};
-             return ND_DeleteOpenFlowEntry(5, buf, ND_OPENFLOW_ENTRY_MAX + 1);
-         }},
     Case{"ND_OpenFlowSmoothStart", "iFd -1", [] { return ND_OpenFlowSmoothStart(kNoSocket); }},
     Case{"ND_OpenFlowSmoothEnd", "iFd -1", [] { return ND_OpenFlowSmoothEnd(kNoSocket); }},
     voided("ND_RuleDisconnect", "iFd -1", [] { ND_RuleDisconnect(kNoSocket); }),
@@ -211,10 +180,6 @@ const bool registered = ipt::surface::add({
          }},
     Case{"ND_RefreshRule", "pstRule null", [] { return ND_RefreshRule(5, nullptr); }},
     Case{"ND_DeleteRule", "iFd -1", [] { return ND_DeleteRule(kNoSocket, 1, kAddr, 1); }},
-    Case{"ND_RuleSmoothStart", "iFd -1", [] { return ND_RuleSmoothStart(kNoSocket, 1, 1); }},
-    Case{"ND_RuleSmoothStart", "class 9", [] { return ND_RuleSmoothStart(5, ND_RULE_CLASS_MAX + 1, 1); }},
-    Case{"ND_RuleSmoothEnd", "iFd -1", [] { return ND_RuleSmoothEnd(kNoSocket, 1, 1); }},
-    Case{"ND_RuleSmoothEnd", "class 9", [] { return ND_RuleSmoothEnd(5, ND_RULE_CLASS_MAX + 1, 1); }},
     Case{"ND_RefreshVsiSupEntry", "iFd -1",
          [] {
              const NdVsiSupInfo entry{};
@@ -225,22 +190,6 @@ const bool registered = ipt::surface::add({
     Case{"ND_DeleteVsiSupEntry", "pstAddr null", [] { return ND_DeleteVsiSupEntry(5, 1, nullptr, 1); }},
     Case{"ND_VsiSupEntrySmoothBegin", "iFd -1", [] { return ND_VsiSupEntrySmoothBegin(kNoSocket, 1); }},
     Case{"ND_VsiSupEntrySmoothEnd", "iFd -1", [] { return ND_VsiSupEntrySmoothEnd(kNoSocket, 1); }},
-    Case{"ND_RoamingDetection", "iFd -1",
-         [] {
-             const std::uint8_t records[ND_ROAMING_RECORD_LEN] = {};
-             return ND_RoamingDetection(kNoSocket, records, sizeof records, 1);
-         }},
-    Case{"ND_RoamingDetection", "pRecords null", [] { return ND_RoamingDetection(5, nullptr, ND_ROAMING_RECORD_LEN, 1); }},
-    Case{"ND_RoamingDetection", "usDataLen 0",
-         [] {
-             const std::uint8_t records[ND_ROAMING_RECORD_LEN] = {};
-             return ND_RoamingDetection(5, records, 0, 0);
-         }},
-    Case{"ND_RoamingDetection", "usCount disagreeing with the length",
-         [] {
-             const std::uint8_t records[ND_ROAMING_RECORD_LEN] = {};
-             return ND_RoamingDetection(5, records, sizeof records, 2);
-         }},
     Case{"ND_SetOverlaySuppression", "uiVsiIndex 0xFFFFFFFF", [] { return ND_SetOverlaySuppression(ND_VSI_INDEX_NONE, 1); }},
     Case{"ND_GetOverlaySuppression", "uiVsiIndex 0xFFFFFFFF",
          [] {
@@ -280,6 +229,17 @@ const bool registered = ipt::surface::add({
     null_output<std::uint16_t, ND_GetResolvingRoute>("ND_GetResolvingRoute", "pusValue null"),
     null_output<std::uint16_t, ND_GetTopoChgEnable>("ND_GetTopoChgEnable", "pusValue null"),
 });
+
+// The OpenFlow batches, rule smooth messages and roaming detection, as the other client has them.
+const bool registered_shared = [] {
+    using namespace ipt::surface;
+    constexpr std::size_t kOneEntry = ND_OPENFLOW_HEAD_LEN + ND_OPENFLOW_ENTRY_LEN;
+    add(openflow_batch_rows<ND_RefreshOpenFlowEntry, kOneEntry, ND_OPENFLOW_ENTRY_MAX>("ND_RefreshOpenFlowEntry"));
+    add(openflow_batch_rows<ND_DeleteOpenFlowEntry, kOneEntry, ND_OPENFLOW_ENTRY_MAX>("ND_DeleteOpenFlowEntry"));
+    add(rule_smooth_rows<ND_RuleSmoothStart, ND_RULE_CLASS_MAX>("ND_RuleSmoothStart"));
+    add(rule_smooth_rows<ND_RuleSmoothEnd, ND_RULE_CLASS_MAX>("ND_RuleSmoothEnd"));
+    return add(roaming_rows<ND_RoamingDetection, ND_ROAMING_RECORD_LEN>("ND_RoamingDetection"));
+}();
 
 const bool exempted = ipt::surface::exempt({
     {"ND_RegEvent", "the handler is stored as given and may be null; the selectors are the service's"},
