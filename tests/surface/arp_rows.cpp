@@ -31,18 +31,6 @@ const bool registered = ipt::surface::add({
     Case{"ARP_AddConcernedIP", "iFd -1", [] { return ARP_AddConcernedIP(kNoSocket, kAddr, 1); }},
     Case{"ARP_DelConcernedIP", "iFd -1", [] { return ARP_DelConcernedIP(kNoSocket, kAddr, 1); }},
     voided("ARP_RequestBatchEvent", "iFd -1", [] { ARP_RequestBatchEvent(kNoSocket); }),
-    Case{"ARP_RequestBatchByAc", "iFd -1",
-         [] {
-             const ARP_BATCH_REQ_S req{};
-             return ARP_RequestBatchByAc(kNoSocket, &req);
-         }},
-    Case{"ARP_RequestBatchByAc", "pstReq null", [] { return ARP_RequestBatchByAc(5, nullptr); }},
-    Case{"ARP_RequestBatchByVsi", "iFd -1",
-         [] {
-             const ARP_BATCH_VSI_REQ_S req{};
-             return ARP_RequestBatchByVsi(kNoSocket, &req);
-         }},
-    Case{"ARP_RequestBatchByVsi", "pstReq null", [] { return ARP_RequestBatchByVsi(5, nullptr); }},
     Case{"ARP_RequestBatchByVlan", "iFd -1", [] { return ARP_RequestBatchByVlan(kNoSocket, 1, 10); }},
 
     // ---- Entry queries and counters
@@ -247,10 +235,13 @@ const bool registered = ipt::surface::add({
          0u},
 });
 
-// The OpenFlow batches, rule smooth messages and roaming detection, as the other client has them.
+// The keyed batch replays, OpenFlow batches, rule smooth messages and roaming detection, as
+// the other client has them.
 const bool registered_shared = [] {
     using namespace ipt::surface;
     constexpr std::size_t kOneEntry = ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN;
+    add(keyed_batch_rows<ARP_RequestBatchByAc, ARP_BATCH_REQ_S>("ARP_RequestBatchByAc", "pstReq"));
+    add(keyed_batch_rows<ARP_RequestBatchByVsi, ARP_BATCH_VSI_REQ_S>("ARP_RequestBatchByVsi", "pstReq"));
     add(openflow_batch_rows<ARP_RefreshOpenFlowEntry, kOneEntry, ARP_OPENFLOW_ENTRY_MAX>("ARP_RefreshOpenFlowEntry"));
     add(openflow_batch_rows<ARP_DeleteOpenFlowEntry, kOneEntry, ARP_OPENFLOW_ENTRY_MAX>("ARP_DeleteOpenFlowEntry"));
     add(rule_smooth_rows<ARP_RuleSmoothStart, ARP_RULE_CLASS_MAX>("ARP_RuleSmoothStart"));

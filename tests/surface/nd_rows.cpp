@@ -35,18 +35,6 @@ const bool registered = ipt::surface::add({
     Case{"nd_RecvEvents", "iFd -1", [] { return nd_RecvEvents(kNoSocket, on_nd_event); }},
     Case{"nd_RecvEvents", "pfProc null", [] { return nd_RecvEvents(5, nullptr); }},
     voided("ND_RequestBatchEvent", "iFd -1", [] { ND_RequestBatchEvent(kNoSocket); }),
-    Case{"ND_RequestBatchByVsi", "iFd -1",
-         [] {
-             const NdBatchKey key{};
-             return ND_RequestBatchByVsi(kNoSocket, &key);
-         }},
-    Case{"ND_RequestBatchByVsi", "pstKey null", [] { return ND_RequestBatchByVsi(5, nullptr); }},
-    Case{"ND_RequestBatchByIF", "iFd -1",
-         [] {
-             const NdBatchKey key{};
-             return ND_RequestBatchByIF(kNoSocket, &key);
-         }},
-    Case{"ND_RequestBatchByIF", "pstKey null", [] { return ND_RequestBatchByIF(5, nullptr); }},
     Case{"ND_AddConcernedIPv6", "iFd -1", [] { return ND_AddConcernedIPv6(kNoSocket, 1, kAddr); }},
     Case{"ND_DelConcernedIPv6", "iFd -1", [] { return ND_DelConcernedIPv6(kNoSocket, 1, kAddr); }},
     // A negative descriptor is handed back unchanged.
@@ -230,10 +218,13 @@ const bool registered = ipt::surface::add({
     null_output<std::uint16_t, ND_GetTopoChgEnable>("ND_GetTopoChgEnable", "pusValue null"),
 });
 
-// The OpenFlow batches, rule smooth messages and roaming detection, as the other client has them.
+// The keyed batch replays, OpenFlow batches, rule smooth messages and roaming detection, as
+// the other client has them.
 const bool registered_shared = [] {
     using namespace ipt::surface;
     constexpr std::size_t kOneEntry = ND_OPENFLOW_HEAD_LEN + ND_OPENFLOW_ENTRY_LEN;
+    add(keyed_batch_rows<ND_RequestBatchByVsi, NdBatchKey>("ND_RequestBatchByVsi", "pstKey"));
+    add(keyed_batch_rows<ND_RequestBatchByIF, NdBatchKey>("ND_RequestBatchByIF", "pstKey"));
     add(openflow_batch_rows<ND_RefreshOpenFlowEntry, kOneEntry, ND_OPENFLOW_ENTRY_MAX>("ND_RefreshOpenFlowEntry"));
     add(openflow_batch_rows<ND_DeleteOpenFlowEntry, kOneEntry, ND_OPENFLOW_ENTRY_MAX>("ND_DeleteOpenFlowEntry"));
     add(rule_smooth_rows<ND_RuleSmoothStart, ND_RULE_CLASS_MAX>("ND_RuleSmoothStart"));

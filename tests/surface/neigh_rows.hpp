@@ -22,6 +22,19 @@ Case voided(std::string function, std::string argument, F f) {
                 .any_result = true};
 }
 
+// A batch replay keyed by a request record on a subscription: a -1 descriptor, a null key.
+template <auto Batch, typename Key>
+std::vector<Case> keyed_batch_rows(const std::string& name, const std::string& key_name) {
+    return {
+        Case{name, "iFd -1",
+             [] {
+                 const Key key{};
+                 return Batch(-1, &key);
+             }},
+        Case{name, key_name + " null", [] { return Batch(5, nullptr); }},
+    };
+}
+
 // Refresh and delete of OpenFlow entries: a -1 descriptor, a null buffer, a count above the
 // largest batch. `Len` is the room of one entry behind the channel header.
 template <auto Batch, std::size_t Len, std::uint32_t Max>
