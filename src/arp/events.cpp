@@ -122,7 +122,6 @@ uint32_t arp_EventProc(int32_t iFd, ARP_EVENT_PF pfCallback) {
     const ssize_t n = ::recv(iFd, buf, sizeof buf, ipc::lipc::kDontWait);
     if (n < 0) return IPSTATUS_FAILED;
     alignas(8) std::uint8_t scratch[kFullRecord];
-    reset_scratch(scratch);
     std::size_t remaining = static_cast<std::size_t>(n);
     std::uint8_t* rec = buf;
     while (remaining >= kRecordHead) {
@@ -133,14 +132,16 @@ uint32_t arp_EventProc(int32_t iFd, ARP_EVENT_PF pfCallback) {
         if (type <= ARP_EVENT_TYPE_MAX) {
             std::uint8_t* entry = rec + kRecordHead;
             if (len < kFullRecord) {
+                // A short record is completed in the scratch copy, whose bytes beyond it read
+                // as the defaults; a whole one is converted where it lies.
+                reset_scratch(scratch);
                 std::memcpy(scratch, rec, len);
                 entry = scratch + kRecordHead;
             }
-            ipc::wire::swap_fields(std::span<std::uint8_t>(entry, ARP_EVENT_ENTRY_LEN), kEntryFields);
+            ipc::wire::swap_fields<kEntryFields, ARP_EVENT_ENTRY_LEN>(entry);
             std::uint16_t field48;
             std::memcpy(&field48, entry + 48, sizeof field48);
             (void)pfCallback(type, entry, field48);
-            reset_scratch(scratch);
         }
         remaining -= len;
         rec += len;

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <optional>
 #include <span>
+#include <utility>
 
 namespace ipc::wire {
 
@@ -63,6 +64,85 @@ struct Field {
     std::uint16_t offset;
     std::uint8_t width;  // 2, 4 or 8 for big-endian words
 };
+
+namespace detail {
+// One step of a fixed conversion: a field, or two adjacent fields of the same width (2 or 4)
+// done as one word twice as wide, byte-reversed and then rotated by one field, which leaves
+// each field swapped in its own place.
+struct SwapStep {
+    std::uint16_t offset = 0;
+    std::uint8_t width = 0;
+    bool pair = false;
+};
+
+template <const auto& Fields>
+constexpr std::size_t step_count() noexcept {
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < std::size(Fields); ++i, ++n) {
+        const bool pairs = i + 1 < std::size(Fields) && Fields[i].width <= 4 &&
+                           Fields[i + 1].width == Fields[i].width &&
+                           Fields[i].offset + Fields[i].width == Fields[i + 1].offset;
+        if (pairs) ++i;
+    }
+    return n;
+}
+
+template <const auto& Fields>
+constexpr std::array<SwapStep, step_count<Fields>()> swap_steps() noexcept {
+    std::array<SwapStep, step_count<Fields>()> steps{};
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < std::size(Fields); ++i, ++n) {
+        const bool pairs = i + 1 < std::size(Fields) && Fields[i].width <= 4 &&
+                           Fields[i + 1].width == Fields[i].width &&
+                           Fields[i].offset + Fields[i].width == Fields[i + 1].offset;
+        steps[n] = SwapStep{Fields[i].offset, Fields[i].width, pairs};
+        if (pairs) ++i;
+    }
+    return steps;
+}
+
+template <class U>
+inline void swap_pair_at(std::uint8_t* p) noexcept {
+    U v;
+    std::memcpy(&v, p, sizeof v);
+    v = std::rotr(swap_be(v), static_cast<int>(sizeof(U) * 4));
+    std::memcpy(p, &v, sizeof v);
+}
+
+template <SwapStep Step>
+inline void swap_step(std::uint8_t* record) noexcept {
+    std::uint8_t* const p = record + Step.offset;
+    if constexpr (Step.pair && Step.width == 2) {
+        swap_pair_at<std::uint32_t>(p);
+    } else if constexpr (Step.pair) {
+        static_assert(Step.width == 4, "only 2- and 4-byte fields are paired");
+        swap_pair_at<std::uint64_t>(p);
+    } else if constexpr (Step.width == 2) {
+        swap_at<std::uint16_t>(p);
+    } else if constexpr (Step.width == 4) {
+        swap_at<std::uint32_t>(p);
+    } else {
+        static_assert(Step.width == 8, "big-endian fields are 2, 4 or 8 bytes wide");
+        swap_at<std::uint64_t>(p);
+    }
+}
+
+template <const auto& Fields>
+inline constexpr auto kSwapSteps = swap_steps<Fields>();
+}  // namespace detail
+
+// The same for a table known at compile time over a record of `Size` bytes: straight-line
+// code, one swap per field at its fixed offset (two adjacent fields of one width share one),
+// with no loop and no width test left at run time. For the event drains, which convert every
+// record of every datagram.
+template <const auto& Fields, std::size_t Size>
+inline void swap_fields(std::uint8_t* record) noexcept {
+    static_assert(std::ranges::all_of(Fields, [](const auto& f) { return f.offset + f.width <= Size; }),
+                  "every field lies within the record");
+    [record]<std::size_t... I>(std::index_sequence<I...>) {
+        (detail::swap_step<detail::kSwapSteps<Fields>[I]>(record), ...);
+    }(std::make_index_sequence<detail::kSwapSteps<Fields>.size()>{});
+}
 
 // Swaps, in place, every big-endian field of one record between wire and host order.
 // The operation is its own inverse, so it serves requests and replies alike.

@@ -152,13 +152,12 @@ uint32_t nd_RecvEvents(int32_t iFd, NdEventProc pfProc) {
     alignas(8) std::uint8_t buf[ND_EVENT_DATAGRAM_MAX];
     const ssize_t n = ::recv(iFd, buf, sizeof buf, ipc::lipc::kDontWait);
     if (n < 0) return IPSTATUS_FAILED;
-    // One aligned 64-byte record serves every event of the datagram: a record's body (its
-    // first 64 bytes at most) is copied over it, converted there, and handed over.
+    // A whole body (its first 64 bytes) is converted in the datagram and handed over from
+    // there; one aligned 64-byte record on the stack serves the short ones.
     NdEventRecord local;
     auto* const local_bytes = reinterpret_cast<std::uint8_t*>(&local);
-    reset_local(local);
     std::size_t remaining = static_cast<std::size_t>(n);
-    const std::uint8_t* rec = buf;
+    std::uint8_t* rec = buf;
     while (remaining >= kHead) {
         const auto len = ipc::wire::load_be<std::uint32_t>(rec);
         const auto type = ipc::wire::load_be<std::uint32_t>(rec + 4);
@@ -166,11 +165,19 @@ uint32_t nd_RecvEvents(int32_t iFd, NdEventProc pfProc) {
         // skipped types included: nothing past the received bytes is ever read.
         if (len < kHead || len > remaining) break;
         if (type < ND_EVENT_TYPE_COUNT) {
-            std::memcpy(local_bytes, rec + kHead, len < kFullRecord ? len - kHead : kBody);
-            ipc::wire::swap_fields(std::span<std::uint8_t>(local_bytes, kBody), kRecordFields);
-            (void)pfProc(type, &local);
+            std::uint8_t* body = rec + kHead;
+            if (len < kFullRecord || reinterpret_cast<std::uintptr_t>(body) % alignof(NdEventRecord) != 0) {
+                // A short body lands on the defaults, laid down again since the handler may
+                // have written over them; a whole one that lies misaligned in the datagram is
+                // copied whole. Either way the handler gets an aligned record.
+                if (len < kFullRecord) reset_local(local);
+                std::memcpy(local_bytes, body, len < kFullRecord ? len - kHead : kBody);
+                body = local_bytes;
+            }
+            // A whole, aligned body is converted where it lies.
+            ipc::wire::swap_fields<kRecordFields, kBody>(body);
+            (void)pfProc(type, reinterpret_cast<NdEventRecord*>(body));
         }
-        reset_local(local);
         remaining -= len;
         rec += len;
     }

@@ -18,6 +18,7 @@
 #include "arp/events_support.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/testctl.h"
+#include "support/alloc_counter.hpp"
 #include "support/fixture.hpp"
 
 namespace ipt {
@@ -170,6 +171,33 @@ TEST_F(ArpEventsTest, RecordsOfLengths60And24YieldTwoCallbacksAndTheShortOneRead
     EXPECT_EQ(host32(got[1].entry, 12), 0x0D0E0F10u);
     for (std::size_t k = 16; k < kEntryLen; ++k) EXPECT_EQ(got[1].entry[k], 0) << "entry byte " << k;
     EXPECT_EQ(got[1].third, 0);
+    ARP_DeregEvent(fd);
+}
+
+std::uint64_t g_counted = 0;
+std::uint32_t count_event(std::uint32_t, void*, std::uint16_t) {
+    ++g_counted;
+    return 0;
+}
+
+TEST_F(ArpEventsTest, ProcEventDrainsWithoutAnAllocation) {
+    AdjPeer peer(kMaster);
+    const auto [fd, svc] = subscribe(peer, 0, count_event);
+    ASSERT_GE(fd, 0);
+    // Whole, short and skipped records over several datagrams.
+    const Bytes datagram = concat({record(60, 1, 1), record(24, 2, 2), record(60, 30, 3), record(60, 4, 4)});
+    for (int i = 0; i < 8; ++i) ASSERT_TRUE(AdjPeer::send(svc, datagram));
+    g_counted = 0;
+    std::uint64_t allocations = 0;
+    {
+        const AllocationScope scope;
+        EXPECT_EQ(ARP_ProcEvent(fd), 0u);
+        allocations = scope.count();
+    }
+    EXPECT_EQ(g_counted, 8u * 3u);
+    if (allocations_observable()) {
+        EXPECT_EQ(allocations, 0u);
+    }
     ARP_DeregEvent(fd);
 }
 

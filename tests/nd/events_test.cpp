@@ -34,6 +34,7 @@
 #include "ipclient/nd.h"
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
+#include "support/alloc_counter.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
 
@@ -345,6 +346,33 @@ TEST_F(NdEventsTest, RecordOf40BytesWithoutOffsets20And24ReadsTheirDefaults) {
     for (std::size_t k = 28; k < kBodyLen; ++k) EXPECT_EQ(got[0].rec[k], 0) << "byte " << k;
     for (std::size_t k = 32; k < kBodyLen; ++k) EXPECT_EQ(got[1].rec[k], 0) << "byte " << k;
     EXPECT_EQ(got[1].rec, expected_record(wire_body(0x05060708), 40));
+    ND_DeregEvent(fd);
+}
+
+std::uint64_t g_counted = 0;
+std::uint32_t count_event(std::uint32_t, NdEventRecord*) {
+    ++g_counted;
+    return 0;
+}
+
+TEST_F(NdEventsTest, ProcEventDrainsWithoutAnAllocation) {
+    NdPeer peer(kMaster);
+    const auto [fd, svc] = subscribe(peer, 0, count_event);
+    ASSERT_GE(fd, 0);
+    // Whole (aligned and not), short and skipped records over several datagrams.
+    const Bytes datagram = concat({record(72, 1, 1), record(40, 2, 2), record(72, 16, 3), record(100, 4, 4), record(72, 5, 5)});
+    for (int i = 0; i < 8; ++i) ASSERT_TRUE(NdPeer::send(svc, datagram));
+    g_counted = 0;
+    std::uint64_t allocations = 0;
+    {
+        const AllocationScope scope;
+        EXPECT_EQ(ND_ProcEvent(static_cast<std::uint32_t>(fd)), 0u);
+        allocations = scope.count();
+    }
+    EXPECT_EQ(g_counted, 8u * 4u);
+    if (allocations_observable()) {
+        EXPECT_EQ(allocations, 0u);
+    }
     ND_DeregEvent(fd);
 }
 
