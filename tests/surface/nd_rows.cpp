@@ -17,7 +17,6 @@ using ipt::surface::voided;
 constexpr std::int32_t kNoSocket = -1;
 constexpr std::uint32_t kNoDescriptor = 0xFFFFFFFFu;  // -1 as the row's word
 constexpr NdIPv6Addr kAddr{{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}};
-constexpr std::uint8_t kMac[6] = {0, 1, 2, 3, 4, 5};
 constexpr const char* kNoArgument = "no pointer, descriptor or ranged argument";
 
 uint32_t on_nd_event(uint32_t, NdEventRecord*) { return 0; }
