@@ -25,7 +25,7 @@ seconds=30
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then seconds=$1; shift; fi
 dir=build-fuzz
 cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
-  -DIPCLIENT_SANITIZE=ON -DIPCLIENT_FUZZ=ON -DIPCLIENT_TESTS=OFF -DIPCLIENT_BENCH=OFF -DIPCLIENT_WERROR=ON >/dev/null
+  -DCMAKE_C_FLAGS_DEBUG="-g -O1" -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" -DIPCLIENT_SANITIZE=ON -DIPCLIENT_FUZZ=ON -DIPCLIENT_TESTS=OFF -DIPCLIENT_BENCH=OFF -DIPCLIENT_WERROR=ON >/dev/null
 cmake --build "$dir" --target fuzz_targets
 targets=("$@")
 if ((${#targets[@]} == 0)); then

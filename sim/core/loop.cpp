@@ -110,7 +110,7 @@ void Conn::ready(std::uint32_t events) {
 }
 
 Loop::Loop() : epfd_(::epoll_create1(EPOLL_CLOEXEC)), stop_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-               scratch_(kMaxMessage) {
+               scratch_(kMaxMessage), answer_(new std::uint8_t[kMaxMessage]) {
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.ptr = nullptr;

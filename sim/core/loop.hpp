@@ -109,6 +109,10 @@ public:
 
     // A scratch buffer for received messages.
     std::span<std::uint8_t> scratch() noexcept { return scratch_; }
+    // Room for one answer built in place (kMaxMessage bytes, not cleared). The loop handles
+    // one message at a time and send() copies what it cannot send at once, so every
+    // connection shares it.
+    std::span<std::uint8_t> answer() noexcept { return {answer_.get(), kMaxMessage}; }
     // Connections closed in this round; destroyed once the round ends.
     void retire(Conn* c);
     std::size_t connections() const noexcept { return conns_.size(); }
@@ -122,6 +126,7 @@ private:
     int epfd_;
     int stop_fd_;
     std::vector<std::uint8_t> scratch_;
+    std::unique_ptr<std::uint8_t[]> answer_;
     std::vector<std::unique_ptr<Listener>> listeners_;
     std::map<Conn*, std::unique_ptr<Conn>> conns_;
     std::vector<Conn*> retired_;

@@ -31,7 +31,7 @@ const char* call_name(std::uint32_t c) {
 class DeviceConn : public Conn {
 public:
     DeviceConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid)
-        : Conn(loop, fd, where, pid), ctx_(ctx), out_(new std::uint8_t[kOutSize]) {
+        : Conn(loop, fd, where, pid), ctx_(ctx) {
         ++ctx_.device_clients[pid];
     }
     ~DeviceConn() override { leave(); }
@@ -50,7 +50,7 @@ protected:
                     static_cast<int>(peer_pid()));
             return close();
         }
-        Writer w(std::span<std::uint8_t>(out_.get() + 4, kOutSize - 4));
+        Writer w(out().subspan(4));
         const std::uint32_t result = serve(static_cast<Call>(call), r, w);
         reply(result, w.ok() ? w.size() : 0);
     }
@@ -63,8 +63,8 @@ private:
     }
 
     void reply(std::uint32_t result, std::size_t len) {
-        ipc::wire::store_be(out_.get(), result);
-        const std::span<const std::uint8_t> msg(out_.get(), 4 + len);
+        ipc::wire::store_be(out().data(), result);
+        const std::span<const std::uint8_t> msg(out().data(), 4 + len);
         if (ctx_.capture.on()) capture("answer", msg, {{"result", result}});
         send(msg);
     }
@@ -196,7 +196,7 @@ private:
                 const std::uint32_t cap = r.be<std::uint32_t>();
                 DumpCursor* cursor = r.ok() ? ctx_.dumps.find(this, handle) : nullptr;
                 if (cursor == nullptr) return kFailure;
-                const std::span<std::uint8_t> room(out_.get() + 4, std::min<std::size_t>(cap, ipc::device::kMaxPayload));
+                const std::span<std::uint8_t> room = out().subspan(4, std::min<std::size_t>(cap, ipc::device::kMaxPayload));
                 std::size_t len = 0;
                 const std::uint32_t status = cursor->pull(room, &len);
                 (void)w.reserve(std::min(len, room.size()));
@@ -350,11 +350,13 @@ private:
         subscribed_ = false;
     }
 
-    // Room for the largest answer; not cleared, every answer is written before it is sent.
-    static constexpr std::size_t kOutSize = ipc::device::kMaxPayload + 64;
+    // The answer under construction: the loop's room for the largest one (status word and
+    // payload), shared by every connection; not cleared, every answer is written before it
+    // is sent.
+    std::span<std::uint8_t> out() noexcept { return loop().answer(); }
+    static_assert(Loop::kMaxMessage >= 4 + ipc::device::kMaxPayload, "the loop's answer room holds the largest answer");
 
     Context& ctx_;
-    std::unique_ptr<std::uint8_t[]> out_;
     std::uint16_t node_ = 0;
     bool subscribed_ = false;
     bool counted_ = true;
