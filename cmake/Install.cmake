@@ -29,6 +29,9 @@ install(FILES ${PROJECT_BINARY_DIR}/ipclientConfig.cmake ${PROJECT_BINARY_DIR}/i
 
 # The simulated device.
 install(TARGETS ipsimd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+# Its stand-ins for the device's run-time VPN libraries, where ipsimd looks for them
+# (sim/vpn/CMakeLists.txt).
+install(TARGETS ipsim_l2vpn ipsim_l3vpn LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/ipsimd COMPONENT tools)
 # Man pages go in compressed, as Debian keeps them (gzip -n: the same bytes on every build).
 find_program(IPCLIENT_GZIP gzip REQUIRED)
 set(IPCLIENT_MAN_PAGES "")

@@ -31,7 +31,7 @@ prefix=$work/prefix
 cmake --install "$dir" --prefix "$prefix" >/dev/null
 for f in lib/libipclient.so.0 lib/libipclient-platform.so.0 include/ipclient/ipaddr.h include/ipplat/platform.h \
   lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake bin/ipsimd share/man/man1/ipsimd.1.gz \
-  share/ipsimd/default.yaml; do
+  share/ipsimd/default.yaml lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so; do
   test -e "$prefix/$f" || { echo "not installed: $f" >&2; exit 1; }
 done
 soname=$(readelf -d "$prefix/lib/libipclient.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
@@ -66,7 +66,12 @@ check_deb "libipclient$major" "lib/libipclient.so.$version" "lib/libipclient.so.
   "lib/libipclient-platform.so.$version"
 check_deb libipclient-dev include/ipclient/ipaddr.h include/ipplat/testctl.h "lib/libipclient.so ->" \
   lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake
-check_deb ipclient-tools bin/ipsimd share/man/man1/ipsimd.1.gz share/ipsimd/default.yaml
+check_deb ipclient-tools bin/ipsimd share/man/man1/ipsimd.1.gz share/ipsimd/default.yaml \
+  lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so
+for lib in libl2vpn.so libl3vpn.so; do
+  extra=$(nm -D --defined-only "$prefix/lib/ipsimd/$lib" | grep -v ' A ' | grep -vc ' L[23]VPN_' || true)
+  [ "$extra" = 0 ] || { echo "$lib exports $extra symbols besides its entry points" >&2; exit 1; }
+done
 dev_deb=$(ls "$work"/deb/libipclient-dev_*.deb)
 dpkg-deb -f "$dev_deb" Depends | grep -q "libipclient$major (= $version)" ||
   { echo "libipclient-dev does not depend on libipclient$major (= $version)" >&2; exit 1; }

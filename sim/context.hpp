@@ -1,12 +1,14 @@
 // Everything the channels of the simulated device reach, owned by the daemon.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <set>
 #include <memory>
 #include <span>
 
+#include "control/control.hpp"
 #include "core/capture.hpp"
 #include "core/loop.hpp"
 #include "device/anchors.hpp"
@@ -16,14 +18,21 @@
 #include "modules/addr_table.hpp"
 #include "modules/fib_table.hpp"
 #include "modules/kmod_addr.hpp"
+#include "modules/kmod_arp.hpp"
 #include "modules/kmod_fib.hpp"
+#include "modules/kmod_nd.hpp"
+#include "modules/kmod_wlan.hpp"
+#include "modules/neigh_table.hpp"
+#include "services/adjacency.hpp"
 #include "services/manager.hpp"
+#include "services/proen.hpp"
 #include "store/store.hpp"
 
 namespace sim {
 
 class AddrEventConn;
 class AddrCfgConn;
+class WlanEventConn;
 
 struct Context {
     Loop& loop;
@@ -46,12 +55,41 @@ struct Context {
     std::multimap<std::uint32_t, Conn*> kevent_subscribers;
     // Device-channel connections of each client process; its walk paths end with the last.
     std::map<pid_t, std::size_t> device_clients;
+    // Operations of the control channel, registered by the modules and services that
+    // serve them.
+    Control control;
+    // The ARP and ND tables, and the hosts that answer resolution (from the scenario).
+    NeighTable neighs;
+    std::vector<scenario::Host> hosts;
+    // The IPv4 and IPv6 adjacency services' tables and subscribers.
+    AdjServices adj;
+    std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+    // The WLAN adjacency module and the subscribers of its events (port 1641); the
+    // protocol-to-CPU service's entries (ports 1680 and 11557).
+    WlanModule wlan{};
+    std::set<WlanEventConn*> wlan_subscribers{};
+    ProenTable proen{};
+    // The ND module: global parameters, interface configuration, per-node counters,
+    // packets sent, and the overlay suppression of the VSIs (port 1667).
+    NdModule nd{};
+    // The ARP module: packet and attack counters, and the ARP daemon's suppression
+    // switches (port 1639).
+    ArpModule arp{};
+
+    // Seconds since the device started: the clock of entry ages.
+    std::uint32_t uptime() const {
+        return static_cast<std::uint32_t>(
+            std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started).count());
+    }
 };
 
 // The kernel modules behind CIOCTL: the module's status; reply bytes in `reply`.
 std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t command,
                               std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
                               std::uint32_t* returned);
+
+// Answers requests on the control channel (control/control.cpp).
+std::unique_ptr<Conn> make_control_conn(const Control& control, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 
 // Answers platform calls on the device channel (device/backend.cpp).
 std::unique_ptr<Conn> make_device_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);

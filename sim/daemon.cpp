@@ -3,7 +3,10 @@
 #include <sys/un.h>
 
 #include "common/endpoint_names.hpp"
+#include "common/wire.hpp"
 #include "core/log.hpp"
+#include "modules/vpn.hpp"
+#include "modules/neigh_control.hpp"
 #include "services/services.hpp"
 #include "store/records.hpp"
 
@@ -16,7 +19,7 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
       database_(device_, addrs_),
       fib_module_(device_, fib_),
       ctx_{loop_, device_, addrs_, addr_module_, services_, store_, capture_, database_, anchors_,
-           fib_, fib_module_, dumps_, {}, {}, {}, {}} {
+           fib_, fib_module_, dumps_, {}, {}, {}, {}, {}, {}, {}, {}, std::chrono::steady_clock::now()} {
     addrs_.interface_vrf = [this](std::uint32_t ifindex) {
         const auto* i = device_.interface(ifindex);
         return i != nullptr ? i->vrf : std::uint16_t{0};
@@ -33,6 +36,8 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
     }
     for (const auto& svc : s.services) services_.set(svc.node, svc.name, svc.status);
     load_routes(s);
+    load_neighbours(s);
+    register_vpn(ctx_, s);
     services_.schedule = [this](std::chrono::milliseconds d, std::function<void()> fn) { loop_.after(d, std::move(fn)); };
     services_.on_running = [this](std::uint16_t node, const std::string& name) {
         if (listening_ && name == "IPStack" && device_.node_up(node)) {
@@ -65,6 +70,39 @@ void Daemon::load_routes(const scenario::Scenario& s) {
             }
         }
         fib_.put(r);
+    }
+}
+
+void Daemon::load_neighbours(const scenario::Scenario& s) {
+    ctx_.hosts = s.hosts;
+    for (const auto& sn : s.neighbours) {
+        Neighbour n;
+        n.family = static_cast<std::uint8_t>(sn.family == 10 ? 10 : 2);
+        n.ifindex = sn.ifindex;
+        std::copy(std::begin(sn.addr), std::end(sn.addr), n.addr.begin());
+        std::copy(std::begin(sn.mac), std::end(sn.mac), n.mac.begin());
+        n.vlan = sn.vlan;
+        if (const auto* itf = device_.interface(sn.ifindex)) {
+            n.vrf = itf->vrf;
+            n.node = itf->node;
+        }
+        if (sn.state == "static") {
+            n.kind = NeighKind::kStatic;
+            n.aging = 0;
+        } else {
+            n.state = sn.state == "stale"        ? NeighState::kStale
+                      : sn.state == "incomplete" ? NeighState::kIncomplete
+                                                 : NeighState::kReachable;
+        }
+        // A run counts the address (its last 32 bits) and the MAC's last 32 bits up.
+        const std::size_t at = n.family == 10 ? 12 : 0;
+        const auto first = ipc::wire::load_be<std::uint32_t>(n.addr.data() + at);
+        const auto mac_first = ipc::wire::load_be<std::uint32_t>(n.mac.data() + 2);
+        for (std::uint32_t i = 0; i < sn.count; ++i) {
+            ipc::wire::store_be(n.addr.data() + at, first + i);
+            ipc::wire::store_be(n.mac.data() + 2, mac_first + i);
+            ctx_.neighs.put(n);
+        }
     }
 }
 
@@ -130,6 +168,14 @@ std::optional<std::string> Daemon::start() {
         persist(c);
         publish_addr_change(ctx_, c);
     });
+    ctx_.neighs.add_observer([this](const NeighChange& c) { publish_neigh_change(ctx_, c); });
+    register_adj_control(ctx_);
+    register_neigh_control(ctx_);
+    register_wlan(ctx_);
+    register_proen(ctx_);
+    register_nd_errors(ctx_);
+    register_arp_controls(ctx_);
+    ctx_.nd.attach(ctx_);
     addrs_.set_settings_observer([this](std::uint32_t ifindex, const IfSettings& s) {
         store_.put("ifset", records::settings_key(ifindex), records::encode_settings(s));
     });
@@ -141,6 +187,12 @@ std::optional<std::string> Daemon::start() {
         })) {
         return "cannot listen on the device channel of instance " + opts_.instance +
                " (is another ipsimd running for it?)";
+    }
+    const socklen_t cn = ipc::names::control(opts_.instance, &sun);
+    if (!loop_.listen(&sun, cn, Endpoint{0, 0, "control"}, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+            return make_control_conn(ctx_.control, l, fd, w, pid);
+        })) {
+        return "cannot listen on the control channel of instance " + opts_.instance;
     }
     listening_ = true;
     for (const auto& [node, state] : device_.nodes()) {
@@ -154,9 +206,38 @@ std::optional<std::string> Daemon::start() {
             }) &&
             listen_service(node, kPortPortAttack, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
                 return make_portatk_conn(ctx_, l, fd, w, pid);
+            }) &&
+            listen_service(node, kPortAdj4, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_adj_conn(ctx_, false, l, fd, w, pid);
+            }) &&
+            listen_service(node, kPortAdj6, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_adj_conn(ctx_, true, l, fd, w, pid);
             });
         if (!ok) return "cannot listen on the services of node " + std::to_string(node);
+        const bool wlan_proen_ok =
+            listen_service(node, kPortWlan, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_wlan_conn(ctx_, l, fd, w, pid);
+            }) &&
+            listen_service(node, kPortProen, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_proen_conn(ctx_, l, fd, w, pid);
+            }) &&
+            listen_service(node, kPortProenLocal, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_proen_conn(ctx_, l, fd, w, pid);
+            });
+        if (!wlan_proen_ok) return "cannot listen on the WLAN and protocol-to-CPU services of node " + std::to_string(node);
+        if (!listen_service(node, kPortArpDaemon, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+                return make_arp_daemon_conn(ctx_, l, fd, w, pid);
+            })) {
+            return "cannot listen on the ARP daemon of node " + std::to_string(node);
+        }
         if (services_.status(node, "IPStack") == kSvcRunning) services_.on_running(node, "IPStack");
+    }
+    // ND overlay suppression is served by the master's endpoint alone.
+    if (device_.node_up(device_.master_ep()) &&
+        !listen_service(device_.master_ep(), kPortNdOverlay, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+            return make_nd_overlay_conn(ctx_, l, fd, w, pid);
+        })) {
+        return "cannot listen on the ND overlay suppression service of node " + std::to_string(device_.master_ep());
     }
     return std::nullopt;
 }

@@ -36,6 +36,7 @@ private:
     bool listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make);
     void persist(const AddrChange& change);
     void load_routes(const scenario::Scenario& s);
+    void load_neighbours(const scenario::Scenario& s);
 
     Options opts_;
     Loop loop_;

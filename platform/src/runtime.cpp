@@ -1,15 +1,20 @@
 // sleep and dlopen as the library sees them: sleep can be made virtual (counted, instant),
-// and the libraries loaded at run time can be redirected to other files.
+// and the libraries loaded at run time can be redirected to other files. A process that
+// runs on a simulated device loads the device's libraries as the simulator provides them,
+// unless a test redirected the path.
 #include <dlfcn.h>
 #include <errno.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 
+#include "device.hpp"
 #include "internal.hpp"
 
 namespace ipp {
@@ -26,6 +31,18 @@ struct Redirects {
 Redirects& redirects() {
     static Redirects r;
     return r;
+}
+
+// The file a simulated device names for a library path, or an empty string when no
+// simulator answers for the process or it has no file of its own for the path.
+std::string device_library(const char* path) noexcept {
+    if (!dev::active()) return {};
+    const std::span<const std::uint8_t> name(reinterpret_cast<const std::uint8_t*>(path), std::strlen(path));
+    char file[4096];
+    const auto a = dev::call(ipc::device::Call::kLibrary, name, {},
+                             std::span<std::uint8_t>(reinterpret_cast<std::uint8_t*>(file), sizeof file - 1));
+    if (!a || a->result != 0 || a->len == 0 || a->len >= sizeof file) return {};
+    return std::string(file, a->len);
 }
 
 }  // namespace
@@ -55,14 +72,17 @@ IPPLAT_API void* __wrap_dlopen(const char* path, int flags) {
         return nullptr;
     }
     std::string target;
+    bool redirected = false;
     if (path != nullptr) {
         const std::lock_guard lock(ipp::redirects().mu);
         const auto it = ipp::redirects().map.find(path);
         if (it != ipp::redirects().map.end()) {
             if (!it->second) return nullptr;
             target = *it->second;
+            redirected = true;
         }
     }
+    if (path != nullptr && !redirected) target = ipp::device_library(path);
     return ::dlopen(target.empty() ? path : target.c_str(), flags);
 }
 

@@ -6,6 +6,7 @@
 #include "common/wire.hpp"
 #include "context.hpp"
 #include "core/log.hpp"
+#include "device/libraries.hpp"
 
 namespace sim {
 namespace {
@@ -24,7 +25,7 @@ const char* call_name(std::uint32_t c) {
                                              "dump-request", "dump-pull",   "dump-terminate", "dbm-open",
                                              "dbm-next",    "dbm-close",     "dbm-len",       "kevent-subscribe",
                                              "ping",        "anchor-begin",  "anchor-inquire", "anchor-set",
-                                             "anchor-end"};
+                                             "anchor-end",  "library"};
     return c < std::size(kNames) ? kNames[c] : "unknown";
 }
 
@@ -278,6 +279,12 @@ private:
                 const std::uint64_t anchor = r.be<std::uint64_t>();
                 const std::uint64_t path = r.be<std::uint64_t>();
                 return r.ok() && ctx_.anchors.end(peer_pid(), anchor, path) ? 0 : kFailure;
+            }
+            case Call::kLibrary: {
+                const auto file = runtime_library(text(r));
+                if (!file) return kFailure;
+                w.raw(file->data(), file->size());
+                return 0;
             }
         }
         return kFailure;

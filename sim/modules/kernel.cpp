@@ -11,11 +11,16 @@ std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t co
     *returned = 0;
     switch (command) {
         case AddrModule::kCommand: return ctx.addr_module.handle(node, request, reply, returned);
+        case WlanModule::kCommand: return ctx.wlan.handle(ctx.device, node, request, reply, returned);
+        case ArpModule::kQueryCommand:
+        case ArpModule::kIfCountersCommand:
+        case ArpModule::kOpenFlowCountCommand: return ctx.arp.handle(ctx, node, command, request, reply, returned);
         default: break;
     }
     if (command >= FibModule::kFirstCommand && command <= FibModule::kLastCommand) {
         return ctx.fib_module.handle(node, command, request, reply, returned);
     }
+    if (NdModule::serves_command(command)) return ctx.nd.handle(ctx, node, command, request, reply, returned);
     return 0x40010001u;
 }
 

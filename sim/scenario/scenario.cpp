@@ -358,11 +358,14 @@ std::uint32_t ipv4_word(const Ip& ip) {
 // ---------------------------------------------------------------------------------------
 // The loader
 
+// Most neighbours one scenario line may stand for.
+constexpr std::uint32_t kNeighbourRunMax = 4'000'000;
+
 constexpr auto kRoles = std::to_array<Name<Role>>(
     {{"member", Role::kMember}, {"master", Role::kMaster}, {"standby", Role::kStandby}});
 constexpr auto kNodeStates = std::to_array<Name<bool>>({{"up", true}, {"down", false}});
 constexpr auto kTypes = std::to_array<Name<std::uint32_t>>(
-    {{"null", 1}, {"ethernet", 6}, {"loopback", 24}, {"vlan-interface", 35}, {"tunnel", 71}});
+    {{"null", 1}, {"ethernet", 6}, {"loopback", 24}, {"vlan-interface", 35}, {"tunnel", 71}, {"vsi-interface", 122}});
 constexpr auto kMethods = std::to_array<Name<std::uint32_t>>(
     {{"manual", kMethodManual}, {"dhcp", kMethodDhcp}, {"bootp", kMethodBootp}, {"mad", kMethodMad}});
 constexpr auto kStatuses =
@@ -371,7 +374,7 @@ constexpr auto kNeighbourStates = std::to_array<Name<std::string_view>>(
     {{"reachable", "reachable"}, {"stale", "stale"}, {"incomplete", "incomplete"}, {"static", "static"}});
 
 constexpr auto kSectionKeys = std::to_array<std::string_view>(
-    {"device", "nodes", "vrfs", "interfaces", "addresses", "services", "routes", "neighbours"});
+    {"device", "nodes", "vrfs", "interfaces", "addresses", "services", "routes", "neighbours", "hosts", "vsis"});
 constexpr auto kDeviceKeys = std::to_array<std::string_view>({"master", "master_ep", "mdc", "mdc_child"});
 constexpr auto kNodeKeys = std::to_array<std::string_view>({"number", "chassis", "slot", "cpu", "role", "state"});
 constexpr auto kVrfKeys = std::to_array<std::string_view>({"index", "name"});
@@ -381,7 +384,19 @@ constexpr auto kInterfaceKeys = std::to_array<std::string_view>({"index", "name"
 constexpr auto kAddressKeys = std::to_array<std::string_view>({"interface", "address", "method", "sub", "vrf"});
 constexpr auto kServiceKeys = std::to_array<std::string_view>({"node", "name", "status"});
 constexpr auto kRouteKeys = std::to_array<std::string_view>({"vrf", "prefix", "next_hop", "interface", "node"});
-constexpr auto kNeighbourKeys = std::to_array<std::string_view>({"interface", "address", "mac", "state"});
+constexpr auto kNeighbourKeys =
+    std::to_array<std::string_view>({"interface", "address", "mac", "state", "vlan", "count"});
+constexpr auto kHostKeys = std::to_array<std::string_view>({"interface", "address", "mac"});
+constexpr auto kVsiKeys = std::to_array<std::string_view>({"name", "index", "vsi_interface", "vxlan", "circuits"});
+constexpr auto kCircuitKeys = std::to_array<std::string_view>({"interface", "service", "link"});
+// Largest VSI index (all ones means no VSI), VXLAN id, service instance id and link id
+// (65535 means no link).
+constexpr std::uint64_t kVsiIndexMax = 0xFFFFFFFE;
+constexpr std::uint64_t kVxlanMax = 0xFFFFFF;
+constexpr std::uint64_t kServiceMax = 4096;
+constexpr std::uint64_t kLinkMax = 65534;
+// Largest N of a Vsi-interfaceN (printed as a signed number by its users).
+constexpr std::uint64_t kVsiInterfaceMax = 0x7FFFFFFF;
 
 class Loader {
 public:
@@ -396,6 +411,8 @@ public:
         load_services(root_.find("services"));
         for (const Value& v : items(r_, root_.find("routes"))) s_.routes.push_back(route(v));
         for (const Value& v : items(r_, root_.find("neighbours"))) s_.neighbours.push_back(neighbour(v));
+        for (const Value& v : items(r_, root_.find("hosts"))) s_.hosts.push_back(host(v));
+        load_vsis(root_.find("vsis"));
         load_device(root_.find("device"));
         return std::move(s_);
     }
@@ -656,7 +673,74 @@ private:
         } else {
             read_mac(r_, m.need("mac"), n.mac);
         }
+        if (auto x = m.find("vlan")) n.vlan = number<std::uint16_t>(r_, *x, 0, 4094);
+        if (auto x = m.find("count")) {
+            n.count = number<std::uint32_t>(r_, *x, 1, kNeighbourRunMax);
+            // The run must not wrap the address: IPv4 within 32 bits, IPv6 within its
+            // last 32 bits.
+            const std::size_t at = ip.family == AF_INET ? 0 : 12;
+            const auto last = ipc::wire::load_be<std::uint32_t>(n.addr + at);
+            if (std::uint64_t{last} + n.count - 1 > 0xFFFFFFFFull) r_.fail(*x, "the run passes the end of the address space");
+        }
         return n;
+    }
+
+    Host host(const Value& v) {
+        const Map m(r_, v, kHostKeys);
+        Host h;
+        h.ifindex = interface_ref(m.need("interface")).index;
+        const Ip ip = ip_address(m.need("address"));
+        h.family = ip.family;
+        std::copy(ip.bytes.begin(), ip.bytes.end(), h.addr);
+        read_mac(r_, m.need("mac"), h.mac);
+        return h;
+    }
+
+    // VSIs ---------------------------------------------------------------------------
+
+    // A value of the VSIs that must not repeat: the line of its first use, by value.
+    template <typename K>
+    void unique(std::map<K, int>& seen, const K& key, const Value& v, const std::string& what) {
+        const auto [it, fresh] = seen.emplace(key, v.line);
+        if (!fresh) r_.fail(v, "duplicate " + what + " (first at line " + std::to_string(it->second) + ")");
+    }
+
+    void load_vsis(const std::optional<Value>& section) {
+        std::map<std::string, int> names;
+        std::map<std::uint32_t, int> indexes, vsi_interfaces, vxlans;
+        std::map<std::pair<std::uint32_t, std::uint32_t>, int> circuits;
+        for (const Value& v : items(r_, section)) {
+            const Map m(r_, v, kVsiKeys);
+            Vsi vsi;
+            const Value name_v = m.need("name");
+            vsi.name = object_name(r_, name_v);
+            unique(names, vsi.name, name_v, "VSI name " + quoted(vsi.name));
+            const Value index_v = m.need("index");
+            vsi.index = number<std::uint32_t>(r_, index_v, 0, kVsiIndexMax);
+            unique(indexes, vsi.index, index_v, "VSI index " + std::to_string(vsi.index));
+            if (auto x = m.find("vsi_interface")) {
+                vsi.interface_number = number<std::uint32_t>(r_, *x, 0, kVsiInterfaceMax);
+                unique(vsi_interfaces, *vsi.interface_number, *x,
+                       "Vsi-interface" + std::to_string(*vsi.interface_number));
+            }
+            if (auto x = m.find("vxlan")) {
+                vsi.vxlan = number<std::uint32_t>(r_, *x, 0, kVxlanMax);
+                unique(vxlans, *vsi.vxlan, *x, "VXLAN id " + std::to_string(*vsi.vxlan));
+            }
+            for (const Value& c : items(r_, m.find("circuits"))) {
+                const Map cm(r_, c, kCircuitKeys);
+                Circuit circuit;
+                circuit.ifindex = interface_ref(cm.need("interface")).index;
+                const Value service_v = cm.need("service");
+                circuit.service = number<std::uint32_t>(r_, service_v, 1, kServiceMax);
+                unique(circuits, std::pair{circuit.ifindex, circuit.service}, service_v,
+                       "circuit: service " + std::to_string(circuit.service) + " on interface " +
+                           std::to_string(circuit.ifindex));
+                if (auto x = cm.find("link")) circuit.link = number<std::uint32_t>(r_, *x, 0, kLinkMax);
+                vsi.circuits.push_back(circuit);
+            }
+            s_.vsis.push_back(std::move(vsi));
+        }
     }
 
     // Device -------------------------------------------------------------------------

@@ -84,6 +84,36 @@ struct Neighbour {
     std::uint8_t addr[16] = {};
     std::uint8_t mac[6] = {};
     std::string state = "reachable";  // reachable, stale, incomplete, static
+    std::uint16_t vlan = 0;
+    // A run of `count` neighbours: the address and the MAC address each count up by one
+    // from the entry's own (large tables without a line per entry).
+    std::uint32_t count = 1;
+};
+
+// A host behind an interface that answers when the device resolves its address (an ARP
+// request or an ND solicitation): the entry becomes reachable with the host's MAC.
+struct Host {
+    std::uint32_t ifindex = 0;
+    int family = 2;
+    std::uint8_t addr[16] = {};
+    std::uint8_t mac[6] = {};
+};
+
+// An attachment circuit of a VSI: a service instance on a port of the device, known to
+// the layer-2 VPN by its EVC key (interface index, service instance id).
+struct Circuit {
+    std::uint32_t ifindex = 0;
+    std::uint32_t service = 0;     // service instance id on the interface, 1..4096
+    std::uint32_t link = 0xFFFF;   // link id within the VSI, 0..65534; 0xFFFF: none
+};
+
+// A VSI (virtual switch instance) of the layer-2 VPN.
+struct Vsi {
+    std::string name;              // at most 31 characters, unique
+    std::uint32_t index = 0;       // 0..0xFFFFFFFE (all ones means no VSI), unique
+    std::optional<std::uint32_t> interface_number;  // N of its Vsi-interfaceN; none
+    std::optional<std::uint32_t> vxlan;             // VXLAN id 0..0xFFFFFF; none
+    std::vector<Circuit> circuits;
 };
 
 struct Scenario {
@@ -99,6 +129,8 @@ struct Scenario {
     std::vector<Service> services;
     std::vector<Route> routes;
     std::vector<Neighbour> neighbours;
+    std::vector<Host> hosts;
+    std::vector<Vsi> vsis;
 };
 
 // A refused scenario: what() reads "<file>:<line>: <key>: <what is wrong>".

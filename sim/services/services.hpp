@@ -3,6 +3,11 @@
 //   11547 address events (addr_events.cpp)
 //   1648  IPStack daemon (ipstack.cpp)
 //   4418  port-attack daemon (portatk.cpp)
+//   1641  WLAN adjacency events (wlan.cpp)
+//   1680  protocol-to-CPU service, 11557 its local variant (proen.cpp)
+//   1667  ND overlay suppression, on the master endpoint (nd_overlay.cpp)
+//   1639  ARP daemon: entries set by applications, suppression switches (arp_daemon.cpp)
+// and the ND error notifications raised from the control channel (nd_errors.cpp).
 #pragma once
 
 #include <memory>
@@ -16,11 +21,26 @@ inline constexpr std::uint16_t kPortAddrCfg = 1653;
 inline constexpr std::uint16_t kPortAddrEvents = 11547;
 inline constexpr std::uint16_t kPortIPStack = 1648;
 inline constexpr std::uint16_t kPortPortAttack = 4418;
+inline constexpr std::uint16_t kPortWlan = 1641;
+inline constexpr std::uint16_t kPortProen = 1680;
+inline constexpr std::uint16_t kPortProenLocal = 11557;
+inline constexpr std::uint16_t kPortNdOverlay = 1667;
+inline constexpr std::uint16_t kPortArpDaemon = 1639;
 
 std::unique_ptr<Conn> make_addrcfg_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 std::unique_ptr<Conn> make_addr_event_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 std::unique_ptr<Conn> make_ipstack_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 std::unique_ptr<Conn> make_portatk_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+std::unique_ptr<Conn> make_wlan_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+std::unique_ptr<Conn> make_proen_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+std::unique_ptr<Conn> make_nd_overlay_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+std::unique_ptr<Conn> make_arp_daemon_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+
+// Connect the WLAN adjacency events to the module and register the control operations of
+// the WLAN, protocol-to-CPU and ND error services (Daemon::start calls them once).
+void register_wlan(Context& ctx);
+void register_proen(Context& ctx);
+void register_nd_errors(Context& ctx);
 
 // Records a message of a family-37 channel in the capture.
 void capture_lipc(Context& ctx, const Conn& conn, const char* dir, std::span<const std::uint8_t> bytes,

@@ -2,7 +2,8 @@
 //
 // Family-37 endpoints are "ipclient/<instance>/<node as 4 hex digits>/<port>", group
 // members "ipclient/<instance>/group/<type>/<first>/<third>", and the device channel that
-// answers the platform calls of a simulated device "ipclient/<instance>/device". The
+// answers the platform calls of a simulated device "ipclient/<instance>/device", and the
+// simulator's own control channel "ipclient/<instance>/control". The
 // platform substitute and the device simulator both name their sockets here.
 #pragma once
 
@@ -45,6 +46,13 @@ inline socklen_t group(std::string_view instance, std::uint32_t type, std::uint1
 inline socklen_t device(std::string_view instance, sockaddr_un* sun) noexcept {
     char name[96];
     const int n = std::snprintf(name, sizeof name, "ipclient/%.*s/device", static_cast<int>(instance.size()),
+                                instance.data());
+    return abstract_addr(std::string_view(name, static_cast<std::size_t>(std::clamp(n, 0, 95))), sun);
+}
+
+inline socklen_t control(std::string_view instance, sockaddr_un* sun) noexcept {
+    char name[96];
+    const int n = std::snprintf(name, sizeof name, "ipclient/%.*s/control", static_cast<int>(instance.size()),
                                 instance.data());
     return abstract_addr(std::string_view(name, static_cast<std::size_t>(std::clamp(n, 0, 95))), sun);
 }

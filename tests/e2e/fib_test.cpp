@@ -107,7 +107,7 @@ TEST_F(FibE2E, ForwardingTableFileOfTwoNodes) {
         }
         expected += line(where, "public", "10.8.0.0/16", "10.1.1.2", "GigabitEthernet1/0/1", "00-11-22-33-44-55",
                          "00-e0-fc-00-00-02", "GigabitEthernet1/0/1");
-        expected += line(where, "N/A", "10.1.2.0/24", "0.0.0.0", "GigabitEthernet1/0/2", none, "00-e0-fc-00-00-03",
+        expected += line(where, "vpn-a", "10.1.2.0/24", "0.0.0.0", "GigabitEthernet1/0/2", none, "00-e0-fc-00-00-03",
                          "GigabitEthernet1/0/2");
     }
     EXPECT_EQ(ss.str(), expected);

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,9 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "common/endpoint_names.hpp"
+#include "common/raii.hpp"
 
 extern char** environ;
 
@@ -83,6 +87,24 @@ int wait_for(pid_t pid, std::chrono::milliseconds limit) {
 }  // namespace
 
 const std::string& instance() { return g_instance; }
+
+nlohmann::json control(const nlohmann::json& request) {
+    const ipc::Fd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un sun{};
+    const socklen_t n = ipc::names::control(instance(), &sun);
+    if (!fd.valid() || ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&sun), n) != 0) {
+        return {{"ok", false}, {"error", "no control channel"}};
+    }
+    const std::string text = request.dump();
+    if (::send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
+        return {{"ok", false}, {"error", "send failed"}};
+    }
+    std::string reply(1u << 20, '\0');
+    const ssize_t got = ::recv(fd.get(), reply.data(), reply.size(), 0);
+    if (got <= 0) return {{"ok", false}, {"error", "no answer"}};
+    reply.resize(static_cast<std::size_t>(got));
+    return nlohmann::json::parse(reply, nullptr, false);
+}
 
 SimProcess::~SimProcess() {
     if (pid_ > 0) {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace e2e {
 
 // The instance every simulator of this test process runs for.
@@ -45,6 +47,10 @@ private:
     std::string state_;
     std::string log_path_;
 };
+
+// One request on the control channel of this process's simulator; the answer, or
+// {"ok": false, "error": ...} when the channel cannot be reached.
+nlohmann::json control(const nlohmann::json& request);
 
 // A temporary file with the given text; removed at exit.
 std::string temp_file(const std::string& name, const std::string& text);

@@ -88,13 +88,13 @@ TEST(Scenario, DefaultVrfsArePublicAndOneVpn) {
 
 TEST(Scenario, DefaultInterfaces) {
     const Scenario s = load_default();
-    ASSERT_EQ(s.interfaces.size(), 7u);
+    ASSERT_EQ(s.interfaces.size(), 8u);
     const char* names[] = {"M-GigabitEthernet0/0/0", "GigabitEthernet1/0/1", "GigabitEthernet1/0/2",
                            "GigabitEthernet1/1/1",   "Vlan-interface1",      "Vlan-interface10",
-                           "LoopBack0"};
-    const std::uint16_t nodes[] = {1, 1, 1, 2, 1, 1, 1};
-    const std::uint32_t types[] = {6, 6, 6, 6, 35, 35, 24};
-    for (std::uint32_t index = 1; index <= 7; ++index) {
+                           "LoopBack0",              "Vsi-interface1"};
+    const std::uint16_t nodes[] = {1, 1, 1, 2, 1, 1, 1, 1};
+    const std::uint32_t types[] = {6, 6, 6, 6, 35, 35, 24, 122};
+    for (std::uint32_t index = 1; index <= 8; ++index) {
         const Interface& i = interface(s, index);
         EXPECT_EQ(i.name, names[index - 1]);
         EXPECT_EQ(i.node, nodes[index - 1]) << i.name;
@@ -167,9 +167,9 @@ TEST(Scenario, DefaultRouteLeavesThroughTheManagementPort) {
     EXPECT_EQ(r.node, 0);
 }
 
-TEST(Scenario, DefaultNeighboursAreOneIpv4AndOneIpv6) {
+TEST(Scenario, DefaultNeighboursStartWithOneIpv4AndOneIpv6) {
     const Scenario s = load_default();
-    ASSERT_EQ(s.neighbours.size(), 2u);
+    ASSERT_EQ(s.neighbours.size(), 9u) << "three IPv4 lines, six IPv6 lines";
     const Neighbour& v4 = s.neighbours[0];
     EXPECT_EQ(v4.ifindex, 2u);
     EXPECT_EQ(v4.family, AF_INET);
@@ -183,6 +183,11 @@ TEST(Scenario, DefaultNeighboursAreOneIpv4AndOneIpv6) {
     std::uint8_t addr6[16] = {};
     ASSERT_EQ(inet_pton(AF_INET6, "fe80::2", addr6), 1);
     EXPECT_EQ(std::memcmp(v6.addr, addr6, sizeof addr6), 0);
+    // A static IPv4 neighbour in VLAN 1, then a run of three.
+    EXPECT_EQ(s.neighbours[2].state, "static");
+    EXPECT_EQ(s.neighbours[2].vlan, 1u);
+    EXPECT_EQ(s.neighbours[3].count, 3u);
+    EXPECT_EQ(s.neighbours[3].ifindex, 4u);
 }
 
 TEST(Scenario, DefaultTextLoadsFromAFile) {
@@ -190,7 +195,7 @@ TEST(Scenario, DefaultTextLoadsFromAFile) {
     std::ofstream(path) << default_text();
     const Scenario s = load_file(path);
     EXPECT_EQ(s.source, path);
-    EXPECT_EQ(s.interfaces.size(), 7u);
+    EXPECT_EQ(s.interfaces.size(), 8u);
 }
 
 // Defaults -----------------------------------------------------------------------------

@@ -247,7 +247,8 @@ IPPLAT_API int ipp_lipc_group_send(uint32_t group_type, uint16_t first, uint16_t
 IPPLAT_API void ipp_sleep_set_virtual(int on);
 /** Seconds asked of sleep since the reset, virtual or real. */
 IPPLAT_API uint64_t ipp_sleep_total_seconds(void);
-/** dlopen of `path` opens `target` instead (null target: the library is missing). */
+/** dlopen of `path` opens `target` instead (null target: the library is missing). A redirect
+ * wins over the file a simulated device names for the path. */
 IPPLAT_API void ipp_dlopen_redirect(const char *path, const char *target);
 
 #ifdef __cplusplus

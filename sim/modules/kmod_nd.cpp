@@ -1,0 +1,609 @@
+#include "modules/kmod_nd.hpp"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "common/wire.hpp"
+#include "context.hpp"
+#include "modules/resolver.hpp"
+
+namespace sim {
+namespace {
+
+using ipc::wire::Reader;
+using ipc::wire::Writer;
+using nlohmann::json;
+
+constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint8_t kFamily = 10;
+constexpr std::size_t kAddrLen = 16;
+constexpr std::size_t kMacLen = 6;
+constexpr std::size_t kHeadLen = 8;
+constexpr std::size_t kKeyLen = 24;
+constexpr std::size_t kBatchKeyLen = 20;
+constexpr std::size_t kNameLen = 128;
+constexpr std::size_t kSpecifiedLen = 100;
+constexpr std::uint32_t kMaxSelector = 2;
+constexpr std::uint8_t kKindNoInterface = 6;
+
+// Operations of the module message.
+enum Op : std::uint32_t {
+    kOpInfo = 0,
+    kOpHopLimit = 1,
+    kOpSendRA = 2,
+    kOpSendNA = 3,
+    kOpDeleteDynamic = 4,
+    kOpResolve = 6,
+    kOpSendNS = 8,
+    kOpStaleAging = 10,
+    kOpLinkLocal = 11,
+    kOpSpecified = 12,
+    kOpStaleAgingUnit = 13,
+    kOpLogFlags = 28,
+    kOpConflictFlags = 29,
+    kOpSnpDadRetrans = 31,
+    kOpSnpInvalid = 32,
+    kOpSnpValid = 33,
+    kOpRate = 36,
+    kOpInfoByIP = 38,
+    kOpExt3Bitmap = 39,
+    kOpAlarm = 45,
+    kOpAttack = 46,
+};
+
+// Operations 4 and 6 carry 28 bytes under a length word of 20.
+constexpr std::size_t kAddrIfLen = 28;
+constexpr std::uint32_t kAddrIfClaimed = 20;
+
+// The ND layer-3 interface types, in the order the library applies them.
+constexpr std::array<std::uint32_t, 29> kL3Types{{22, 23, 25, 70, 71, 41, 55, 47, 67, 35, 39, 31, 26, 28, 29,
+                                                  89, 42, 97, 86, 105, 110, 111, 27, 10, 122, 124, 144, 168, 176}};
+
+bool dynamic(const Neighbour& n) { return (static_cast<std::uint8_t>(n.kind) & 1u) != 0; }
+
+bool link_local(const NeighAddr& a) { return a[0] == 0xFE && (a[1] & 0xC0) == 0x80; }
+
+// Whether the node's module keeps the entry: the master keeps them all, another node those
+// of the interfaces (or member interfaces) it serves.
+bool keeps(const Context& ctx, std::uint16_t node, const Neighbour& n) {
+    if (node == ctx.device.master() || node == ctx.device.master_ep()) return true;
+    return ctx.device.serves(node, n.ifindex) || (n.port != 0 && ctx.device.serves(node, n.port));
+}
+
+std::uint8_t kind_byte(const Context& ctx, const Neighbour& n) {
+    return ctx.device.interface(n.ifindex) == nullptr ? kKindNoInterface : static_cast<std::uint8_t>(n.kind);
+}
+
+bool ages(const Neighbour& n) { return n.aging != 0 && n.state != NeighState::kIncomplete; }
+
+std::uint32_t refresh_time(const Neighbour& n) { return ages(n) ? n.updated + n.aging : 0; }
+
+void put_entry(Writer& w, const Context& ctx, std::uint16_t node, const Neighbour& n) {
+    w.raw(n.addr.data(), kAddrLen).be(n.ifindex).be(n.port).be(std::uint32_t{n.vrf}).be(n.vlan).be(node);
+    w.raw(n.mac.data(), kMacLen);
+    w.be(static_cast<std::uint8_t>(n.state)).be(static_cast<std::uint8_t>(link_local(n.addr) ? 1 : 0));
+    w.be(kind_byte(ctx, n)).zeros(3);
+    w.be(n.updated).be(refresh_time(n)).zeros(4);
+}
+
+void put_batch_record(Writer& w, const Context& ctx, const Neighbour& n) {
+    w.raw(n.addr.data(), kAddrLen).be(n.ifindex).be(n.port).raw(n.mac.data(), kMacLen);
+    w.be(static_cast<std::uint8_t>(n.state)).be(kind_byte(ctx, n));
+    w.be(n.updated).be(refresh_time(n)).be(n.vlan).be(n.vrf).be(n.vsi);
+}
+
+void put_info(Writer& w, const Context& ctx, std::uint16_t node, const Neighbour& n) {
+    const std::uint32_t now = ctx.uptime();
+    const std::uint32_t age = now > n.updated ? now - n.updated : 0;
+    const std::uint32_t left = !ages(n) ? 0 : (n.aging > age ? n.aging - age : 1);
+    w.be(n.ifindex).be(n.vrf).be(n.vlan).raw(n.mac.data(), kMacLen);
+    w.be(static_cast<std::uint8_t>(n.state)).be(kind_byte(ctx, n));
+    w.be(age).be(left).be(n.port).be(node).zeros(2);
+}
+
+NeighAddr read_addr(Reader& r) {
+    NeighAddr a{};
+    r.raw_into(a.data(), a.size());
+    return a;
+}
+
+// ---- Entry lookups ----------------------------------------------------------------------
+
+std::uint32_t entry_lookup(Context& ctx, std::uint16_t node, bool next, std::span<const std::uint8_t> request,
+                           Writer& w) {
+    if (request.size() != kKeyLen) return kFailure;
+    Reader r(request.data(), request.size());
+    const NeighAddr addr = read_addr(r);
+    const std::uint32_t ifindex = r.be<std::uint32_t>();
+    const std::uint32_t selector = r.be<std::uint32_t>();
+    if (!r.ok() || selector > kMaxSelector) return kFailure;
+    const auto wanted = [&](const Neighbour& n) { return keeps(ctx, node, n) && (selector != 2 || dynamic(n)); };
+    const Neighbour* found = nullptr;
+    if (!next) {
+        found = ctx.neighs.find(kFamily, ifindex, addr);
+        if (found != nullptr && !wanted(*found)) found = nullptr;
+    } else {
+        std::optional<NeighTable::Key> at = NeighTable::Key{ifindex, addr};
+        while (const Neighbour* n = ctx.neighs.next(kFamily, at)) {
+            if (selector != 0 && n->ifindex != ifindex) break;
+            at = NeighTable::key_of(*n);
+            if (wanted(*n)) {
+                found = n;
+                break;
+            }
+        }
+    }
+    if (found == nullptr) return kFailure;
+    put_entry(w, ctx, node, *found);
+    return 0;
+}
+
+std::uint32_t batch(Context& ctx, std::uint16_t node, std::span<const std::uint8_t> request, Writer& w) {
+    if (request.size() != kBatchKeyLen) return kFailure;
+    Reader r(request.data(), request.size());
+    const NeighAddr addr = read_addr(r);
+    const std::uint32_t ifindex = r.be<std::uint32_t>();
+    std::optional<NeighTable::Key> at = NeighTable::Key{ifindex, addr};
+    while (w.room() >= NdModule::kBatchRecordLen) {
+        const Neighbour* n = ctx.neighs.next(kFamily, at);
+        if (n == nullptr) break;
+        at = NeighTable::key_of(*n);
+        if (keeps(ctx, node, *n)) put_batch_record(w, ctx, *n);
+    }
+    return 0;
+}
+
+// ---- Interface configuration --------------------------------------------------------------
+
+std::uint32_t if_config_reply(NdModule& m, Context& ctx, std::span<const std::uint8_t> request, Writer& w) {
+    if (request.size() != 4) return kFailure;
+    const auto ifindex = ipc::wire::load_be<std::uint32_t>(request.data());
+    const scenario::Interface* itf = ctx.device.interface(ifindex);
+    if (itf == nullptr || !NdModule::l3_type(itf->type)) return kFailure;
+    const auto it = m.if_config.find(ifindex);
+    const NdIfConfig c = it != m.if_config.end() ? it->second : NdIfConfig{};
+    std::uint32_t entries = 0, dynamic_entries = 0;
+    std::optional<NeighTable::Key> at = NeighTable::Key{ifindex, NeighAddr{}};
+    if (const Neighbour* first = ctx.neighs.find(kFamily, ifindex, NeighAddr{})) {
+        ++entries;
+        dynamic_entries += dynamic(*first) ? 1u : 0u;
+    }
+    while (const Neighbour* n = ctx.neighs.next(kFamily, at)) {
+        if (n->ifindex != ifindex) break;
+        at = NeighTable::key_of(*n);
+        ++entries;
+        dynamic_entries += dynamic(*n) ? 1u : 0u;
+    }
+    w.be(c.retransmit_ms).be(c.reachable_ms).be(c.ra_min_interval).be(c.dad_attempts).be(c.ra_interval);
+    w.be(c.ra_hop_limit).be(c.ra_lifetime).be(c.ra_preference).be(c.flags).zeros(4).be(c.dest_guard);
+    w.be(c.entry_limit);
+    const std::size_t name_len = std::min(itf->name.size(), kNameLen - 1);
+    w.raw(itf->name.data(), name_len).zeros(kNameLen - name_len);
+    w.be(ifindex).be(std::uint32_t{itf->node}).zeros(2);
+    w.be(static_cast<std::uint16_t>(std::min<std::uint32_t>(itf->mtu, 0xFFFF)));
+    w.be(std::uint32_t{itf->vrf}).be(entries).be(dynamic_entries);
+    return 0;
+}
+
+// ---- Module messages -------------------------------------------------------------------
+
+class Message {
+public:
+    Message(NdModule& m, Context& ctx, std::uint16_t node, std::span<const std::uint8_t> request, Writer& w)
+        : m_(m), ctx_(ctx), node_(node), size_(request.size()), r_(request.data(), request.size()), w_(w) {}
+
+    std::uint32_t run() {
+        const std::uint32_t op = r_.be<std::uint32_t>();
+        const std::uint32_t len = r_.be<std::uint32_t>();
+        if (!r_.ok()) return kFailure;
+        const bool short_word = op == kOpDeleteDynamic || op == kOpResolve;
+        if (short_word ? (len != kAddrIfClaimed || size_ != kAddrIfLen) : len != size_) return kFailure;
+        const NdParams& p = m_.params;
+        switch (op) {
+            case kOpInfo: return info(false);
+            case kOpInfoByIP: return info(true);
+            case kOpHopLimit: return bare() ? byte(p.hop_limit) : kFailure;
+            case kOpStaleAging: return bare() ? word(p.stale_aging) : kFailure;
+            case kOpStaleAgingUnit: return bare() ? word(p.stale_aging_unit) : kFailure;
+            case kOpLinkLocal: return bare() ? byte(p.link_local_flags) : kFailure;
+            case kOpLogFlags: return bare() ? byte(p.log_flags) : kFailure;
+            case kOpConflictFlags: return bare() ? byte(p.conflict_flags) : kFailure;
+            case kOpSnpDadRetrans: return bare() ? word(p.snp_dad_retrans) : kFailure;
+            case kOpSnpInvalid: return bare() ? word(p.snp_invalid) : kFailure;
+            case kOpSnpValid: return bare() ? word(p.snp_valid) : kFailure;
+            case kOpRate: return bare() ? word(p.rate) : kFailure;
+            case kOpExt3Bitmap: return bare() ? word(p.ext3_bitmap) : kFailure;
+            case kOpAlarm: return counters(false);
+            case kOpAttack: return counters(true);
+            case kOpSendRA: return advert(true);
+            case kOpSendNA: return advert(false);
+            case kOpDeleteDynamic: return remove_dynamic();
+            case kOpResolve: return resolve();
+            case kOpSendNS: return solicit();
+            case kOpSpecified: return specified();
+            default: return kFailure;
+        }
+    }
+
+private:
+    bool bare() const { return size_ == kHeadLen; }
+    std::uint32_t byte(std::uint8_t v) {
+        w_.be(v);
+        return 0;
+    }
+    std::uint32_t word(std::uint32_t v) {
+        w_.be(v);
+        return 0;
+    }
+
+    const scenario::Interface* interface(std::uint32_t ifindex) const { return ctx_.device.interface(ifindex); }
+    bool sends_on(std::uint32_t ifindex) const {
+        return interface(ifindex) != nullptr && ctx_.device.serves(node_, ifindex);
+    }
+
+    // Operations 0 and 38: {address, BE32 interface index}.
+    std::uint32_t info(bool by_ip) {
+        if (size_ != kHeadLen + kAddrLen + 4) return kFailure;
+        const NeighAddr addr = read_addr(r_);
+        const std::uint32_t ifindex = r_.be<std::uint32_t>();
+        const Neighbour* found = nullptr;
+        if (!by_ip) {
+            found = ctx_.neighs.find(kFamily, ifindex, addr);
+        } else if (ifindex == 0) {
+            found = ctx_.neighs.find_addr(kFamily, addr);
+            if (found != nullptr && !keeps(ctx_, node_, *found)) {
+                found = nullptr;
+                ctx_.neighs.each(kFamily, [&](const Neighbour& n) {
+                    if (found == nullptr && n.addr == addr && keeps(ctx_, node_, n)) found = &n;
+                });
+            }
+        }
+        if (found == nullptr || !keeps(ctx_, node_, *found)) return kFailure;
+        put_info(w_, ctx_, node_, *found);
+        return 0;
+    }
+
+    // Operations 45 and 46: {selector byte, 3 zero bytes}.
+    std::uint32_t counters(bool attack) {
+        if (size_ != kHeadLen + 4) return kFailure;
+        const std::uint8_t selector = r_.be<std::uint8_t>();
+        const std::pair<std::uint16_t, std::uint8_t> key{node_, selector};
+        if (!attack) {
+            const auto it = m_.alarm.find(key);
+            w_.be(it != m_.alarm.end() ? it->second : std::uint64_t{0});
+            return 0;
+        }
+        const auto it = m_.attack.find(key);
+        const std::array<std::uint64_t, 4> zero{};
+        for (const std::uint64_t v : it != m_.attack.end() ? it->second : zero) w_.be(v);
+        return 0;
+    }
+
+    // Operations 2 and 3: {BE32 interface, address, link-layer address, BE16 parameter}.
+    std::uint32_t advert(bool ra) {
+        if (size_ != kHeadLen + 4 + kAddrLen + kMacLen + 2) return kFailure;
+        const std::uint32_t ifindex = r_.be<std::uint32_t>();
+        const NeighAddr addr = read_addr(r_);
+        std::array<std::uint8_t, kMacLen> mac{};
+        r_.raw_into(mac.data(), mac.size());
+        const std::uint16_t param = r_.be<std::uint16_t>();
+        if (!sends_on(ifindex)) return kFailure;
+        NdSent& s = m_.sent[ifindex];
+        ++(ra ? s.ra : s.na);
+        s.last_addr = addr;
+        s.last_mac = mac;
+        if (ra) s.ra_param = param;
+        return 0;
+    }
+
+    // Operations 4 and 6: {address, BE32 interface}.
+    std::uint32_t remove_dynamic() {
+        const NeighAddr addr = read_addr(r_);
+        const std::uint32_t ifindex = r_.be<std::uint32_t>();
+        const Neighbour* n = ctx_.neighs.find(kFamily, ifindex, addr);
+        if (n == nullptr || !dynamic(*n)) return kFailure;
+        ctx_.neighs.remove(kFamily, ifindex, addr);
+        return 0;
+    }
+
+    std::uint32_t resolve() {
+        const NeighAddr addr = read_addr(r_);
+        const std::uint32_t ifindex = r_.be<std::uint32_t>();
+        if (!sends_on(ifindex)) return kFailure;
+        (void)solicit_on(ifindex, addr);
+        return 0;
+    }
+
+    // Operation 8: {BE32 interface, address}; answers whether a host answered.
+    std::uint32_t solicit() {
+        const std::uint32_t ifindex = r_.be<std::uint32_t>();
+        const NeighAddr addr = read_addr(r_);
+        if (interface(ifindex) == nullptr) return kFailure;
+        w_.be(std::uint32_t{solicit_on(ifindex, addr) ? 1u : 0u});
+        return 0;
+    }
+
+    bool solicit_on(std::uint32_t ifindex, const NeighAddr& addr) {
+        NdSent& s = m_.sent[ifindex];
+        ++s.ns;
+        s.last_addr = addr;
+        return resolve_neighbour(ctx_, kFamily, ifindex, addr);
+    }
+
+    // Operation 12: the 100-byte record; its interface is the BE32 at record offset 48.
+    std::uint32_t specified() {
+        if (size_ != kHeadLen + kSpecifiedLen) return kFailure;
+        std::array<std::uint8_t, kSpecifiedLen> record{};
+        r_.raw_into(record.data(), record.size());
+        const auto ifindex = ipc::wire::load_be<std::uint32_t>(record.data() + 48);
+        if (!sends_on(ifindex)) return kFailure;
+        NdSent& s = m_.sent[ifindex];
+        ++s.specified;
+        s.specified_record = record;
+        return 0;
+    }
+
+    NdModule& m_;
+    Context& ctx_;
+    std::uint16_t node_;
+    std::size_t size_;
+    Reader r_;
+    Writer& w_;
+};
+
+// ---- Control operations -------------------------------------------------------------------
+
+std::uint64_t number(const json& req, const char* key, std::uint64_t max) {
+    const json& v = req.at(key);
+    if (!v.is_number_unsigned() || v.get<std::uint64_t>() > max) {
+        throw std::invalid_argument(std::string(key) + " must be a whole number from 0 to " + std::to_string(max));
+    }
+    return v.get<std::uint64_t>();
+}
+
+template <class T>
+void set_if(const json& req, const char* key, T& field) {
+    if (req.contains(key)) field = static_cast<T>(number(req, key, std::numeric_limits<T>::max()));
+}
+
+std::string hex(const std::uint8_t* p, std::size_t n) {
+    std::string s;
+    char b[3];
+    for (std::size_t i = 0; i < n; ++i) {
+        std::snprintf(b, sizeof b, "%02x", p[i]);
+        s += b;
+    }
+    return s;
+}
+
+std::string mac_text(const std::array<std::uint8_t, kMacLen>& m) {
+    char b[18];
+    std::snprintf(b, sizeof b, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+    return b;
+}
+
+std::string addr_text(const NeighAddr& a) {
+    char b[INET6_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET6, a.data(), b, sizeof b);
+    return b;
+}
+
+NeighAddr parse_addr(const json& req) {
+    NeighAddr a{};
+    const json& v = req.at("address");
+    if (!v.is_string() || ::inet_pton(AF_INET6, v.get_ref<const std::string&>().c_str(), a.data()) != 1) {
+        throw std::invalid_argument("address must be an IPv6 address");
+    }
+    return a;
+}
+
+std::array<std::uint8_t, kMacLen> parse_mac(const json& v) {
+    std::array<unsigned, kMacLen> p{};
+    char tail = 0;
+    if (!v.is_string() || std::sscanf(v.get_ref<const std::string&>().c_str(), "%x:%x:%x:%x:%x:%x%c", &p[0], &p[1],
+                                      &p[2], &p[3], &p[4], &p[5], &tail) != 6 ||
+        std::any_of(p.begin(), p.end(), [](unsigned x) { return x > 0xFF; })) {
+        throw std::invalid_argument("mac must read aa:bb:cc:dd:ee:ff");
+    }
+    std::array<std::uint8_t, kMacLen> m{};
+    std::transform(p.begin(), p.end(), m.begin(), [](unsigned x) { return static_cast<std::uint8_t>(x); });
+    return m;
+}
+
+std::uint32_t interface_arg(const Context& ctx, const json& req) {
+    const auto ifindex = static_cast<std::uint32_t>(number(req, "ifindex", 0xFFFFFFFFu));
+    if (ctx.device.interface(ifindex) == nullptr) throw std::invalid_argument("no interface " + std::to_string(ifindex));
+    return ifindex;
+}
+
+json params_json(const NdParams& p) {
+    return {{"hop_limit", p.hop_limit},       {"stale_aging", p.stale_aging},
+            {"stale_aging_unit", p.stale_aging_unit}, {"link_local_flags", p.link_local_flags},
+            {"log_flags", p.log_flags},       {"conflict_flags", p.conflict_flags},
+            {"snp_dad_retrans", p.snp_dad_retrans}, {"snp_invalid", p.snp_invalid},
+            {"snp_valid", p.snp_valid},       {"rate", p.rate},
+            {"ext3_bitmap", p.ext3_bitmap}};
+}
+
+json if_config_json(const NdIfConfig& c) {
+    return {{"retransmit", c.retransmit_ms},  {"reachable", c.reachable_ms}, {"ra_min_interval", c.ra_min_interval},
+            {"dad_attempts", c.dad_attempts}, {"ra_interval", c.ra_interval}, {"ra_hop_limit", c.ra_hop_limit},
+            {"ra_lifetime", c.ra_lifetime},   {"ra_preference", c.ra_preference}, {"flags", c.flags},
+            {"dest_guard", c.dest_guard},     {"entry_limit", c.entry_limit}};
+}
+
+json sent_json(const NdSent& s) {
+    json out = {{"ra", s.ra},
+                {"na", s.na},
+                {"ns", s.ns},
+                {"specified", s.specified},
+                {"address", addr_text(s.last_addr)},
+                {"mac", mac_text(s.last_mac)},
+                {"ra_param", s.ra_param}};
+    if (s.specified != 0) {
+        const std::uint8_t* r = s.specified_record.data();
+        const auto be32 = [r](std::size_t off) { return ipc::wire::load_be<std::uint32_t>(r + off); };
+        const auto be16 = [r](std::size_t off) { return ipc::wire::load_be<std::uint16_t>(r + off); };
+        out["last_specified"] = {{"head", hex(r, 48)},       {"ifindex", be32(48)}, {"word52", be32(52)},
+                                 {"raw56", hex(r + 56, 4)},  {"word60", be32(60)},  {"half64", be16(64)},
+                                 {"half66", be16(66)},       {"word68", be32(68)},  {"word72", be32(72)},
+                                 {"word76", be32(76)},       {"tail", hex(r + 80, 20)}};
+    }
+    return out;
+}
+
+NeighState state_arg(const json& req) {
+    static const std::map<std::string, NeighState, std::less<>> kStates{{"incomplete", NeighState::kIncomplete},
+                                                                        {"reachable", NeighState::kReachable},
+                                                                        {"stale", NeighState::kStale},
+                                                                        {"delay", NeighState::kDelay},
+                                                                        {"probe", NeighState::kProbe}};
+    const json& v = req.at("state");
+    const auto it = v.is_string() ? kStates.find(v.get_ref<const std::string&>()) : kStates.end();
+    if (it == kStates.end()) throw std::invalid_argument("state must be incomplete, reachable, stale, delay or probe");
+    return it->second;
+}
+
+NeighKind kind_arg(const json& req) {
+    static const std::map<std::string, NeighKind, std::less<>> kKinds{{"dynamic", NeighKind::kDynamic},
+                                                                      {"static", NeighKind::kStatic},
+                                                                      {"openflow", NeighKind::kOpenFlow},
+                                                                      {"rule", NeighKind::kRule}};
+    const json& v = req.at("kind");
+    const auto it = v.is_string() ? kKinds.find(v.get_ref<const std::string&>()) : kKinds.end();
+    if (it == kKinds.end()) throw std::invalid_argument("kind must be dynamic, static, openflow or rule");
+    return it->second;
+}
+
+}  // namespace
+
+bool NdModule::l3_type(std::uint32_t type) noexcept {
+    return std::find(kL3Types.begin(), kL3Types.end(), type) != kL3Types.end();
+}
+
+std::uint32_t NdModule::handle(Context& ctx, std::uint16_t node, std::uint32_t command,
+                               std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
+                               std::uint32_t* returned) {
+    *returned = 0;
+    Writer w(reply);
+    std::uint32_t status = kFailure;
+    switch (command) {
+        case kExact: status = entry_lookup(ctx, node, false, request, w); break;
+        case kNext: status = entry_lookup(ctx, node, true, request, w); break;
+        case kBatch: status = batch(ctx, node, request, w); break;
+        case kIfConfig: status = if_config_reply(*this, ctx, request, w); break;
+        case kMessage: status = Message(*this, ctx, node, request, w).run(); break;
+        default: break;
+    }
+    // A reply that does not fit the caller's room is not given at all.
+    if (!w.ok()) return kFailure;
+    if (status == 0) *returned = static_cast<std::uint32_t>(w.size());
+    return status;
+}
+
+void NdModule::attach(Context& ctx) {
+    ctx.control.on("nd.params", [this](const json& req) {
+        NdParams p = params;
+        set_if(req, "hop_limit", p.hop_limit);
+        set_if(req, "stale_aging", p.stale_aging);
+        set_if(req, "stale_aging_unit", p.stale_aging_unit);
+        set_if(req, "link_local_flags", p.link_local_flags);
+        set_if(req, "log_flags", p.log_flags);
+        set_if(req, "conflict_flags", p.conflict_flags);
+        set_if(req, "snp_dad_retrans", p.snp_dad_retrans);
+        set_if(req, "snp_invalid", p.snp_invalid);
+        set_if(req, "snp_valid", p.snp_valid);
+        set_if(req, "rate", p.rate);
+        set_if(req, "ext3_bitmap", p.ext3_bitmap);
+        params = p;
+        return params_json(params);
+    });
+    ctx.control.on("nd.counters", [this, &ctx](const json& req) {
+        const auto node = static_cast<std::uint16_t>(number(req, "node", 0xFFFF));
+        if (ctx.device.node(node) == nullptr) throw std::invalid_argument("no node " + std::to_string(node));
+        const auto selector = req.contains("selector") ? static_cast<std::uint8_t>(number(req, "selector", 0xFF))
+                                                       : std::uint8_t{0};
+        const std::pair<std::uint16_t, std::uint8_t> key{node, selector};
+        if (req.contains("attack")) {
+            const json& a = req.at("attack");
+            if (!a.is_array() || a.size() != 4) throw std::invalid_argument("attack must list four counters");
+            std::array<std::uint64_t, 4> v{};
+            for (std::size_t i = 0; i < v.size(); ++i) {
+                if (!a[i].is_number_unsigned()) throw std::invalid_argument("attack counters are whole numbers");
+                v[i] = a[i].get<std::uint64_t>();
+            }
+            attack[key] = v;
+        }
+        if (req.contains("alarm")) alarm[key] = number(req, "alarm", ~std::uint64_t{0});
+        const auto a = attack.find(key);
+        const auto al = alarm.find(key);
+        return json{{"alarm", al != alarm.end() ? al->second : 0},
+                    {"attack", a != attack.end() ? a->second : std::array<std::uint64_t, 4>{}}};
+    });
+    ctx.control.on("nd.if_config", [this, &ctx](const json& req) {
+        const std::uint32_t ifindex = interface_arg(ctx, req);
+        if (!l3_type(ctx.device.interface(ifindex)->type)) {
+            throw std::invalid_argument("interface " + std::to_string(ifindex) + " is not of an ND layer-3 type");
+        }
+        NdIfConfig c = if_config.count(ifindex) != 0 ? if_config.at(ifindex) : NdIfConfig{};
+        set_if(req, "retransmit", c.retransmit_ms);
+        set_if(req, "reachable", c.reachable_ms);
+        set_if(req, "ra_min_interval", c.ra_min_interval);
+        set_if(req, "dad_attempts", c.dad_attempts);
+        set_if(req, "ra_interval", c.ra_interval);
+        set_if(req, "ra_hop_limit", c.ra_hop_limit);
+        set_if(req, "ra_lifetime", c.ra_lifetime);
+        set_if(req, "ra_preference", c.ra_preference);
+        set_if(req, "flags", c.flags);
+        set_if(req, "dest_guard", c.dest_guard);
+        set_if(req, "entry_limit", c.entry_limit);
+        if_config[ifindex] = c;
+        return if_config_json(c);
+    });
+    ctx.control.on("nd.sent", [this, &ctx](const json& req) {
+        const std::uint32_t ifindex = interface_arg(ctx, req);
+        const auto it = sent.find(ifindex);
+        return sent_json(it != sent.end() ? it->second : NdSent{});
+    });
+    ctx.control.on("nd.entry", [&ctx](const json& req) {
+        const std::uint32_t ifindex = interface_arg(ctx, req);
+        const NeighAddr addr = parse_addr(req);
+        if (addr == NeighAddr{}) throw std::invalid_argument("the address :: is no neighbour");
+        if (req.contains("remove")) {
+            if (!ctx.neighs.remove(kFamily, ifindex, addr)) throw std::invalid_argument("no such entry");
+            return json::object();
+        }
+        const Neighbour* had = ctx.neighs.find(kFamily, ifindex, addr);
+        Neighbour n = had != nullptr ? *had : Neighbour{};
+        const scenario::Interface* itf = ctx.device.interface(ifindex);
+        n.family = kFamily;
+        n.ifindex = ifindex;
+        n.addr = addr;
+        n.vrf = itf->vrf;
+        n.node = itf->node;
+        if (req.contains("mac")) n.mac = parse_mac(req.at("mac"));
+        if (req.contains("state")) n.state = state_arg(req);
+        if (req.contains("kind")) n.kind = kind_arg(req);
+        if (req.contains("port")) {
+            n.port = static_cast<std::uint32_t>(number(req, "port", 0xFFFFFFFFu));
+            if (n.port != 0 && ctx.device.interface(n.port) == nullptr) {
+                throw std::invalid_argument("no interface " + std::to_string(n.port));
+            }
+        }
+        set_if(req, "vlan", n.vlan);
+        set_if(req, "vsi", n.vsi);
+        n.aging = n.kind == NeighKind::kStatic ? 0 : (had != nullptr && had->aging != 0 ? had->aging : 1200);
+        set_if(req, "aging", n.aging);
+        n.updated = ctx.uptime();
+        ctx.neighs.put(n);
+        return json::object();
+    });
+}
+
+}  // namespace sim

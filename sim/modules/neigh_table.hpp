@@ -1,0 +1,107 @@
+// The neighbour tables of the device: ARP entries (IPv4) and ND entries (IPv6), one table
+// per family, shared by the ARP and ND kernel modules, the adjacency services that publish
+// their changes, and the daemons that set entries.
+//
+// An entry is keyed by (interface index, address); the table's order, which every walk
+// follows, is interface index, then address bytes. A second index finds the entries of an
+// address on any interface. Each change (add, update, delete) is reported to the
+// observers: the adjacency services turn it into events.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace sim {
+
+// Neighbour states, as the ND module numbers them (and the ARP module too).
+enum class NeighState : std::uint8_t { kIncomplete = 0, kReachable = 1, kStale = 2, kDelay = 3, kProbe = 4 };
+
+// How an entry was made.
+enum class NeighKind : std::uint8_t {
+    kDynamic = 1,    // learnt (odd: the ND module's "dynamic" bit)
+    kStatic = 2,     // configured
+    kOpenFlow = 4,   // installed by an OpenFlow owner through the adjacency service
+    kRule = 8,       // installed by a rule owner through the adjacency service
+    kSet = 10,       // set through the ARP daemon
+};
+
+using NeighAddr = std::array<std::uint8_t, 16>;  // network order; IPv4 in the first 4 bytes
+
+struct Neighbour {
+    std::uint8_t family = 2;         // 2 IPv4 (ARP), 10 IPv6 (ND)
+    std::uint32_t ifindex = 0;
+    NeighAddr addr{};
+    std::uint16_t vrf = 0;
+    std::array<std::uint8_t, 6> mac{};
+    NeighState state = NeighState::kReachable;
+    NeighKind kind = NeighKind::kDynamic;
+    std::uint16_t vlan = 0;
+    std::uint32_t vsi = 0xFFFFFFFFu; // VSI the entry was learnt in (all ones: none)
+    std::uint16_t link = 0xFFFF;     // attachment circuit link id within the VSI (all ones: none)
+    std::uint32_t port = 0;          // member interface of an aggregate that holds it (0 none)
+    std::uint16_t node = 0;          // node that owns the interface
+    std::uint32_t updated = 0;       // seconds since the device started, at the last change
+    std::uint32_t aging = 1200;      // seconds an entry lives without a refresh (0: never ages)
+    std::uint32_t incomplete_since = 0;  // for an incomplete entry: when resolution started
+
+    bool operator==(const Neighbour&) const = default;
+};
+
+struct NeighChange {
+    enum Kind : std::uint8_t { kAdd = 0, kUpdate = 1, kDelete = 2 } kind;
+    Neighbour entry;
+};
+
+class NeighTable {
+public:
+    using Key = std::pair<std::uint32_t, NeighAddr>;  // interface index, address
+    using Observer = std::function<void(const NeighChange&)>;
+
+    static Key key_of(const Neighbour& n) { return {n.ifindex, n.addr}; }
+
+    // Adds or replaces an entry; reports kAdd or kUpdate (nothing when nothing changed).
+    void put(const Neighbour& n);
+    // Removes an entry; reports kDelete. False when there was none.
+    bool remove(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr);
+    const Neighbour* find(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr) const;
+    // The first entry of the address on any interface (lowest interface index).
+    const Neighbour* find_addr(std::uint8_t family, const NeighAddr& addr) const;
+    // The entry after `after` in table order (the first when none).
+    const Neighbour* next(std::uint8_t family, const std::optional<Key>& after) const;
+    std::size_t size(std::uint8_t family) const { return table(family).size(); }
+    // Visits the entries of a family in table order; the visitor must not change the table.
+    template <class F>
+    void each(std::uint8_t family, F&& visit) const {
+        for (const auto& [k, n] : table(family)) visit(n);
+    }
+
+    // Observers are called after the table changed, in the order they were added.
+    void add_observer(Observer o) { observers_.push_back(std::move(o)); }
+    // While muted no observer is called (loading a scenario or restoring state).
+    void mute(bool on) noexcept { muted_ = on; }
+
+private:
+    using Map = std::map<Key, Neighbour>;
+    Map& table(std::uint8_t family) { return family == 10 ? v6_ : v4_; }
+    const Map& table(std::uint8_t family) const { return family == 10 ? v6_ : v4_; }
+    std::set<std::pair<NeighAddr, std::uint32_t>>& by_addr(std::uint8_t family) {
+        return family == 10 ? v6_addr_ : v4_addr_;
+    }
+    const std::set<std::pair<NeighAddr, std::uint32_t>>& by_addr(std::uint8_t family) const {
+        return family == 10 ? v6_addr_ : v4_addr_;
+    }
+    void report(NeighChange::Kind kind, const Neighbour& n) const;
+
+    Map v4_, v6_;
+    std::set<std::pair<NeighAddr, std::uint32_t>> v4_addr_, v6_addr_;
+    std::vector<Observer> observers_;
+    bool muted_ = false;
+};
+
+}  // namespace sim

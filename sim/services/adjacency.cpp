@@ -1,0 +1,426 @@
+#include "services/adjacency.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <vector>
+
+#include "common/wire.hpp"
+#include "context.hpp"
+#include "core/log.hpp"
+#include "services/services.hpp"
+
+namespace sim {
+namespace {
+
+using ipc::wire::Reader;
+using ipc::wire::Writer;
+
+constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::size_t kHeader = 6;
+constexpr std::size_t kDatagram = 4096;
+constexpr std::size_t kRecordHead = 8;
+
+// Event types the service publishes.
+enum EventType : std::uint32_t { kAdded = 0, kChanged = 1, kDeleted = 2, kPresent = 3, kBatchEnd = 4 };
+
+// What a message asks of the service.
+enum class Op : std::uint8_t {
+    kSubscribe, kConcernAdd, kConcernDel, kBatchAll, kBatchVsi, kBatchAc, kBatchVlan, kBatchIf,
+    kRefresh, kDelete, kSmoothStart, kSmoothEnd, kOpenFlowSmooth, kVerify, kRoaming, kQuery,
+};
+
+struct MsgRoute {
+    std::uint8_t type;
+    Op op;
+    std::int8_t table;  // index into the family's tables, -1 none
+};
+
+// Tables of each family, in the order of AdjState::tables.
+constexpr TableShape kV4Tables[] = {
+    {"openflow", 40, {{{0, 4}, {4, 4}, {}}}, {}, {}},
+    {"rules", 52, {{{0, 4}, {4, 4}, {29, 1}}}, {29, 1}, {2, 1}},
+    {"vsi-suppression", 32, {{{0, 4}, {8, 4}, {}}}, {28, 1}, {0, 1}},
+    {"vlan-suppression", 16, {{{0, 4}, {8, 2}, {}}}, {}, {}},
+};
+constexpr TableShape kV6Tables[] = {
+    {"openflow", 48, {{{0, 4}, {4, 16}, {}}}, {}, {}},
+    {"rules", 64, {{{0, 16}, {16, 4}, {41, 1}}}, {41, 1}, {2, 1}},
+    {"vsi-suppression", 44, {{{0, 4}, {8, 16}, {}}}, {40, 1}, {0, 1}},
+};
+constexpr std::int8_t kOpenFlow = 0, kRules = 1, kVsiSup = 2, kVlanSup = 3;
+
+constexpr MsgRoute kV4Routes[] = {
+    {34, Op::kSubscribe, -1},      {44, Op::kConcernAdd, -1},    {45, Op::kConcernDel, -1},
+    {52, Op::kBatchAll, -1},       {56, Op::kBatchVsi, -1},      {75, Op::kBatchAc, -1},
+    {98, Op::kBatchVlan, -1},      {42, Op::kRefresh, kOpenFlow}, {43, Op::kDelete, kOpenFlow},
+    {63, Op::kSmoothStart, kOpenFlow}, {64, Op::kSmoothEnd, kOpenFlow}, {53, Op::kVerify, kOpenFlow},
+    {30, Op::kRefresh, kRules},    {31, Op::kDelete, kRules},    {32, Op::kSmoothStart, kRules},
+    {33, Op::kSmoothEnd, kRules},  {48, Op::kRefresh, kVsiSup},  {49, Op::kDelete, kVsiSup},
+    {50, Op::kSmoothStart, kVsiSup}, {51, Op::kSmoothEnd, kVsiSup}, {94, Op::kRefresh, kVlanSup},
+    {95, Op::kDelete, kVlanSup},   {96, Op::kSmoothStart, kVlanSup}, {97, Op::kSmoothEnd, kVlanSup},
+    {100, Op::kRoaming, -1},       {0, Op::kQuery, -1},
+};
+constexpr MsgRoute kV6Routes[] = {
+    {19, Op::kSubscribe, -1},      {67, Op::kConcernAdd, -1},    {68, Op::kConcernDel, -1},
+    {36, Op::kBatchAll, -1},       {40, Op::kBatchVsi, -1},      {65, Op::kBatchIf, -1},
+    {27, Op::kRefresh, kOpenFlow}, {28, Op::kDelete, kOpenFlow}, {11, Op::kOpenFlowSmooth, kOpenFlow},
+    {15, Op::kRefresh, kRules},    {16, Op::kDelete, kRules},    {17, Op::kSmoothStart, kRules},
+    {18, Op::kSmoothEnd, kRules},  {60, Op::kRefresh, kVsiSup},  {61, Op::kDelete, kVsiSup},
+    {62, Op::kSmoothStart, kVsiSup}, {63, Op::kSmoothEnd, kVsiSup}, {80, Op::kRoaming, -1},
+};
+
+constexpr std::uint8_t kQueryVlanSuppression = 152;
+constexpr std::uint8_t kOpenFlowSmoothStartCode = 2, kOpenFlowSmoothEndCode = 3;
+
+const MsgRoute* route_of(bool v6, std::uint8_t type) {
+    const std::span<const MsgRoute> routes = v6 ? std::span<const MsgRoute>(kV6Routes) : std::span<const MsgRoute>(kV4Routes);
+    const auto it = std::find_if(routes.begin(), routes.end(), [&](const MsgRoute& r) { return r.type == type; });
+    return it == routes.end() ? nullptr : &*it;
+}
+
+// One event record of an entry, in wire order.
+void put_record(Writer& w, bool v6, std::uint32_t type, const Neighbour& n) {
+    const std::uint32_t vsi = n.vsi, link = n.link, state = static_cast<std::uint32_t>(n.state),
+                        kind = static_cast<std::uint32_t>(n.kind);
+    if (!v6) {
+        w.be(static_cast<std::uint32_t>(kRecordHead + 52)).be(type);
+        w.be(n.ifindex).raw(n.addr.data(), 4).be(vsi).be(link).be(n.vlan).be(std::uint16_t{0});
+        w.raw(n.mac.data(), 6).zeros(2).be(state).be(kind).be(n.aging).be(n.port);
+        w.zeros(2).be(n.node).be(n.vrf).zeros(2);
+        return;
+    }
+    w.be(static_cast<std::uint32_t>(kRecordHead + 64)).be(type);
+    w.be(n.ifindex).raw(n.addr.data(), 16).be(vsi).be(link).be(n.vlan).be(n.vrf);
+    w.raw(n.mac.data(), 6).zeros(2).be(state).be(kind).be(n.aging).be(n.port);
+    w.zeros(2).be(n.node).be(std::uint16_t{0}).zeros(2);
+}
+
+constexpr std::size_t record_len(bool v6) { return kRecordHead + (v6 ? 64 : 52); }
+
+// A neighbour of kind OpenFlow from an OpenFlow entry (wire order).
+Neighbour openflow_neighbour(Context& ctx, bool v6, std::span<const std::uint8_t> e) {
+    Neighbour n;
+    n.family = v6 ? 10 : 2;
+    n.kind = NeighKind::kOpenFlow;
+    Reader r(e.data(), e.size());
+    n.ifindex = r.be<std::uint32_t>();
+    r.raw_into(n.addr.data(), v6 ? 16 : 4);
+    n.vrf = static_cast<std::uint16_t>(r.be<std::uint32_t>());
+    r.raw_into(n.mac.data(), 6);
+    n.vlan = r.be<std::uint16_t>();
+    n.port = r.be<std::uint32_t>();
+    n.aging = r.be<std::uint32_t>();
+    if (const auto* itf = ctx.device.interface(n.ifindex)) n.node = itf->node;
+    n.updated = ctx.uptime();
+    return n;
+}
+
+}  // namespace
+
+class AdjConn;
+
+struct AdjState {
+    explicit AdjState(bool v6) {
+        for (const TableShape& t : v6 ? std::span<const TableShape>(kV6Tables) : std::span<const TableShape>(kV4Tables)) {
+            tables.emplace_back(t);
+        }
+    }
+    std::vector<SmoothTable> tables;
+    std::set<AdjConn*> subscribers;
+    std::set<AdjConn*> pending;  // subscribers with records waiting for the end of the round
+    bool flush_scheduled = false;
+    std::uint64_t roaming_reports = 0;
+    std::uint64_t roaming_records = 0;
+};
+
+AdjServices::AdjServices() : state_{std::make_unique<AdjState>(false), std::make_unique<AdjState>(true)} {}
+AdjServices::~AdjServices() = default;
+
+class AdjConn : public Conn {
+public:
+    AdjConn(Context& ctx, bool v6, Loop& loop, int fd, const Endpoint& where, pid_t pid)
+        : Conn(loop, fd, where, pid), ctx_(ctx), v6_(v6), state_(ctx.adj.of(v6)) {}
+    ~AdjConn() override { closed(); }
+
+    bool wants(std::uint32_t type, const Neighbour& n, bool replay) const {
+        if (!subscribed_) return false;
+        if (types_ != 0 && (type >= 32 || (types_ >> type & 1u) == 0)) return false;
+        if (ifindex_ != 0 && n.ifindex != ifindex_) return false;
+        if (replay || concerned_.empty()) return true;
+        return concerned_.count({0xFFFFFFFFu, n.addr}) != 0 || concerned_.count({n.vrf, n.addr}) != 0;
+    }
+
+    // Adds a record to the datagram being filled; a full datagram goes out first.
+    void queue(std::uint32_t type, const Neighbour& n) {
+        if (out_.size() + record_len(v6_) > kDatagram) flush();
+        const std::size_t at = out_.size();
+        out_.resize(at + record_len(v6_));
+        Writer w(std::span<std::uint8_t>(out_.data() + at, record_len(v6_)));
+        put_record(w, v6_, type, n);
+    }
+    void queue_end() {
+        if (out_.size() + kRecordHead > kDatagram) flush();
+        const std::size_t at = out_.size();
+        out_.resize(at + kRecordHead);
+        Writer w(std::span<std::uint8_t>(out_.data() + at, kRecordHead));
+        w.be(static_cast<std::uint32_t>(kRecordHead)).be(static_cast<std::uint32_t>(kBatchEnd));
+    }
+    void flush() {
+        if (out_.empty()) return;
+        if (ctx_.capture.on()) capture_lipc(ctx_, *this, "event", out_, {{"type", "events"}});
+        send(out_);
+        out_.clear();
+    }
+
+protected:
+    void message(std::span<const std::uint8_t> msg) override {
+        Reader r(msg.data(), msg.size());
+        const auto type = r.be<std::uint8_t>();
+        (void)r.be<std::uint8_t>();
+        const auto len = r.be<std::uint16_t>();
+        const auto count = r.be<std::uint16_t>();
+        const MsgRoute* route = r.ok() ? route_of(v6_, type) : nullptr;
+        if (!r.ok() || len != r.remaining() || route == nullptr) {
+            if (ctx_.capture.on()) capture_lipc(ctx_, *this, "request", msg, {{"error", "malformed or unknown"}});
+            SIM_LOG(kDebug, "adjacency service: dropped a message of type %u from pid %d", static_cast<unsigned>(type),
+                    static_cast<int>(peer_pid()));
+            return;
+        }
+        if (ctx_.capture.on()) capture_lipc(ctx_, *this, "request", msg, {{"type", type}});
+        handle(*route, count, r.rest());
+    }
+
+    void closed() override {
+        state_.subscribers.erase(this);
+        state_.pending.erase(this);
+    }
+
+private:
+    void handle(const MsgRoute& route, std::uint16_t count, std::span<const std::uint8_t> p) {
+        Reader r(p.data(), p.size());
+        switch (route.op) {
+            case Op::kSubscribe: {
+                types_ = r.be<std::uint32_t>();
+                (void)r.be<std::uint32_t>();
+                ifindex_ = r.be<std::uint32_t>();
+                if (!r.ok()) return;
+                subscribed_ = true;
+                state_.subscribers.insert(this);
+                return;
+            }
+            case Op::kConcernAdd:
+            case Op::kConcernDel: return concern(route.op == Op::kConcernAdd, p);
+            case Op::kBatchAll: return replay([](const Neighbour&) { return true; });
+            case Op::kBatchVsi:
+            case Op::kBatchAc: {
+                const auto vsi = r.be<std::uint32_t>();
+                const auto link = r.be<std::uint32_t>();
+                (void)r.raw(v6_ ? 2 : 4);
+                const auto last = v6_ ? std::uint32_t{r.be<std::uint16_t>()} : r.be<std::uint32_t>();
+                if (!r.ok()) return;
+                const bool by_ac = route.op == Op::kBatchAc;
+                return replay([=](const Neighbour& n) {
+                    if (n.vsi != vsi) return false;
+                    if ((by_ac || link != 0xFFFFFFFFu) && n.link != link) return false;
+                    return !by_ac || last == 0xFFFF || n.vlan == last;
+                });
+            }
+            case Op::kBatchVlan: {
+                (void)r.raw(12);
+                const auto vlan = r.be<std::uint32_t>();
+                if (!r.ok()) return;
+                return replay([=](const Neighbour& n) { return n.vlan == vlan; });
+            }
+            case Op::kBatchIf: {
+                const auto ifindex = r.be<std::uint32_t>();
+                if (!r.ok()) return;
+                return replay([=](const Neighbour& n) { return n.ifindex == ifindex; });
+            }
+            case Op::kRefresh:
+            case Op::kDelete: return entries(route, count, p);
+            case Op::kSmoothStart:
+            case Op::kSmoothEnd: return smooth(route.table, route.op == Op::kSmoothStart, p);
+            case Op::kOpenFlowSmooth: {
+                const auto code = r.be<std::uint8_t>();
+                if (!r.ok() || (code != kOpenFlowSmoothStartCode && code != kOpenFlowSmoothEndCode)) return status(kFailure);
+                smooth(kOpenFlow, code == kOpenFlowSmoothStartCode, p);
+                return status(0);
+            }
+            case Op::kVerify: {
+                std::uint8_t head[kHeader];
+                Writer w(head);
+                w.be(std::uint8_t{54}).zeros(1).be(std::uint16_t{0}).be(std::uint16_t{0});
+                send(w.bytes());
+                return;
+            }
+            case Op::kRoaming:
+                ++state_.roaming_reports;
+                state_.roaming_records += ipc::wire::View(p.data(), p.size()).be<std::uint16_t>(8).value_or(0);
+                return;
+            case Op::kQuery: return query(p);
+        }
+    }
+
+    void concern(bool add, std::span<const std::uint8_t> p) {
+        Reader r(p.data(), p.size());
+        std::uint32_t scope = 0;
+        NeighAddr addr{};
+        if (!v6_) {
+            // The scope word travels in the sender's own byte order.
+            const auto s = r.raw(4);
+            if (s.size() == 4) std::memcpy(&scope, s.data(), 4);
+            r.raw_into(addr.data(), 4);
+        } else {
+            r.raw_into(addr.data(), 16);
+            scope = r.be<std::uint32_t>();
+        }
+        if (!r.ok()) return;
+        if (add) {
+            concerned_.insert({scope, addr});
+        } else {
+            concerned_.erase({scope, addr});
+        }
+    }
+
+    template <class Match>
+    void replay(Match match) {
+        flush();
+        const std::uint8_t family = v6_ ? 10 : 2;
+        ctx_.neighs.each(family, [&](const Neighbour& n) {
+            if (match(n) && wants(kPresent, n, true)) queue(kPresent, n);
+        });
+        queue_end();
+        flush();
+    }
+
+    void entries(const MsgRoute& route, std::uint16_t count, std::span<const std::uint8_t> p) {
+        SmoothTable& t = state_.tables[static_cast<std::size_t>(route.table)];
+        const std::size_t len = t.shape().entry_len;
+        const bool openflow = route.table == kOpenFlow;
+        const std::size_t n = openflow ? count : 1;
+        if (n == 0 || p.size() != n * len) {
+            if (openflow) status(kFailure);
+            return;
+        }
+        for (std::size_t i = 0; i < n; ++i) {
+            const auto e = p.subspan(i * len, len);
+            if (route.op == Op::kRefresh) {
+                t.refresh(e);
+                if (openflow) {
+                    const Neighbour nb = openflow_neighbour(ctx_, v6_, e);
+                    if (ctx_.device.interface(nb.ifindex) != nullptr) ctx_.neighs.put(nb);
+                }
+            } else if (t.remove(e) && openflow) {
+                drop_openflow_neighbour(e);
+            }
+        }
+        if (openflow) status(0);
+    }
+
+    void smooth(std::int8_t table, bool start, std::span<const std::uint8_t> p) {
+        SmoothTable& t = state_.tables[static_cast<std::size_t>(table)];
+        const std::uint32_t scope = t.smooth_scope_of(p);
+        if (start) return t.smooth_start(scope);
+        for (const auto& item : t.smooth_end(scope)) {
+            if (table == kOpenFlow) drop_openflow_neighbour(item.entry);
+        }
+    }
+
+    void drop_openflow_neighbour(std::span<const std::uint8_t> e) {
+        const Neighbour nb = openflow_neighbour(ctx_, v6_, e);
+        const Neighbour* had = ctx_.neighs.find(nb.family, nb.ifindex, nb.addr);
+        if (had != nullptr && had->kind == NeighKind::kOpenFlow) ctx_.neighs.remove(nb.family, nb.ifindex, nb.addr);
+    }
+
+    void query(std::span<const std::uint8_t> p) {
+        const ipc::wire::View v(p.data(), p.size());
+        if (v.be<std::uint8_t>(0).value_or(0) != kQueryVlanSuppression) return status(kFailure);
+        const auto vlan = v.be<std::uint16_t>(14);
+        if (!vlan) return status(kFailure);
+        std::uint32_t on = 0;
+        for (const auto& [k, item] : state_.tables[kVlanSup].items()) {
+            if (ipc::wire::View(item.entry.data(), item.entry.size()).be<std::uint16_t>(8) == vlan) on = 1;
+        }
+        std::uint8_t out[16];
+        Writer w(out);
+        w.zeros(12).be(on);
+        send(w.bytes());
+    }
+
+    void status(std::uint32_t value) {
+        std::uint8_t out[4];
+        Writer w(out);
+        w.be(value);
+        send(w.bytes());
+    }
+
+    Context& ctx_;
+    bool v6_;
+    AdjState& state_;
+    bool subscribed_ = false;
+    std::uint32_t types_ = 0;
+    std::uint32_t ifindex_ = 0;
+    std::set<std::pair<std::uint32_t, NeighAddr>> concerned_;
+    std::vector<std::uint8_t> out_;
+};
+
+std::unique_ptr<Conn> make_adj_conn(Context& ctx, bool v6, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
+    return std::make_unique<AdjConn>(ctx, v6, loop, fd, where, pid);
+}
+
+void publish_neigh_change(Context& ctx, const NeighChange& change) {
+    const bool v6 = change.entry.family == 10;
+    AdjState& st = ctx.adj.of(v6);
+    if (st.subscribers.empty()) return;
+    const std::uint32_t type = change.kind == NeighChange::kAdd      ? kAdded
+                               : change.kind == NeighChange::kUpdate ? kChanged
+                                                                     : kDeleted;
+    for (AdjConn* s : st.subscribers) {
+        if (!s->wants(type, change.entry, false)) continue;
+        s->queue(type, change.entry);
+        st.pending.insert(s);
+    }
+    // Changes of one round share datagrams; they go out once the round's work is done.
+    if (st.flush_scheduled || st.pending.empty()) return;
+    st.flush_scheduled = true;
+    ctx.loop.after(std::chrono::milliseconds(0), [&st] {
+        st.flush_scheduled = false;
+        // Copy: a subscriber whose send fails closes and leaves the set.
+        const std::vector<AdjConn*> due(st.pending.begin(), st.pending.end());
+        st.pending.clear();
+        for (AdjConn* s : due) {
+            if (st.subscribers.count(s) != 0) s->flush();
+        }
+    });
+}
+
+void register_adj_control(Context& ctx) {
+    ctx.control.on("adj.tables", [&ctx](const nlohmann::json& req) {
+        const int family = req.value("family", 4);
+        if (family != 4 && family != 6) throw std::invalid_argument("family is 4 or 6");
+        AdjState& st = ctx.adj.of(family == 6);
+        nlohmann::json out;
+        for (const SmoothTable& t : st.tables) {
+            nlohmann::json entries = nlohmann::json::array();
+            for (const auto& [k, item] : t.items()) {
+                std::string hex;
+                for (const std::uint8_t b : item.entry) {
+                    char two[3];
+                    std::snprintf(two, sizeof two, "%02x", static_cast<unsigned>(b));
+                    hex += two;
+                }
+                entries.push_back({{"scope", item.scope}, {"stale", item.stale}, {"entry", hex}});
+            }
+            out[std::string(t.shape().name)] = entries;
+        }
+        out["roaming_reports"] = st.roaming_reports;
+        out["roaming_records"] = st.roaming_records;
+        out["subscribers"] = st.subscribers.size();
+        return out;
+    });
+}
+
+}  // namespace sim

@@ -1,0 +1,79 @@
+// ND overlay suppression on port 1667 of the master's endpoint: whether ND packets of a VSI
+// are answered locally instead of being flooded over the overlay.
+//
+// A request is one adjacency message [type][reserved][BE16 payload length][BE16 count]
+// [payload] of type 0 with a 180-byte payload: byte 0 the request code, byte 1 the on flag
+// (1 on, anything else off; read by code 26 only), bytes 8-11 the VSI index (BE32); the
+// other bytes are not read. Codes:
+//   26   switches the VSI's suppression on or off; answered with [BE32 0];
+//   100  answered with [BE32 1] when the VSI's suppression is on, else [BE32 0] (a VSI never
+//        set is off).
+// Every answer is the bare 4-byte word. A message whose length disagrees with its header, of
+// another type or size, an unknown code or the VSI index 0xFFFFFFFF is answered with
+// [BE32 0x40010001]. The state is the device's (Context::nd), kept until the simulator ends.
+#include "common/wire.hpp"
+#include "services/services.hpp"
+
+namespace sim {
+namespace {
+
+constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::size_t kPayloadLen = 180;
+constexpr std::uint8_t kSwitchType = 0;
+constexpr std::uint8_t kCodeSet = 26;
+constexpr std::uint8_t kCodeGet = 100;
+constexpr std::uint32_t kNoVsi = 0xFFFFFFFFu;
+
+class NdOverlayConn : public Conn {
+public:
+    NdOverlayConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid)
+        : Conn(loop, fd, where, pid), ctx_(ctx) {}
+
+protected:
+    void message(std::span<const std::uint8_t> msg) override {
+        ipc::wire::Reader r(msg.data(), msg.size());
+        const std::uint8_t type = r.be<std::uint8_t>();
+        (void)r.be<std::uint8_t>();  // reserved
+        const std::uint16_t len = r.be<std::uint16_t>();
+        (void)r.be<std::uint16_t>();  // count
+        if (!r.ok() || len != r.remaining() || type != kSwitchType || len != kPayloadLen) {
+            capture_lipc(ctx_, *this, "request", msg, {{"error", "not an overlay suppression request"}});
+            return answer(kFailure);
+        }
+        const auto payload = r.rest();
+        const std::uint8_t code = payload[0];
+        const bool on = payload[1] == 1;
+        const auto vsi = ipc::wire::load_be<std::uint32_t>(payload.data() + 8);
+        capture_lipc(ctx_, *this, "request", msg, {{"code", code}, {"vsi", vsi}});
+        if (vsi == kNoVsi) return answer(kFailure);
+        auto& table = ctx_.nd.overlay_suppression;
+        switch (code) {
+            case kCodeSet:
+                table[vsi] = on;
+                return answer(0);
+            case kCodeGet: {
+                const auto it = table.find(vsi);
+                return answer(it != table.end() && it->second ? 1u : 0u);
+            }
+            default: return answer(kFailure);
+        }
+    }
+
+private:
+    void answer(std::uint32_t word) {
+        std::uint8_t out[4];
+        ipc::wire::store_be(out, word);
+        capture_lipc(ctx_, *this, "answer", out, {{"word", word}});
+        send(out);
+    }
+
+    Context& ctx_;
+};
+
+}  // namespace
+
+std::unique_ptr<Conn> make_nd_overlay_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
+    return std::make_unique<NdOverlayConn>(ctx, loop, fd, where, pid);
+}
+
+}  // namespace sim
