@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "common/wire.hpp"
 #include "ipclient/fib.h"
 #include "ipplat/testctl.h"
 
@@ -22,12 +23,7 @@ struct Table {
     std::uint64_t produced;
 };
 
-void put32(std::uint8_t* p, std::uint32_t v) {
-    p[0] = static_cast<std::uint8_t>(v >> 24);
-    p[1] = static_cast<std::uint8_t>(v >> 16);
-    p[2] = static_cast<std::uint8_t>(v >> 8);
-    p[3] = static_cast<std::uint8_t>(v);
-}
+void put32(std::uint8_t* p, std::uint32_t v) { ipc::wire::store_be(p, v); }
 
 // Fills one chunk with as many routes as fit, generated on the fly.
 int produce(void* ctx, uint32_t, uint8_t* buf, uint32_t cap, uint32_t* len) {
@@ -40,7 +36,8 @@ int produce(void* ctx, uint32_t, uint8_t* buf, uint32_t cap, uint32_t* len) {
     for (std::uint32_t i = 0; i < n; ++i) {
         std::uint8_t* e = buf + 8 + std::size_t{i} * kEntrySize;
         const auto r = static_cast<std::uint32_t>(t->produced + i);
-        e[4] = 10, e[5] = static_cast<std::uint8_t>(r >> 16), e[6] = static_cast<std::uint8_t>(r >> 8), e[7] = 0;
+        // 10.x.y.0: the route's number in the two middle bytes of the prefix.
+        put32(e + 4, 0x0A000000u + (r & 0xFFFFu) * 256u);
         put32(e + 8, 0xFFFFFF00u);
         e[12] = 10, e[15] = 1;
         put32(e + 16, 7);

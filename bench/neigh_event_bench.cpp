@@ -13,6 +13,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipclient/nd.h"
 #include "ipplat/testctl.h"
@@ -67,12 +68,7 @@ constexpr std::size_t kRecordsPerDatagram = kDatagramMax / Family::kRecordLen;
 template <class Family>
 constexpr std::int64_t kEventsPerIteration = static_cast<std::int64_t>(kRecordsPerDatagram<Family> * kDatagramsPerCall);
 
-void put_be32(std::uint8_t* p, std::uint32_t v) {
-    p[0] = static_cast<std::uint8_t>(v >> 24);
-    p[1] = static_cast<std::uint8_t>(v >> 16);
-    p[2] = static_cast<std::uint8_t>(v >> 8);
-    p[3] = static_cast<std::uint8_t>(v);
-}
+void put_be32(std::uint8_t* p, std::uint32_t v) { ipc::wire::store_be(p, v); }
 
 // One datagram of full records, every delivered type in turn.
 template <class Family>

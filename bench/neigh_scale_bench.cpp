@@ -107,6 +107,12 @@ void burst(bool nd, unsigned count) {
         std::printf("%s: no subscription\n", nd ? "ND" : "ARP");
         return;
     }
+    // The subscription travels on a connection of its own: wait until the service has it.
+    for (int i = 0; i < 300; ++i) {
+        const auto t = e2e::control({{"op", "adj.tables"}, {"family", nd ? 6 : 4}});
+        if (t.value("subscribers", 0) >= 1) break;
+        ::poll(nullptr, 0, 10);
+    }
     const auto t0 = Clock::now();
     const auto r = e2e::control({{"op", "neigh.burst"}, {"interface", 1}, {"first", nd ? "2001:db8:7::1" : "10.200.0.1"},
                                  {"mac", "02:00:00:00:00:01"}, {"count", count}});

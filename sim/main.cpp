@@ -2,13 +2,17 @@
 //
 //   ipsimd [--scenario FILE] [--instance NAME] [--state DIR] [--capture FILE]
 //          [--log-level LEVEL] [--check] [--print-default-scenario]
+//   ipsimd [--instance NAME] --control JSON
 //
 // Runs in the foreground, prints "ready instance=NAME nodes=N" on standard output once
 // every channel listens, logs to standard error, and exits 0 on SIGTERM or SIGINT.
 // Exit status: 0 done, 1 the simulator could not start, 2 bad arguments or a refused
-// scenario.
+// scenario. With --control it runs nothing itself: it sends one request to the control
+// channel of the instance's running simulator, prints the answer, and exits 0 when the
+// answer says ok, 1 otherwise.
 #include <malloc.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -18,6 +22,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/endpoint_names.hpp"
+#include "common/raii.hpp"
 #include "core/log.hpp"
 #include "daemon.hpp"
 
@@ -34,6 +40,31 @@ std::string default_instance() {
     return env != nullptr && *env != '\0' ? env : "default";
 }
 
+// One request on the control channel of a running simulator.
+int send_control(const std::string& instance, const std::string& request) {
+    const ipc::Fd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un sun{};
+    const socklen_t n = ipc::names::control(instance, &sun);
+    if (!fd.valid() || ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&sun), n) != 0) {
+        std::fprintf(stderr, "ipsimd: no simulator runs for instance %s\n", instance.c_str());
+        return 1;
+    }
+    if (::send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) {
+        std::fprintf(stderr, "ipsimd: the request could not be sent\n");
+        return 1;
+    }
+    std::string answer(sim::Loop::kMaxMessage, '\0');
+    const ssize_t got = ::recv(fd.get(), answer.data(), answer.size(), 0);
+    if (got <= 0) {
+        std::fprintf(stderr, "ipsimd: no answer\n");
+        return 1;
+    }
+    answer.resize(static_cast<std::size_t>(got));
+    std::printf("%s\n", answer.c_str());
+    const auto parsed = nlohmann::json::parse(answer, nullptr, false);
+    return parsed.is_object() && parsed.value("ok", false) ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -42,6 +73,7 @@ int main(int argc, char** argv) {
     sim::Options opts;
     opts.instance = default_instance();
     bool check = false, print_default = false;
+    std::string control_request;
     app.add_option("--scenario", scenario_file, "scenario file (YAML); default: the bundled scenario");
     app.add_option("--instance", opts.instance, "instance name (default: IPCLIENT_INSTANCE, else \"default\")");
     app.add_option("--state", opts.state_dir, "directory that keeps what clients changed");
@@ -49,11 +81,14 @@ int main(int argc, char** argv) {
     app.add_option("--log-level", level, "error, warn, info or debug")->check(CLI::IsMember({"error", "warn", "info", "debug"}));
     app.add_flag("--check", check, "validate the scenario and exit");
     app.add_flag("--print-default-scenario", print_default, "print the bundled scenario and exit");
+    app.add_option("--control", control_request,
+                   "send one JSON request to the running simulator's control channel and print the answer");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : 2;
     }
+    if (!control_request.empty()) return send_control(opts.instance, control_request);
     if (print_default) {
         std::fputs(sim::scenario::default_text(), stdout);
         return 0;

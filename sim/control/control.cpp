@@ -23,7 +23,9 @@ std::string Control::answer(std::string_view request) const {
     } catch (const std::exception& e) {
         out = {{"ok", false}, {"error", e.what()}};
     }
-    return out.dump();
+    // A request's bytes may come back in an error text: whatever they are, the answer is
+    // valid UTF-8.
+    return out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 namespace {

@@ -2,6 +2,7 @@
 // the device while it runs, bursts, filters, and several subscriber processes at once.
 #include <arpa/inet.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/arp.h"
 #include "ipclient/nd.h"
@@ -37,6 +39,9 @@ struct NdSeen {
     std::uint32_t type;
     NdEventRecord rec;
 };
+
+// An address in network order as the host-order word ARP_AddConcernedIP takes.
+std::uint32_t host_order(std::uint32_t network_order) { return ipc::wire::load_be<std::uint32_t>(&network_order); }
 
 std::vector<ArpSeen> g_arp;
 std::vector<ArpSeen> g_arp_second;
@@ -98,6 +103,19 @@ nlohmann::json ok(const nlohmann::json& req) {
     return r;
 }
 
+// Waits until the family's adjacency service counts `n` subscribers: a subscription travels
+// on its own connection, so a change made on another channel right after ARP_RegEvent or
+// ND_RegEvent could otherwise be handled first.
+void wait_subscribers(int family, std::size_t n) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    while (std::chrono::steady_clock::now() < until) {
+        const auto r = control({{"op", "adj.tables"}, {"family", family}});
+        if (r.value("subscribers", std::size_t{0}) >= n) return;
+        ::usleep(5000);
+    }
+    ADD_FAILURE() << "the adjacency service did not count " << n << " subscribers";
+}
+
 class AdjacencyEvents : public SimTest {
 protected:
     void SetUp() override {
@@ -111,6 +129,7 @@ protected:
 TEST_F(AdjacencyEvents, ArpBatchReplayDeliversTheScenarioEntriesInHostOrder) {
     const int fd = ARP_RegEvent(0, 0, on_arp);
     ASSERT_GE(fd, 0);
+    wait_subscribers(4, 1);
     ARP_RequestBatchEvent(fd);
     ASSERT_TRUE(drain(fd, false, [] { return has_type(g_arp, 4); })) << sim.log();
     const ArpSeen* seen = nullptr;
@@ -134,6 +153,7 @@ TEST_F(AdjacencyEvents, ArpBatchReplayDeliversTheScenarioEntriesInHostOrder) {
 TEST_F(AdjacencyEvents, ArpChangeOnTheDeviceReachesTheSubscriberWithItsFields) {
     const int fd = ARP_RegEvent(0, 0, on_arp);
     ASSERT_GE(fd, 0);
+    wait_subscribers(4, 1);
     ok({{"op", "neigh.add"}, {"interface", kGeVpn}, {"address", "10.1.2.9"}, {"mac", "02:00:00:00:01:09"},
         {"vlan", 10}, {"vsi", 0x01020304}, {"link", 0x0506}});
     ASSERT_TRUE(drain(fd, false, [] { return !g_arp.empty(); })) << sim.log();
@@ -156,6 +176,7 @@ TEST_F(AdjacencyEvents, ArpChangeOnTheDeviceReachesTheSubscriberWithItsFields) {
 TEST_F(AdjacencyEvents, ArpBurstOfTenThousandChangesLosesNone) {
     const int fd = ARP_RegEvent(0, 0, on_arp);
     ASSERT_GE(fd, 0);
+    wait_subscribers(4, 1);
     const auto r = ok({{"op", "neigh.burst"}, {"interface", kGe1}, {"first", "10.9.0.1"}, {"mac", "02:00:00:00:00:01"},
                        {"count", 10000}});
     EXPECT_EQ(r.value("changed", 0), 10000);
@@ -176,7 +197,8 @@ TEST_F(AdjacencyEvents, ArpBurstOfTenThousandChangesLosesNone) {
 TEST_F(AdjacencyEvents, ArpConcernedAddressNarrowsTheChangesUntilRemoved) {
     const int fd = ARP_RegEvent(0, 0, on_arp);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(ARP_AddConcernedIP(fd, ntohl(ip("10.1.1.50")), 0xFFFFFFFFu), 0u);
+    wait_subscribers(4, 1);
+    EXPECT_EQ(ARP_AddConcernedIP(fd, host_order(ip("10.1.1.50")), 0xFFFFFFFFu), 0u);
     ok({{"op", "neigh.add"}, {"interface", kGe1}, {"address", "10.1.1.50"}, {"mac", "02:00:00:00:00:50"}});
     ok({{"op", "neigh.add"}, {"interface", kGe1}, {"address", "10.1.1.51"}, {"mac", "02:00:00:00:00:51"}});
     ARP_RequestBatchEvent(fd);  // its end marker comes after every change made before it
@@ -186,7 +208,7 @@ TEST_F(AdjacencyEvents, ArpConcernedAddressNarrowsTheChangesUntilRemoved) {
         if (s.type == 0) changed.push_back(s.addr());
     }
     EXPECT_EQ(changed, std::vector<std::uint32_t>{ip("10.1.1.50")});
-    EXPECT_EQ(ARP_DelConcernedIP(fd, ntohl(ip("10.1.1.50")), 0xFFFFFFFFu), 0u);
+    EXPECT_EQ(ARP_DelConcernedIP(fd, host_order(ip("10.1.1.50")), 0xFFFFFFFFu), 0u);
     g_arp.clear();
     ok({{"op", "neigh.add"}, {"interface", kGe1}, {"address", "10.1.1.52"}, {"mac", "02:00:00:00:00:52"}});
     ASSERT_TRUE(drain(fd, false, [] { return !g_arp.empty(); }));
@@ -199,6 +221,7 @@ TEST_F(AdjacencyEvents, ArpSubscriptionWordsSelectEventTypesAndInterface) {
     const int everything = ARP_RegEvent(0, 0, on_arp_second);
     ASSERT_GE(deletes_on_ge1, 0);
     ASSERT_GE(everything, 0);
+    wait_subscribers(4, 2);
     for (const auto* a : {"10.1.1.60", "10.1.1.61"}) {
         ok({{"op", "neigh.add"}, {"interface", kGe1}, {"address", a}, {"mac", "02:00:00:00:00:60"}});
     }
@@ -217,6 +240,7 @@ TEST_F(AdjacencyEvents, ArpSubscriptionWordsSelectEventTypesAndInterface) {
 TEST_F(AdjacencyEvents, ArpBatchesByVlanVsiAndAttachmentCircuit) {
     const int fd = ARP_RegEvent(0, 0, on_arp);
     ASSERT_GE(fd, 0);
+    wait_subscribers(4, 1);
     ok({{"op", "neigh.add"}, {"interface", kGe1}, {"address", "10.1.1.70"}, {"mac", "02:00:00:00:00:70"}, {"vlan", 20}});
     ok({{"op", "neigh.add"}, {"interface", kGe1}, {"address", "10.1.1.71"}, {"mac", "02:00:00:00:00:71"}, {"vsi", 5},
         {"link", 7}, {"vlan", 30}});
@@ -249,6 +273,7 @@ TEST_F(AdjacencyEvents, ArpBatchesByVlanVsiAndAttachmentCircuit) {
 TEST_F(AdjacencyEvents, NdBatchReplayDeliversTheScenarioEntriesInHostOrder) {
     const int fd = ND_RegEvent(0, 0, on_nd);
     ASSERT_GE(fd, 0);
+    wait_subscribers(6, 1);
     ND_RequestBatchEvent(fd);
     ASSERT_TRUE(drain(fd, true, [] { return !g_nd.empty() && g_nd.back().type == 4; })) << sim.log();
     const auto want = ip6("fe80::2");
@@ -272,6 +297,7 @@ TEST_F(AdjacencyEvents, NdBatchReplayDeliversTheScenarioEntriesInHostOrder) {
 TEST_F(AdjacencyEvents, NdBurstOfTenThousandChangesLosesNone) {
     const int fd = ND_RegEvent(0, 0, on_nd);
     ASSERT_GE(fd, 0);
+    wait_subscribers(6, 1);
     ok({{"op", "neigh.burst"}, {"interface", kGe1}, {"first", "2001:db8:9::1"}, {"mac", "02:00:00:00:00:01"},
         {"count", 10000}});
     ASSERT_TRUE(drain(fd, true, [] { return g_nd.size() >= 10000; }, std::chrono::seconds(20))) << g_nd.size();
@@ -292,6 +318,7 @@ TEST_F(AdjacencyEvents, NdBurstOfTenThousandChangesLosesNone) {
 TEST_F(AdjacencyEvents, NdBatchByInterfaceAndConcernedAddress) {
     const int fd = ND_RegEvent(0, 0, on_nd);
     ASSERT_GE(fd, 0);
+    wait_subscribers(6, 1);
     ok({{"op", "neigh.add"}, {"interface", kGeVpn}, {"address", "2001:db8:2::5"}, {"mac", "02:00:00:00:00:05"}});
     NdBatchKey key{};
     key.uiWord0 = kGeVpn;
@@ -317,6 +344,57 @@ TEST_F(AdjacencyEvents, NdBatchByInterfaceAndConcernedAddress) {
     ND_DeregEvent(fd);
 }
 
+TEST_F(AdjacencyEvents, ArpRequestResolvesAScenarioHostAndTheSubscriberSeesIt) {
+    const int fd = ARP_RegEvent(0, 0, on_arp);
+    ASSERT_GE(fd, 0);
+    wait_subscribers(4, 1);
+    EXPECT_EQ(ARP_Request(kGe1, ip("10.1.1.1"), ip("10.1.1.3"), nullptr), 0u);
+    ASSERT_TRUE(drain(fd, false, [] { return !g_arp.empty(); })) << sim.log();
+    const ArpSeen& s = g_arp.front();
+    EXPECT_EQ(s.type, 0u);
+    EXPECT_EQ(s.at<std::uint32_t>(0), kGe1);
+    EXPECT_EQ(s.addr(), ip("10.1.1.3"));
+    const std::uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x66, 0x03};
+    EXPECT_EQ(std::memcmp(s.entry.data() + 20, mac, 6), 0);
+    EXPECT_EQ(s.at<std::uint32_t>(28), 1u);  // reachable
+    EXPECT_EQ(s.at<std::uint32_t>(32), 1u);  // learnt
+    ARP_DeregEvent(fd);
+}
+
+TEST_F(AdjacencyEvents, ArpRequestForAnUnknownHostIsIncompleteThenAgesOut) {
+    const int fd = ARP_RegEvent(0, 0, on_arp);
+    ASSERT_GE(fd, 0);
+    wait_subscribers(4, 1);
+    EXPECT_EQ(ARP_Request(kGe1, ip("10.1.1.1"), ip("10.1.1.99"), nullptr), 0u);
+    ASSERT_TRUE(drain(fd, false, [] { return !g_arp.empty(); }));
+    EXPECT_EQ(g_arp.front().type, 0u);
+    EXPECT_EQ(g_arp.front().addr(), ip("10.1.1.99"));
+    EXPECT_EQ(g_arp.front().at<std::uint32_t>(28), 0u);  // incomplete
+    ASSERT_TRUE(drain(fd, false, [] { return g_arp.size() >= 2; }, std::chrono::seconds(6)));
+    EXPECT_EQ(g_arp[1].type, 2u);
+    EXPECT_EQ(g_arp[1].addr(), ip("10.1.1.99"));
+    ARP_DeregEvent(fd);
+}
+
+TEST_F(AdjacencyEvents, NdSolicitationResolvesAScenarioHostAndTheSubscriberSeesIt) {
+    const int fd = ND_RegEvent(0, 0, on_nd);
+    ASSERT_GE(fd, 0);
+    wait_subscribers(6, 1);
+    NdIPv6Addr target{};
+    const auto host = ip6("2001:db8:1::3");
+    std::memcpy(&target, host.data(), 16);
+    EXPECT_EQ(ND_SendNS(kGe1, target), 0u);
+    ASSERT_TRUE(drain(fd, true, [] { return !g_nd.empty(); })) << sim.log();
+    const NdSeen& s = g_nd.front();
+    EXPECT_EQ(s.type, 0u);
+    EXPECT_EQ(s.rec.uiField0, kGe1);
+    EXPECT_EQ(std::memcmp(s.rec.aucAddr, host.data(), 16), 0);
+    const std::uint8_t mac[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x77};
+    EXPECT_EQ(std::memcmp(s.rec.aucField32, mac, 6), 0);
+    EXPECT_EQ(s.rec.uiField40, 1u);  // reachable
+    ND_DeregEvent(fd);
+}
+
 TEST_F(AdjacencyEvents, TwoSubscriberProcessesBothSeeEveryEvent) {
     Child first({NEIGH_SUBSCRIBER_PATH, "4", "1000"});
     Child second({NEIGH_SUBSCRIBER_PATH, "4", "1000"});
@@ -325,6 +403,7 @@ TEST_F(AdjacencyEvents, TwoSubscriberProcessesBothSeeEveryEvent) {
     ASSERT_EQ(line, "ready");
     ASSERT_TRUE(second.line(&line));
     ASSERT_EQ(line, "ready");
+    wait_subscribers(4, 2);
     ok({{"op", "neigh.burst"}, {"interface", kGe1}, {"first", "10.7.0.1"}, {"mac", "02:00:00:00:00:01"}, {"count", 1000}});
     ASSERT_TRUE(first.line(&line, std::chrono::seconds(10)));
     EXPECT_EQ(line, "seen 1000 distinct 1000");
