@@ -1,5 +1,5 @@
 // The kernel modules behind the device channel's CIOCTL call: the fuzzer's request bytes
-// sent to a module of the device (address, FIB, others) on a node, sync or async.
+// sent to a module of the device (address, FIB, ARP, ND, WLAN, others) on a node, sync or async.
 #include "common/device_proto.hpp"
 #include "common/wire.hpp"
 #include "sim_support.hpp"
@@ -7,7 +7,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static constexpr std::uint32_t kCommands[] = {0x260001, 0x380001, 0x380002, 0x380003, 0x380004, 0x380005,
                                                   0x380006, 0x380007, 0x380008, 0x380009, 0x38000A, 0x38000B,
-                                                  0x38000C, 0x140001, 0x110004, 0x5b0001, 0x150001};
+                                                  0x38000C, 0x140001, 0x140002, 0x140004, 0x110001, 0x110002,
+                                                  0x110004, 0x110005, 0x110013, 0x5b0001, 0x150001};
     FuzzedDataProvider in(data, size);
     std::vector<ipfuzz::simfuzz::Bytes> calls;
     while (calls.size() < 6 && in.remaining_bytes() > 0) {
