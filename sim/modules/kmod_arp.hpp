@@ -24,7 +24,9 @@
 //      14 VRF (16 bits), 16 owning node (16 bits), 18 MAC, 24 state (16 bits), 26 kind
 //      byte, 27 zero, 28 age in seconds, 32 refresh time (as at entry offset 28);
 //  - key A is an address in network order; key B is an interface index, big-endian
-//    (what word 1 of an entry holds), 0 meaning any interface. Sub-op 1 finds the entry of
+//    (what word 1 of an entry holds), 0 meaning any interface. The library carries key B
+//    of sub-ops 0, 1 and 9 as the caller gives it: a caller names an interface there in
+//    network order. Sub-op 1 finds the entry of
 //    the address on that interface (0: the lowest interface that has one); sub-op 7
 //    answers the entry after (key B, key A) in table order (interface, then address), the
 //    first when both are 0; sub-op 28 finds the address on any interface;

@@ -59,6 +59,8 @@ enum Op : std::uint32_t {
 
 // Operations 4 and 6 carry 28 bytes under a length word of 20.
 constexpr std::size_t kAddrIfLen = 28;
+// An NS request: header, interface, address.
+constexpr std::size_t kNsLen = kHeadLen + 4 + 16;
 constexpr std::uint32_t kAddrIfClaimed = 20;
 
 // The ND layer-3 interface types, in the order the library applies them.
@@ -315,16 +317,18 @@ private:
     std::uint32_t resolve() {
         const NeighAddr addr = read_addr(r_);
         const std::uint32_t ifindex = r_.be<std::uint32_t>();
-        if (!sends_on(ifindex)) return kFailure;
+        if (!sends_on(ifindex) || addr == NeighAddr{}) return kFailure;
         (void)solicit_on(ifindex, addr);
         return 0;
     }
 
     // Operation 8: {BE32 interface, address}; answers whether a host answered.
     std::uint32_t solicit() {
+        if (size_ != kNsLen) return kFailure;
         const std::uint32_t ifindex = r_.be<std::uint32_t>();
         const NeighAddr addr = read_addr(r_);
-        if (interface(ifindex) == nullptr) return kFailure;
+        // The unspecified address names no neighbour: nothing to solicit.
+        if (interface(ifindex) == nullptr || addr == NeighAddr{}) return kFailure;
         w_.be(std::uint32_t{solicit_on(ifindex, addr) ? 1u : 0u});
         return 0;
     }

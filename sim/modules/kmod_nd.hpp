@@ -71,8 +71,9 @@
 //    6  resolve {address, BE32 interface}: an NS; a scenario host behind the interface
 //       answers and its entry becomes reachable with the host's MAC, otherwise the entry
 //       stays incomplete and goes after a while;
-//    8  NS {BE32 interface, address}: as resolve, answered at once with BE32 1 when a host
-//       answered, else 0;
+//    8  NS {BE32 interface, address} (28 bytes): as resolve, answered at once with BE32 1
+//       when a host answered, else 0;
+//    The unspecified address :: is refused by 6 and 8 (0x40010001): it names no neighbour.
 //   12  specified packet {the 100-byte record}: its BE32 at record offset 48 is the
 //       interface; the record is kept as the interface's last specified packet.
 // Every operation of an unknown interface, of a wrong length, or unknown answers 0x40010001.

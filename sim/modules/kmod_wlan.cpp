@@ -66,7 +66,10 @@ std::uint32_t WlanModule::refresh(const Device& device, std::uint16_t node, std:
     e.ifindex = host_word<std::uint32_t>(request, 8);
     if (e.ifindex == 0 || device.interface(e.ifindex) == nullptr) return kFailure;
     std::memcpy(e.data.data(), request.data() + kEntryAt, WlanEntry::kLen);
-    table_[Key{node, e.ifindex, e.first}] = e;
+    const Key key{node, e.ifindex, e.first};
+    // A new client beyond kMaxEntries is refused; a known one is always refreshed.
+    if (table_.size() >= kMaxEntries && table_.count(key) == 0) return kFailure;
+    table_[key] = e;
     *count = 1;
     report({WlanChange::kRefresh, node, {e}});
     return 0;

@@ -20,7 +20,8 @@
 //  - entry: 200 bytes that belong to the owner and are kept and reported unchanged; the
 //    module reads only its 16-bit word at entry offset 22 (request offset 34, host order):
 //    the client's VLAN;
-//  - a refresh of a key already present replaces the entry and reports it again;
+//  - a refresh of a key already present replaces the entry and reports it again; a node
+//    keeps at most kMaxEntries (1,048,576) entries, a new one beyond that answers 0x40010001;
 //  - a delete of a key that is not present answers 0x40010001;
 //  - delete by interface: selector 0 removes every entry of the interface, any other
 //    selector the entries whose VLAN equals it; removing nothing still answers 0;
@@ -66,6 +67,7 @@ struct WlanChange {
 class WlanModule {
 public:
     static constexpr std::uint32_t kCommand = 0x150001;
+    static constexpr std::size_t kMaxEntries = 1u << 20;
     using Key = std::tuple<std::uint16_t, std::uint32_t, std::uint32_t>;  // node, interface, first word
     using Observer = std::function<void(const WlanChange&)>;
 

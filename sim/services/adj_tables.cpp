@@ -32,13 +32,17 @@ std::uint32_t SmoothTable::smooth_scope_of(std::span<const std::uint8_t> payload
     return read_scope(payload, shape_->smooth_scope);
 }
 
-std::optional<SmoothTable::Item> SmoothTable::refresh(std::span<const std::uint8_t> entry) {
-    Item fresh{std::vector<std::uint8_t>(entry.begin(), entry.end()), scope_of(entry), false};
-    auto [it, added] = items_.try_emplace(key_of(entry), fresh);
-    if (added) return std::nullopt;
-    Item before = std::move(it->second);
-    it->second = std::move(fresh);
-    return before;
+bool SmoothTable::refresh(std::span<const std::uint8_t> entry, std::optional<std::uint32_t> scope) {
+    Item fresh{std::vector<std::uint8_t>(entry.begin(), entry.end()), scope ? *scope : scope_of(entry), false};
+    Key key = key_of(entry);
+    const auto it = items_.find(key);
+    if (it != items_.end()) {
+        it->second = std::move(fresh);
+        return true;
+    }
+    if (items_.size() >= kMaxItems) return false;
+    items_.emplace(std::move(key), std::move(fresh));
+    return true;
 }
 
 std::optional<SmoothTable::Item> SmoothTable::remove(std::span<const std::uint8_t> entry) {

@@ -2,7 +2,10 @@
 // (OpenFlow entries, rules, VSI and VLAN suppression entries), with the refresh protocol:
 // a smooth start marks every entry of its scope stale, a refresh makes an entry fresh (adding
 // or replacing it), and the smooth end drops the entries of the scope that are still stale.
-// After the smooth end single refreshes and deletes change the table directly.
+// A smooth end without a smooth start of its scope drops nothing: the owner never announced
+// a full resend. After the smooth end single refreshes and deletes change the table
+// directly. A table holds at most kMaxItems entries; a refresh of a new key beyond that is
+// refused.
 //
 // Each table is described by a TableShape: where the key lies in an entry (the delete
 // messages place the key fields at the same offsets), where the scope lies in an entry and
@@ -43,6 +46,8 @@ public:
         bool stale = false;
     };
 
+    static constexpr std::size_t kMaxItems = 1u << 20;
+
     explicit SmoothTable(const TableShape& shape) : shape_(&shape) {}
 
     const TableShape& shape() const noexcept { return *shape_; }
@@ -51,8 +56,9 @@ public:
     std::uint32_t scope_of(std::span<const std::uint8_t> entry) const;
     std::uint32_t smooth_scope_of(std::span<const std::uint8_t> payload) const;
 
-    // Adds or replaces the entry; the previous one, if any.
-    std::optional<Item> refresh(std::span<const std::uint8_t> entry);
+    // Adds or replaces the entry, in its own scope or the one given; false when the table
+    // is full and the key is new.
+    bool refresh(std::span<const std::uint8_t> entry, std::optional<std::uint32_t> scope = std::nullopt);
     // Removes the entry with the key of `entry`; the removed one, if any.
     std::optional<Item> remove(std::span<const std::uint8_t> entry);
     // Smooth start and end of a scope; the end gives the entries it dropped.

@@ -203,10 +203,12 @@ private:
         Reader r(p.data(), p.size());
         switch (route.op) {
             case Op::kSubscribe: {
-                types_ = r.be<std::uint32_t>();
+                const auto types = r.be<std::uint32_t>();
                 (void)r.be<std::uint32_t>();
-                ifindex_ = r.be<std::uint32_t>();
+                const auto ifindex = r.be<std::uint32_t>();
                 if (!r.ok()) return;
+                types_ = types;
+                ifindex_ = ifindex;
                 subscribed_ = true;
                 state_.subscribers.insert(this);
                 return;
@@ -279,6 +281,7 @@ private:
         }
         if (!r.ok()) return;
         if (add) {
+            if (concerned_.size() >= kMaxConcerned) return;
             concerned_.insert({scope, addr});
         } else {
             concerned_.erase({scope, addr});
@@ -287,12 +290,13 @@ private:
 
     template <class Match>
     void replay(Match match) {
+        if (!subscribed_) return;
         flush();
         const std::uint8_t family = v6_ ? 10 : 2;
         ctx_.neighs.each(family, [&](const Neighbour& n) {
             if (match(n) && wants(kPresent, n, true)) queue(kPresent, n);
         });
-        queue_end();
+        if (types_ == 0 || (types_ >> kBatchEnd & 1u) != 0) queue_end();
         flush();
     }
 
@@ -308,7 +312,13 @@ private:
         for (std::size_t i = 0; i < n; ++i) {
             const auto e = p.subspan(i * len, len);
             if (route.op == Op::kRefresh) {
-                t.refresh(e);
+                // Rules belong to the owner that announced the resend on this connection.
+                const auto scope = route.table == kRules ? std::optional<std::uint32_t>(owned_scope(rule_owner_, t.scope_of(e)))
+                                                         : std::nullopt;
+                if (!t.refresh(e, scope)) {
+                    if (openflow) return status(kFailure);
+                    continue;
+                }
                 if (openflow) {
                     const Neighbour nb = openflow_neighbour(ctx_, v6_, e);
                     if (ctx_.device.interface(nb.ifindex) != nullptr) ctx_.neighs.put(nb);
@@ -322,7 +332,13 @@ private:
 
     void smooth(std::int8_t table, bool start, std::span<const std::uint8_t> p) {
         SmoothTable& t = state_.tables[static_cast<std::size_t>(table)];
-        const std::uint32_t scope = t.smooth_scope_of(p);
+        std::uint32_t scope = t.smooth_scope_of(p);
+        if (table == kRules) {
+            // [BE16 owner][class][0]: rules are bracketed by owner and class.
+            const auto owner = ipc::wire::View(p.data(), p.size()).be<std::uint16_t>(0).value_or(0);
+            if (start) rule_owner_ = owner;
+            scope = owned_scope(owner, scope);
+        }
         if (start) return t.smooth_start(scope);
         for (const auto& item : t.smooth_end(scope)) {
             if (table == kOpenFlow) drop_openflow_neighbour(item.entry);
@@ -350,16 +366,17 @@ private:
         send(w.bytes());
     }
 
-    void status(std::uint32_t value) {
-        std::uint8_t out[4];
-        Writer w(out);
-        w.be(value);
-        send(w.bytes());
-    }
+    void status(std::uint32_t value) { answer_word(ctx_, *this, value); }
+
+    // The scope of a rule: its owner and class.
+    static std::uint32_t owned_scope(std::uint16_t owner, std::uint32_t cls) { return std::uint32_t{owner} * 256u + cls; }
+
+    static constexpr std::size_t kMaxConcerned = 4096;
 
     Context& ctx_;
     bool v6_;
     AdjState& state_;
+    std::uint16_t rule_owner_ = 0;  // owner of the last rule resend announced here
     bool subscribed_ = false;
     std::uint32_t types_ = 0;
     std::uint32_t ifindex_ = 0;
@@ -378,10 +395,13 @@ void publish_neigh_change(Context& ctx, const NeighChange& change) {
     const std::uint32_t type = change.kind == NeighChange::kAdd      ? kAdded
                                : change.kind == NeighChange::kUpdate ? kChanged
                                                                      : kDeleted;
-    for (AdjConn* s : st.subscribers) {
-        if (!s->wants(type, change.entry, false)) continue;
+    // Copy: queueing may send a full datagram, and a subscriber whose send fails closes and
+    // leaves the set.
+    const std::vector<AdjConn*> subs(st.subscribers.begin(), st.subscribers.end());
+    for (AdjConn* s : subs) {
+        if (st.subscribers.count(s) == 0 || !s->wants(type, change.entry, false)) continue;
         s->queue(type, change.entry);
-        st.pending.insert(s);
+        if (st.subscribers.count(s) != 0) st.pending.insert(s);
     }
     // Changes of one round share datagrams; they go out once the round's work is done.
     if (st.flush_scheduled || st.pending.empty()) return;

@@ -35,7 +35,9 @@
 //     VLAN (0xFFFF: any);
 //   IPv4 98 (by VLAN): the VLAN id;
 //   IPv6 65 (by interface): word A the interface index.
-// Replays obey the subscription's filters but not the concerned addresses.
+// Replays obey the subscription's filters (the end record too) but not the concerned
+// addresses; a connection that has not subscribed gets no replay. A subscriber names at
+// most 4096 concerned addresses.
 //
 // Tables (every one device-wide; the refresh protocol of services/adj_tables.hpp):
 //   IPv4 OpenFlow entries (42 refresh, 43 delete, n x 40 bytes; 63/64 smooth, no payload):
@@ -50,8 +52,9 @@
 //     20 BE32 VRF index, 24 the MAC, 30 BE16 VLAN, 32 BE32 member port, 36 BE32 ageing
 //     time, 40-43 the owner's, 44 BE32 cookie. Also neighbours of kind OpenFlow.
 //   Rules (IPv4 30/31 52 bytes, 32/33 smooth; IPv6 15/16 64 bytes, 17/18 smooth): key the
-//     address, interface index and class; scope the class (IPv4 byte 29, IPv6 byte 41;
-//     smooth messages [BE16 owner][class][0]).
+//     address, interface index and class (IPv4 byte 29, IPv6 byte 41); scope the owner and
+//     the class (smooth messages [BE16 owner][class][0]): a rule belongs to the owner of the
+//     last smooth start sent on its connection (owner 0 before any).
 //   VSI suppression (IPv4 48/49 32 bytes, 50/51 smooth; IPv6 60/61 44 bytes, 62/63 smooth):
 //     key the VSI index (word 0) and the address (IPv4 bytes 8-11, IPv6 bytes 8-23); scope
 //     the class (IPv4 byte 28, IPv6 byte 40; smooth messages [class][3 zero bytes]).
@@ -61,6 +64,8 @@
 //   IPv4 type 0 with request code 152 (VLAN suppression query, VLAN at payload offset 14):
 //     answered with 16 bytes whose last word is 1 when a VLAN suppression entry has that
 //     VLAN, else 0.
+// Every table holds at most 1,048,576 entries; a refresh of a new entry beyond that is
+// dropped (an OpenFlow message is answered 0x40010001).
 // The control operation "adj.tables" {"family": 4|6} shows every table and its entries.
 #pragma once
 

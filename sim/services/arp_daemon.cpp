@@ -33,6 +33,8 @@ namespace sim {
 namespace {
 
 constexpr std::uint32_t kFailure = 0x40010001u;
+// Most EVI instances whose suppression is on.
+constexpr std::size_t kMaxSwitches = 65536;
 constexpr std::uint8_t kSwitchType = 0;
 constexpr std::uint8_t kEntryType = 1;
 constexpr std::size_t kSwitchLen = 24;
@@ -107,7 +109,14 @@ private:
         switch (code) {
             case kSetEvi:
                 if (instance == 0) return kFailure;
-                evi[instance] = on;
+                // A switch that is off is no entry; at most kMaxSwitches are on.
+                if (!on) {
+                    evi.erase(instance);
+                } else if (evi.size() < kMaxSwitches || evi.count(instance) != 0) {
+                    evi[instance] = true;
+                } else {
+                    return kFailure;
+                }
                 return 0;
             case kGetEvi: {
                 const auto it = evi.find(instance);
@@ -115,7 +124,11 @@ private:
             }
             case kSetOverlay:
                 if (ctx_.device.interface(ifindex) == nullptr) return kFailure;
-                overlay[ifindex] = on;
+                if (on) {
+                    overlay[ifindex] = true;
+                } else {
+                    overlay.erase(ifindex);
+                }
                 return 0;
             case kGetOverlay: {
                 const auto it = overlay.find(ifindex);
@@ -125,12 +138,7 @@ private:
         }
     }
 
-    void answer(std::uint32_t word) {
-        std::uint8_t out[4];
-        ipc::wire::store_be(out, word);
-        capture_lipc(ctx_, *this, "answer", out, {{"word", word}});
-        send(out);
-    }
+    void answer(std::uint32_t word) { answer_word(ctx_, *this, word); }
 
     Context& ctx_;
 };

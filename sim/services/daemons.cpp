@@ -120,4 +120,11 @@ void capture_lipc(Context& ctx, const Conn& conn, const char* dir, std::span<con
                        std::move(fields));
 }
 
+void answer_word(Context& ctx, Conn& conn, std::uint32_t word) {
+    std::uint8_t out[4];
+    ipc::wire::store_be(out, word);
+    capture_lipc(ctx, conn, "answer", out, {{"word", word}});
+    conn.send(out);
+}
+
 }  // namespace sim

@@ -18,6 +18,8 @@ namespace sim {
 namespace {
 
 constexpr std::uint32_t kFailure = 0x40010001u;
+// Most VSIs whose overlay suppression is on.
+constexpr std::size_t kMaxSwitches = 65536;
 constexpr std::size_t kPayloadLen = 180;
 constexpr std::uint8_t kSwitchType = 0;
 constexpr std::uint8_t kCodeSet = 26;
@@ -49,7 +51,14 @@ protected:
         auto& table = ctx_.nd.overlay_suppression;
         switch (code) {
             case kCodeSet:
-                table[vsi] = on;
+                // A switch that is off is no entry; at most kMaxSwitches are on.
+                if (!on) {
+                    table.erase(vsi);
+                } else if (table.size() < kMaxSwitches || table.count(vsi) != 0) {
+                    table[vsi] = true;
+                } else {
+                    return answer(kFailure);
+                }
                 return answer(0);
             case kCodeGet: {
                 const auto it = table.find(vsi);
@@ -60,12 +69,7 @@ protected:
     }
 
 private:
-    void answer(std::uint32_t word) {
-        std::uint8_t out[4];
-        ipc::wire::store_be(out, word);
-        capture_lipc(ctx_, *this, "answer", out, {{"word", word}});
-        send(out);
-    }
+    void answer(std::uint32_t word) { answer_word(ctx_, *this, word); }
 
     Context& ctx_;
 };

@@ -58,10 +58,7 @@ protected:
         }
         capture_lipc(ctx_, *this, "request", msg, {{"type", type}, {"request", what}, {"status", status}});
         if (reply_flag == kNoReply && r.ok()) return;
-        std::uint8_t out[4];
-        ipc::wire::store_be(out, status);
-        capture_lipc(ctx_, *this, "answer", out, {{"status", status}});
-        send(out);
+        answer_word(ctx_, *this, status);
     }
 
 private:
@@ -93,10 +90,9 @@ private:
         e.owner = peer_pid();
         if (action == 0) {
             ctx_.proen.disable(ProenTable::key_of(e));
-        } else {
-            ctx_.proen.enable(e);
+            return 0;
         }
-        return 0;
+        return ctx_.proen.enable(e) ? 0 : kFailure;
     }
 
     std::uint32_t smooth(std::uint32_t type, std::span<const std::uint8_t> payload) {

@@ -65,10 +65,16 @@ public:
 
     static Key key_of(const ProenEntry& e) { return {e.node, e.ifindex, e.protocol, e.match}; }
 
-    // Adds or takes over an entry; clears its mark.
-    void enable(ProenEntry e) {
+    static constexpr std::size_t kMaxEntries = 1u << 20;
+
+    // Adds or takes over an entry and clears its mark; false for a new entry beyond
+    // kMaxEntries (the request is then answered 0x40010001).
+    bool enable(ProenEntry e) {
         e.marked = false;
-        entries_[key_of(e)] = e;
+        const Key k = key_of(e);
+        if (entries_.size() >= kMaxEntries && entries_.count(k) == 0) return false;
+        entries_[k] = e;
+        return true;
     }
     // Removes an entry; false when there was none.
     bool disable(const Key& k) { return entries_.erase(k) != 0; }

@@ -46,4 +46,7 @@ void register_nd_errors(Context& ctx);
 void capture_lipc(Context& ctx, const Conn& conn, const char* dir, std::span<const std::uint8_t> bytes,
                   nlohmann::json fields);
 
+// Answers with one big-endian 32-bit word (a status or a switch's state), captured.
+void answer_word(Context& ctx, Conn& conn, std::uint32_t word);
+
 }  // namespace sim

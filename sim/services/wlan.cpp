@@ -5,7 +5,8 @@
 // [BE16 count][payload]:
 //   type 5, payload [BE32 selector][4 zero bytes]: subscribe. Selector 0 follows every entry
 //   of the node; any other selector only the entries of the interface with that index (the
-//   cleared event reaches every subscriber). A second subscription replaces the selector.
+//   cleared event reaches every subscriber of the node whose table was emptied). A second
+//   subscription replaces the selector.
 // Nothing is answered. Any other message closes the connection.
 //
 // To a subscriber, datagrams of at most 4096 bytes holding records back to back:

@@ -123,40 +123,47 @@ TEST_F(AdjacencyTables, ArpOpenFlowEntryIsANeighbourOfTheArpTable) {
     ARP_OpenFlowDisconnect(fd);
 }
 
-TEST_F(AdjacencyTables, ArpRulesSmoothResendDropsOnlyTheStaleRulesOfItsClass) {
-    const int fd = ARP_RuleConnect();
-    ASSERT_GE(fd, 0);
-    auto rule = [](int host, std::uint8_t cls) {
-        ARP_RULE_S r{};
-        r.uiAddr = ip(("10.1.1." + std::to_string(host)).c_str());
-        r.uiIfIndex = kGe1;
-        r.ucKind = 1;
-        r.ucClass = cls;
-        return r;
-    };
-    for (int h = 1; h <= 5; ++h) {
-        const ARP_RULE_S r = rule(h, 1);
-        EXPECT_EQ(ARP_RefreshRule(fd, &r), 0u);
-    }
-    const ARP_RULE_S other = rule(9, 2);
-    EXPECT_EQ(ARP_RefreshRule(fd, &other), 0u);
-    ASSERT_TRUE(tables_reach(4, [](const nlohmann::json& t) { return t["rules"].size() == 6; }));
+ARP_RULE_S arp_rule(int host, std::uint8_t cls) {
+    ARP_RULE_S r{};
+    r.uiAddr = ip(("10.1.1." + std::to_string(host)).c_str());
+    r.uiIfIndex = kGe1;
+    r.ucKind = 1;
+    r.ucClass = cls;
+    return r;
+}
 
-    EXPECT_EQ(ARP_RuleSmoothStart(fd, 1, 7), 0u);
-    for (int h : {2, 4, 5}) {
-        const ARP_RULE_S r = rule(h, 1);
+// An owner's full resend of its rules of one class: smooth start, the rules, smooth end.
+void resend_rules(int fd, std::uint8_t cls, std::uint16_t owner, const std::vector<int>& hosts) {
+    EXPECT_EQ(ARP_RuleSmoothStart(fd, cls, owner), 0u);
+    for (int h : hosts) {
+        const ARP_RULE_S r = arp_rule(h, cls);
         EXPECT_EQ(ARP_RefreshRule(fd, &r), 0u);
     }
-    EXPECT_EQ(ARP_RuleSmoothEnd(fd, 1, 7), 0u);
+    EXPECT_EQ(ARP_RuleSmoothEnd(fd, cls, owner), 0u);
+    ARP_OpenFlowVerify(fd);  // the service has applied everything sent on fd before it
+}
+
+TEST_F(AdjacencyTables, ArpRulesSmoothResendDropsOnlyTheStaleRulesOfItsOwnerAndClass) {
+    const int fd = ARP_RuleConnect();
+    const int other = ARP_RuleConnect();
+    ASSERT_GE(fd, 0);
+    ASSERT_GE(other, 0);
+    resend_rules(fd, 1, 7, {1, 2, 3, 4, 5});
+    const ARP_RULE_S steady = arp_rule(9, 2);  // a single refresh after the resend: owner 7's
+    EXPECT_EQ(ARP_RefreshRule(fd, &steady), 0u);
+    resend_rules(other, 1, 9, {20});            // another owner, the same class
     ARP_OpenFlowVerify(fd);
-    const auto t = tables(4);
-    std::set<std::uint32_t> want{ip("10.1.1.2"), ip("10.1.1.4"), ip("10.1.1.5"), ip("10.1.1.9")};
-    EXPECT_EQ(addrs_of(t["rules"], 0), want);
+    EXPECT_EQ(tables(4)["rules"].size(), 7u);
+
+    resend_rules(fd, 1, 7, {2, 4, 5});
+    const std::set<std::uint32_t> want{ip("10.1.1.2"), ip("10.1.1.4"), ip("10.1.1.5"), ip("10.1.1.9"), ip("10.1.1.20")};
+    EXPECT_EQ(addrs_of(tables(4)["rules"], 0), want);
 
     EXPECT_EQ(ARP_DeleteRule(fd, kGe1, ip("10.1.1.9"), 2), 0u);
     ARP_OpenFlowVerify(fd);
-    EXPECT_EQ(tables(4)["rules"].size(), 3u);
+    EXPECT_EQ(tables(4)["rules"].size(), 4u);
     ARP_RuleDisconnect(fd);
+    ARP_RuleDisconnect(other);
 }
 
 TEST_F(AdjacencyTables, ArpVsiAndVlanSuppressionEntriesAndTheVlanQuery) {
@@ -263,12 +270,13 @@ TEST_F(AdjacencyTables, NdRulesAndVsiSuppressionFollowTheirSmoothMessages) {
         EXPECT_EQ(ND_RefreshRule(fd, &r), 0u);
     }
     ASSERT_TRUE(tables_reach(6, [](const nlohmann::json& t) { return t["rules"].size() == 5; }));
-    EXPECT_EQ(ND_RuleSmoothStart(fd, 4, 1), 0u);
+    // Rules refreshed before any resend was announced belong to owner 0.
+    EXPECT_EQ(ND_RuleSmoothStart(fd, 4, 0), 0u);
     for (int h : {1, 2, 3}) {
         const NdRuleInfo r = rule(h, 4);
         EXPECT_EQ(ND_RefreshRule(fd, &r), 0u);
     }
-    EXPECT_EQ(ND_RuleSmoothEnd(fd, 4, 1), 0u);
+    EXPECT_EQ(ND_RuleSmoothEnd(fd, 4, 0), 0u);
     EXPECT_TRUE(tables_reach(6, [](const nlohmann::json& t) { return t["rules"].size() == 3; }));
 
     NdVsiSupInfo v{};
