@@ -185,10 +185,12 @@ TEST_F(ArpEventsConcurrency, ProcessingWhileOthersRegisterAndDeregisterDeliversE
     const std::uint32_t cycles_before = churn_cycles.load();
 
     // Processing: each thread waits on its own descriptor and processes it when readable,
-    // until all its events arrived or the time is up.
+    // until all its events arrived and the churn has moved on meanwhile (a loaded machine
+    // may run the processing before the churn threads get a turn), or the time is up.
     for (std::size_t i = 0; i < kSubs; ++i) {
         threads.emplace_back([&, i] {
-            while (g_tally[i].delivered.load() < kEventsPerSub && Clock::now() < deadline && !stop.load()) {
+            while ((g_tally[i].delivered.load() < kEventsPerSub || churn_cycles.load() <= cycles_before) &&
+                   Clock::now() < deadline && !stop.load()) {
                 pollfd p{fds[i], POLLIN, 0};
                 if (::poll(&p, 1, 50) <= 0) continue;
                 if (ARP_ProcEvent(fds[i]) != 0) proc_failures.fetch_add(1);
