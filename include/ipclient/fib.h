@@ -91,6 +91,9 @@ IPCLIENT_API void FIB_GetAlarmThresholdStat(uint16_t usSelector, uint64_t *pulTo
  * the file; 0x4001000B when the file cannot be opened, a line cannot be written or closing
  * fails; 0x40010001 when the header cannot be written, there is no node list, or a node's
  * dump cannot be opened or pulled. On failure the file is deleted.
+ * A dump service that keeps answering "more data" (0x40010009) with chunks that hold no
+ * entry is taken as failing after 1,024 such chunks in a row (0x40010001), so that no
+ * answer of the service holds the caller for ever.
  */
 IPCLIENT_API uint32_t FIB_SaveForwardingTable(const char *pcPath);
 

@@ -19,6 +19,8 @@ namespace {
 constexpr std::uint32_t kDumpRequestId = 0x640001;
 constexpr std::uint32_t kChunkCap = 8000;
 constexpr std::size_t kEntryRead = 48;
+// Chunks in a row without an entry after which a dump counts as failed.
+constexpr std::uint32_t kMaxEmptyPulls = 1024;
 constexpr std::size_t kLineMax = 512;
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 constexpr char kHeader[] = "[FIB Info]\r\n";
@@ -106,16 +108,22 @@ std::uint32_t fib_DumpNodeTable(std::uint16_t usNode, std::FILE* pFile) noexcept
     if (handle < 0) return IPSTATUS_FAILED;
     const ipc::DumpHandle owner(handle);
     std::uint8_t chunk[kChunkCap];
+    // A dump service that keeps answering "more data" without an entry would hold the walk
+    // for ever: after kMaxEmptyPulls such chunks in a row the pull counts as failed.
+    std::uint32_t empty = 0;
     for (;;) {
         std::uint32_t len = 0;
         const std::uint32_t pulled = DUMP_Pull(handle, sizeof chunk, chunk, &len);
         if (pulled != DUMP_MORE_DATA) return pulled == 0 ? IPSTATUS_OK : IPSTATUS_FAILED;
         len = std::min<std::uint32_t>(len, sizeof chunk);
-        if (len < 8) continue;
         std::uint32_t size = 0;
-        std::memcpy(&size, chunk + 4, sizeof size);  // host order
+        if (len >= 8) std::memcpy(&size, chunk + 4, sizeof size);  // host order
         const std::uint32_t count = size == 0 ? 0 : (len - 8) / size;
-        if (count == 0) continue;
+        if (count == 0) {
+            if (++empty >= kMaxEmptyPulls) return IPSTATUS_FAILED;
+            continue;
+        }
+        empty = 0;
         // Cleared once per chunk: a short entry overwrites only its own length.
         std::uint8_t rec[kEntryRead] = {};
         std::memset(rec + 24, 0xFF, 4);

@@ -613,6 +613,36 @@ TEST_F(DumpTest, PullFailingAtOnceDeletesTheFile) {
     EXPECT_EQ(ipp_dump_open_handles(), 0u);
 }
 
+TEST_F(DumpTest, ServiceAnsweringMoreDataWithoutEntriesForEverEndsTheWalkAsAFailedPull) {
+    one_node({});
+    ipp_dump_set_final(0x11, kDumpId, 0x40010009u);  // "more data", and nothing, from the start
+    EXPECT_EQ(save(), kFailed);
+    EXPECT_FALSE(exists(path_));
+    EXPECT_EQ(ipp_dump_open_handles(), 0u);
+}
+
+// Chunks too short to hold their header: no entry each.
+std::vector<Bytes> empty_chunks(int n) { return std::vector<Bytes>(static_cast<std::size_t>(n), Bytes(4, 0)); }
+
+TEST_F(DumpTest, FewerThan1024EmptyChunksInARowDoNotEndTheWalk) {
+    auto chunks = empty_chunks(1023);
+    chunks.push_back(chunk(48, {plain_route(1)}));
+    for (auto& c : empty_chunks(1023)) chunks.push_back(std::move(c));
+    chunks.push_back(chunk(48, {plain_route(2)}));
+    one_node(chunks);
+    EXPECT_EQ(save(), 0u);
+    EXPECT_EQ(read_file(path_), "[FIB Info]\r\n" + plain_line(1) + plain_line(2));
+}
+
+TEST_F(DumpTest, The1024thEmptyChunkInARowEndsTheWalkAsAFailedPull) {
+    auto chunks = empty_chunks(1024);
+    chunks.push_back(chunk(48, {plain_route(1)}));
+    one_node(chunks);
+    EXPECT_EQ(save(), kFailed);
+    EXPECT_FALSE(exists(path_));
+    EXPECT_EQ(ipp_dump_open_handles(), 0u);
+}
+
 // A file whose writes fail: a link to /dev/full in the test's directory (deleting it on
 // failure removes the link, never the device).
 class FullDeviceTest : public DumpTest {
