@@ -30,9 +30,18 @@ struct Sim {
     }
 };
 
+// The simulator, made anew every kFreshEvery exchanges: what the inputs leave in its tables
+// stays bounded over a long run, and later inputs meet a device as it starts too.
+constexpr std::uint64_t kFreshEvery = 20000;
+
 Sim& the_sim() {
-    static Sim s;
-    return s;
+    static std::unique_ptr<Sim> s;
+    static std::uint64_t exchanges = 0;
+    if (!s || ++exchanges % kFreshEvery == 0) {
+        s.reset();
+        s = std::make_unique<Sim>();
+    }
+    return *s;
 }
 
 // Rounds until the daemon has nothing left to do, reading what it sent to `fd` (if any).
