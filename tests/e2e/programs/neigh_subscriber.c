@@ -18,7 +18,8 @@ static unsigned g_distinct;
 static unsigned char g_mark[65536];
 
 static void count(const unsigned char *last_two) {
-    const unsigned k = (unsigned)last_two[0] * 256u + last_two[1];
+    uint16_t k; /* the two bytes as they lie: a key, not a number */
+    memcpy(&k, last_two, sizeof k);
     ++g_seen;
     if (!g_mark[k]) {
         g_mark[k] = 1;
