@@ -5,7 +5,7 @@
 //                 adds or changes an entry (family from the address);
 //   "neigh.del"   {"interface", "address"} removes one; {"removed": true|false};
 //   "neigh.burst" {"interface", "first": address, "count": n, "action": "add"|"del"} adds (or
-//                 removes) n entries whose address and MAC count up from the first, each
+//                 removes) n (at most 4,000,000) entries whose address and MAC count up from the first, each
 //                 one change of the table: the way to make a burst of events.
 #include <arpa/inet.h>
 
@@ -19,6 +19,9 @@
 
 namespace sim {
 namespace {
+
+// Most changes one burst makes (as many as one scenario line may stand for).
+constexpr std::uint32_t kMaxBurst = 4'000'000;
 
 std::uint32_t interface_of(const Context& ctx, const nlohmann::json& req) {
     if (!req.contains("interface")) throw std::invalid_argument("interface is missing");
@@ -94,6 +97,7 @@ void register_neigh_control(Context& ctx) {
     ctx.control.on("neigh.burst", [&ctx](const nlohmann::json& req) {
         Neighbour n = entry_of(ctx, req, "first");
         const auto count = req.at("count").get<std::uint32_t>();
+        if (count > kMaxBurst) throw std::invalid_argument("count is at most 4000000");
         const bool add = req.value("action", std::string("add")) == "add";
         const std::size_t at = n.family == 10 ? 12 : 0;
         const auto first = ipc::wire::load_be<std::uint32_t>(n.addr.data() + at);
