@@ -52,14 +52,11 @@ std::optional<std::string> runtime_library(std::string_view path) {
         at = end + 1;
         if (dir.empty()) continue;
         std::string candidate;
-        if (dir.front() == '/') {
-            candidate = std::string(dir);
-        } else if (exe_dir) {
-            candidate = *exe_dir + "/" + std::string(dir);
-        } else {
-            continue;
+        if (dir.front() != '/') {
+            if (!exe_dir) continue;
+            candidate.append(*exe_dir).append(1, '/');
         }
-        candidate += "/" + std::string(file);
+        candidate.append(dir).append(1, '/').append(file);
         std::array<char, PATH_MAX> resolved{};
         if (::realpath(candidate.c_str(), resolved.data()) != nullptr && ::access(resolved.data(), R_OK) == 0) {
             return std::string(resolved.data());

@@ -1,15 +1,19 @@
 #include "services/adj_tables.hpp"
 
+#include <algorithm>
+
 #include "common/wire.hpp"
 
 namespace sim {
 
 SmoothTable::Key SmoothTable::key_of(std::span<const std::uint8_t> entry) const {
-    Key k;
+    Key k{};
+    std::size_t at = 0;
     for (const ByteRange& r : shape_->key) {
         if (r.len == 0) continue;
-        if (std::size_t{r.off} + r.len > entry.size()) return {};
-        k.insert(k.end(), entry.begin() + r.off, entry.begin() + r.off + r.len);
+        if (std::size_t{r.off} + r.len > entry.size() || at + r.len > k.size()) return Key{};
+        std::copy_n(entry.begin() + r.off, r.len, k.begin() + static_cast<std::ptrdiff_t>(at));
+        at += r.len;
     }
     return k;
 }

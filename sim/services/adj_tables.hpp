@@ -39,7 +39,9 @@ struct TableShape {
 
 class SmoothTable {
 public:
-    using Key = std::vector<std::uint8_t>;
+    // The key fields one after the other, zero after them (a table's keys are all of one
+    // shape, at most 24 bytes).
+    using Key = std::array<std::uint8_t, 24>;
     struct Item {
         std::vector<std::uint8_t> entry;
         std::uint32_t scope = 0;

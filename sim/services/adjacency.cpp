@@ -153,20 +153,23 @@ public:
         return concerned_.count({0xFFFFFFFFu, n.addr}) != 0 || concerned_.count({n.vrf, n.addr}) != 0;
     }
 
-    // Adds a record to the datagram being filled; a full datagram goes out first.
+    // Queues one event record of an entry.
     void queue(std::uint32_t type, const Neighbour& n) {
-        if (out_.size() + record_len(v6_) > kDatagram) flush();
-        const std::size_t at = out_.size();
-        out_.resize(at + record_len(v6_));
-        Writer w(std::span<std::uint8_t>(out_.data() + at, record_len(v6_)));
+        std::uint8_t rec[kRecordHead + 64];
+        Writer w(std::span<std::uint8_t>(rec, record_len(v6_)));
         put_record(w, v6_, type, n);
+        append(w.bytes());
     }
     void queue_end() {
-        if (out_.size() + kRecordHead > kDatagram) flush();
-        const std::size_t at = out_.size();
-        out_.resize(at + kRecordHead);
-        Writer w(std::span<std::uint8_t>(out_.data() + at, kRecordHead));
+        std::uint8_t rec[kRecordHead];
+        Writer w(rec);
         w.be(static_cast<std::uint32_t>(kRecordHead)).be(static_cast<std::uint32_t>(kBatchEnd));
+        append(w.bytes());
+    }
+    // Adds a record to the datagram being filled; a full datagram goes out first.
+    void append(std::span<const std::uint8_t> rec) {
+        if (out_.size() + rec.size() > kDatagram) flush();
+        out_.insert(out_.end(), rec.begin(), rec.end());
     }
     void flush() {
         if (out_.empty()) return;

@@ -26,7 +26,9 @@ constexpr time_t kLimitSeconds = 2;
 std::string instance() {
     const char* env = std::getenv("IPCLIENT_INSTANCE");
     if (env != nullptr && *env != '\0') return env;
-    return "p" + std::to_string(::getpid());
+    std::string name(1, 'p');
+    name.append(std::to_string(::getpid()));
+    return name;
 }
 
 ipc::Fd connect_control() {
