@@ -180,20 +180,16 @@ public:
 
 protected:
     void message(std::span<const std::uint8_t> msg) override {
-        Reader r(msg.data(), msg.size());
-        const auto type = r.be<std::uint8_t>();
-        (void)r.be<std::uint8_t>();
-        const auto len = r.be<std::uint16_t>();
-        const auto count = r.be<std::uint16_t>();
-        const MsgRoute* route = r.ok() ? route_of(v6_, type) : nullptr;
-        if (!r.ok() || len != r.remaining() || route == nullptr) {
+        const auto m = read_adj_message(msg);
+        const MsgRoute* route = m ? route_of(v6_, m->type) : nullptr;
+        if (route == nullptr) {
             if (ctx_.capture.on()) capture_lipc(ctx_, *this, "request", msg, {{"error", "malformed or unknown"}});
-            SIM_LOG(kDebug, "adjacency service: dropped a message of type %u from pid %d", static_cast<unsigned>(type),
+            SIM_LOG(kDebug, "adjacency service: dropped a malformed or unknown message from pid %d",
                     static_cast<int>(peer_pid()));
             return;
         }
-        if (ctx_.capture.on()) capture_lipc(ctx_, *this, "request", msg, {{"type", type}});
-        handle(*route, count, r.rest());
+        if (ctx_.capture.on()) capture_lipc(ctx_, *this, "request", msg, {{"type", m->type}});
+        handle(*route, m->count, m->payload);
     }
 
     void closed() override {

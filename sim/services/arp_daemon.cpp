@@ -50,17 +50,15 @@ public:
 
 protected:
     void message(std::span<const std::uint8_t> msg) override {
-        ipc::wire::Reader r(msg.data(), msg.size());
-        const std::uint8_t type = r.be<std::uint8_t>();
-        (void)r.be<std::uint8_t>();  // reserved
-        const std::uint16_t len = r.be<std::uint16_t>();
-        (void)r.be<std::uint16_t>();  // count
-        const bool sized = (type == kSwitchType && len == kSwitchLen) || (type == kEntryType && len == kEntryLen);
-        if (!r.ok() || len != r.remaining() || !sized) {
+        const auto m = read_adj_message(msg);
+        const bool sized = m && ((m->type == kSwitchType && m->payload.size() == kSwitchLen) ||
+                                 (m->type == kEntryType && m->payload.size() == kEntryLen));
+        if (!sized) {
             capture_lipc(ctx_, *this, "request", msg, {{"error", "not an ARP daemon request"}});
             return answer(kFailure);
         }
-        const auto payload = r.rest();
+        const auto type = m->type;
+        const auto payload = m->payload;
         if (type == kEntryType) return answer(entry(msg, payload));
         answer(suppression(msg, payload));
     }

@@ -120,6 +120,18 @@ void capture_lipc(Context& ctx, const Conn& conn, const char* dir, std::span<con
                        std::move(fields));
 }
 
+std::optional<AdjMessage> read_adj_message(std::span<const std::uint8_t> msg) {
+    ipc::wire::Reader r(msg.data(), msg.size());
+    AdjMessage m;
+    m.type = r.be<std::uint8_t>();
+    (void)r.be<std::uint8_t>();  // reserved
+    const auto len = r.be<std::uint16_t>();
+    m.count = r.be<std::uint16_t>();
+    if (!r.ok() || len != r.remaining()) return std::nullopt;
+    m.payload = r.rest();
+    return m;
+}
+
 void answer_word(Context& ctx, Conn& conn, std::uint32_t word) {
     std::uint8_t out[4];
     ipc::wire::store_be(out, word);

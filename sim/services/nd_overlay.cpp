@@ -33,16 +33,12 @@ public:
 
 protected:
     void message(std::span<const std::uint8_t> msg) override {
-        ipc::wire::Reader r(msg.data(), msg.size());
-        const std::uint8_t type = r.be<std::uint8_t>();
-        (void)r.be<std::uint8_t>();  // reserved
-        const std::uint16_t len = r.be<std::uint16_t>();
-        (void)r.be<std::uint16_t>();  // count
-        if (!r.ok() || len != r.remaining() || type != kSwitchType || len != kPayloadLen) {
+        const auto m = read_adj_message(msg);
+        if (!m || m->type != kSwitchType || m->payload.size() != kPayloadLen) {
             capture_lipc(ctx_, *this, "request", msg, {{"error", "not an overlay suppression request"}});
             return answer(kFailure);
         }
-        const auto payload = r.rest();
+        const auto payload = m->payload;
         const std::uint8_t code = payload[0];
         const bool on = payload[1] == 1;
         const auto vsi = ipc::wire::load_be<std::uint32_t>(payload.data() + 8);

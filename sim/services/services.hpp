@@ -11,6 +11,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <sys/types.h>
 
 #include "context.hpp"
@@ -45,6 +46,17 @@ void register_nd_errors(Context& ctx);
 // Records a message of a family-37 channel in the capture.
 void capture_lipc(Context& ctx, const Conn& conn, const char* dir, std::span<const std::uint8_t> bytes,
                   nlohmann::json fields);
+
+// An adjacency message as the clients send it: [type][reserved][BE16 payload length]
+// [BE16 count][payload].
+struct AdjMessage {
+    std::uint8_t type = 0;
+    std::uint16_t count = 0;
+    std::span<const std::uint8_t> payload;
+};
+// The message, or nothing when its header is short or its length disagrees with the bytes
+// received.
+std::optional<AdjMessage> read_adj_message(std::span<const std::uint8_t> msg);
 
 // Answers with one big-endian 32-bit word (a status or a switch's state), captured.
 void answer_word(Context& ctx, Conn& conn, std::uint32_t word);

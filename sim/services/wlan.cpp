@@ -36,7 +36,6 @@ namespace sim {
 namespace {
 
 constexpr std::uint8_t kSubscribe = 5;
-constexpr std::size_t kMessageHead = 6;
 constexpr std::size_t kSubscribeLen = 8;
 constexpr std::size_t kDatagramMax = 4096;
 constexpr std::size_t kEntryRecordLen = 16 + WlanEntry::kLen;
@@ -73,15 +72,12 @@ public:
 protected:
     void message(std::span<const std::uint8_t> msg) override {
         capture_lipc(ctx_, *this, "request", msg, nullptr);
-        ipc::wire::Reader r(msg.data(), msg.size());
-        const auto type = r.be<std::uint8_t>();
-        (void)r.be<std::uint8_t>();  // reserved
-        const auto len = r.be<std::uint16_t>();
-        (void)r.be<std::uint16_t>();  // count
+        const auto m = read_adj_message(msg);
+        const auto payload = m ? m->payload : std::span<const std::uint8_t>{};
+        ipc::wire::Reader r(payload.data(), payload.size());
         const auto selector = r.be<std::uint32_t>();
         const auto zero = r.be<std::uint32_t>();
-        if (!r.ok() || type != kSubscribe || len != kSubscribeLen || msg.size() != kMessageHead + kSubscribeLen ||
-            zero != 0) {
+        if (!m || m->type != kSubscribe || m->payload.size() != kSubscribeLen || !r.ok() || zero != 0) {
             SIM_LOG(kWarn, "WLAN adjacency events: an unknown message from pid %d; closing",
                     static_cast<int>(peer_pid()));
             return close();
