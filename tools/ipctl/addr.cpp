@@ -1,0 +1,116 @@
+// ipctl addr: the IPv4 addresses of the interfaces.
+//
+//   ipctl addr show [dev IF]
+//   ipctl addr add ADDR/LEN dev IF [secondary]
+//   ipctl addr del ADDR/LEN dev IF [secondary]
+//   ipctl addr summary
+//
+// show walks the address module in interface order (IPAddr_GetFirstAddr/GetNextAddr over
+// every interface, or one); add and del go to the address configuration service as manual
+// addresses (IPCfg_AddManualAddr/DelManualAddr; "secondary" marks a sub address); summary
+// prints the device's IP summary text (IPAddr_GetIpSummary) as it stands.
+#include <string>
+
+#include "inet.hpp"
+#include "ipclient/ipaddr.h"
+#include "ipclient/ipcfg.h"
+#include "ipctl.hpp"
+
+namespace ipctl {
+
+namespace {
+
+// The address module's flag of a sub (secondary) address.
+constexpr std::uint32_t kFlagSub = 0x1;
+
+std::string method_name(std::uint32_t method) {
+    switch (method) {
+        case IPADDR_METHOD_MANUAL: return "manual";
+        case IPADDR_METHOD_DHCP: return "dhcp";
+        case IPADDR_METHOD_BOOTP: return "bootp";
+        case IPADDR_METHOD_MAD: return "mad";
+        default: {
+            char buf[16];
+            std::snprintf(buf, sizeof buf, "0x%x", method);
+            return buf;
+        }
+    }
+}
+
+void addr_show(Context& ctx, const CLI::App& verb, Words words) {
+    std::optional<std::string> dev;
+    while (!words.done()) {
+        if (words.next() == "dev") words.value_of("dev", &dev);
+        else words.unexpected();
+    }
+    const std::uint32_t ifindex = dev ? interface_index(verb, *dev) : IPADDR_ANY_IFINDEX;
+    IPAddrEntry e{};
+    std::uint32_t seen = 0;
+    for (std::uint32_t rc = IPAddr_GetFirstAddr(ifindex, 0, &e); rc == 0; rc = IPAddr_GetNextAddr(ifindex, 0, &e)) {
+        ctx.out->row(addr_record(e));
+        if (++seen > 10'000'000) break;  // a module that never ends its walk
+    }
+    ctx.out->flush();
+}
+
+void addr_change(const CLI::App& verb, Words words, bool add) {
+    const std::string text = words.next();
+    const auto prefix = parse_prefix4(text);
+    if (!prefix) usage_error(verb, "\"" + text + "\" is not an IPv4 address with a prefix length");
+    std::optional<std::string> dev;
+    bool secondary = false;
+    while (!words.done()) {
+        const std::string w = words.next();
+        if (w == "dev") words.value_of("dev", &dev);
+        else if (w == "secondary") secondary = true;
+        else words.unexpected();
+    }
+    if (!dev) usage_error(verb, "\"dev IF\" is required");
+    const std::uint32_t ifindex = interface_index(verb, *dev);
+    const std::uint32_t mask = length_mask(prefix->len);
+    const std::uint32_t fourth = secondary ? kFlagSub : 0;
+    const std::uint32_t rc = add ? IPCfg_AddManualAddr(ifindex, prefix->addr, mask, fourth)
+                                 : IPCfg_DelManualAddr(ifindex, prefix->addr, mask, fourth);
+    if (rc != 0) status_error((add ? "adding " : "deleting ") + text + " on " + *dev, rc);
+}
+
+void addr_summary(Context& ctx, Words words) {
+    words.expect_end();
+    char buf[4096] = {};
+    const std::uint32_t rc = IPAddr_GetIpSummary(sizeof buf, buf);
+    if (rc != 0) status_error("reading the IP summary", rc);
+    ctx.out->text("summary", buf);
+}
+
+}  // namespace
+
+Record addr_record(const IPAddrEntry& e) {
+    const IPAddrKey& k = e.stKey;
+    const unsigned len = mask_length(k.uiMask);
+    const std::string local = inet4_text(k.uiAddr);
+    const bool secondary = (e.uiFlag & kFlagSub) != 0;
+    Record r;
+    r.add("ifindex", k.uiIfIndex, std::to_string(k.uiIfIndex) + ":")
+        .add("ifname", interface_name(k.uiIfIndex), interface_name(k.uiIfIndex))
+        .json_only("family", "inet")
+        .add("local", local, local + "/" + std::to_string(len), "inet")
+        .json_only("prefixlen", len)
+        .add("vrf", k.usVrfIndex, std::to_string(k.usVrfIndex), "vrf")
+        .add("method", method_name(k.uiMethod), method_name(k.uiMethod))
+        .add("secondary", secondary, secondary ? "secondary" : "primary");
+    return r;
+}
+
+void add_addr(CLI::App& app, Context& ctx) {
+    CLI::App* object = add_object(app, "addr", "IPv4 addresses", "addr { show | add | del | summary } ...");
+    add_verb(object, "show", "the addresses of every interface, or of one", "addr show [dev IF]", ctx,
+             [&ctx](const CLI::App& verb, Words w) { addr_show(ctx, verb, std::move(w)); });
+    add_verb(object, "add", "adds a manual address", "addr add ADDR/LEN dev IF [secondary]", ctx,
+             [](const CLI::App& verb, Words w) { addr_change(verb, std::move(w), true); });
+    add_verb(object, "del", "deletes a manual address", "addr del ADDR/LEN dev IF [secondary]", ctx,
+             [](const CLI::App& verb, Words w) { addr_change(verb, std::move(w), false); });
+    add_verb(object, "summary", "the device's IP summary", "addr summary", ctx,
+             [&ctx](const CLI::App&, Words w) { addr_summary(ctx, std::move(w)); });
+}
+
+}  // namespace ipctl

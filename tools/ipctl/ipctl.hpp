@@ -1,0 +1,91 @@
+// ipctl: what every object of the tool shares.
+//
+// The tool is written on the library's exported C functions (include/ipclient/*.h) and,
+// for the names of nodes and interfaces that applications give and read, on the device's
+// directory (the platform's node and interface calls). Each object (device, addr, neigh,
+// route, stats, monitor, status) lives in its own file and registers its verbs with
+// add_<object>(); a verb sets the action that main() runs once the command line is parsed.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "print.hpp"
+
+namespace ipctl {
+
+// Exit codes: 0 done, 1 the library or the device refused (a status was printed), 2 the
+// command line was wrong (a usage line was printed).
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+// Thrown to end the command with an exit code; main() prints nothing more for it.
+struct Exit {
+    int code;
+};
+
+struct Context {
+    Printer* out = nullptr;
+    std::optional<std::uint16_t> node;  // -n: the node asked (and the node the tool runs as)
+    std::function<void()> action;        // the verb chosen on the command line
+};
+
+// "Error: <message>" and the verb's usage line on standard error, then exit 2.
+[[noreturn]] void usage_error(const CLI::App& verb, std::string_view message);
+// "ipctl: <what failed>: <status name> (0x........)" on standard error, then exit 1.
+[[noreturn]] void status_error(std::string_view what, std::uint32_t status);
+// "ipctl: <message>" on standard error, then exit 1.
+[[noreturn]] void failure(std::string_view message);
+
+// The words after a verb, read as ip reads them: keywords followed by their value
+// ("dev IF", "vrf NAME") and plain arguments.
+class Words {
+public:
+    Words(const CLI::App& verb, std::vector<std::string> words) : verb_(verb), words_(std::move(words)) {}
+    bool done() const noexcept { return at_ >= words_.size(); }
+    const std::string& peek() const { return words_[at_]; }
+    std::string next();
+    // The value after a keyword; a usage error when it is missing or given twice.
+    void value_of(std::string_view keyword, std::optional<std::string>* into);
+    [[noreturn]] void unexpected() const;
+    // A usage error when words are left.
+    void expect_end();
+
+private:
+    const CLI::App& verb_;
+    std::vector<std::string> words_;
+    std::size_t at_ = 0;
+};
+
+// Adds a verb to an object: its help, its usage (printed with usage errors and in the
+// help), and what it runs with the words that follow it.
+CLI::App* add_verb(CLI::App* object, const std::string& name, const std::string& help, const std::string& usage,
+                   Context& ctx, std::function<void(const CLI::App&, Words)> run);
+// An object's subcommand, which takes exactly one verb; usage lists its verbs.
+CLI::App* add_object(CLI::App& app, const std::string& name, const std::string& help, const std::string& usage);
+
+// Interfaces by full name or index (as the device's directory knows them).
+std::uint32_t interface_index(const CLI::App& verb, const std::string& name);
+std::string interface_name(std::uint32_t ifindex);
+
+// One printer per record type, for show and for monitor alike.
+Record addr_record(const struct IPAddrEntry& e);
+Record arp_record(const std::uint8_t* entry36);
+Record nd_record(const struct NdEntryInfo& e);
+
+void add_device(CLI::App& app, Context& ctx);
+void add_addr(CLI::App& app, Context& ctx);
+void add_neigh(CLI::App& app, Context& ctx);
+void add_route(CLI::App& app, Context& ctx);
+void add_stats(CLI::App& app, Context& ctx);
+void add_monitor(CLI::App& app, Context& ctx);
+void add_status(CLI::App& app, Context& ctx);
+
+}  // namespace ipctl

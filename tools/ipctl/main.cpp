@@ -1,0 +1,153 @@
+// ipctl: looks at and changes a device's IP state through the IP client library.
+//
+//   ipctl [-i|--instance NAME] [-n|--node N] [-j|--json] [-p|--pretty] OBJECT COMMAND [ARGS]
+//
+// The front end: global options, then one subcommand per object (device.cpp, addr.cpp,
+// neigh.cpp, route.cpp, stats.cpp, monitor.cpp, status.cpp). Exit status: 0 done, 1 the
+// library returned a status (printed with its name), 2 a usage error.
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "ipctl.hpp"
+#include "ipplat/platform.h"
+#include "status_names.hpp"
+
+namespace ipctl {
+
+void usage_error(const CLI::App& verb, std::string_view message) {
+    std::fprintf(stderr, "Error: %.*s\nUsage: ipctl [-i NAME] [-n N] [-j] [-p] %s\n", static_cast<int>(message.size()),
+                 message.data(), verb.get_footer().c_str());
+    throw Exit{kExitUsage};
+}
+
+void status_error(std::string_view what, std::uint32_t status) {
+    const std::string_view name = status_name(status);
+    std::fprintf(stderr, "ipctl: %.*s: %.*s (0x%08" PRIx32 ")\n", static_cast<int>(what.size()), what.data(),
+                 static_cast<int>(name.size()), name.data(), status);
+    throw Exit{kExitFailed};
+}
+
+void failure(std::string_view message) {
+    std::fprintf(stderr, "ipctl: %.*s\n", static_cast<int>(message.size()), message.data());
+    throw Exit{kExitFailed};
+}
+
+std::string Words::next() {
+    if (done()) usage_error(verb_, "an argument is missing");
+    return words_[at_++];
+}
+
+void Words::value_of(std::string_view keyword, std::optional<std::string>* into) {
+    if (into->has_value()) usage_error(verb_, "\"" + std::string(keyword) + "\" is given twice");
+    if (done()) usage_error(verb_, "\"" + std::string(keyword) + "\" needs a value");
+    *into = words_[at_++];
+}
+
+void Words::expect_end() {
+    if (done()) return;
+    ++at_;
+    unexpected();
+}
+
+void Words::unexpected() const { usage_error(verb_, "unexpected argument \"" + words_[at_ - 1] + "\""); }
+
+CLI::App* add_verb(CLI::App* object, const std::string& name, const std::string& help, const std::string& usage,
+                   Context& ctx, std::function<void(const CLI::App&, Words)> run) {
+    auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App* verb = object->add_subcommand(name, help);
+    verb->footer(usage);
+    verb->add_option("words", *words, "the verb's arguments")->expected(0, -1);
+    verb->callback([&ctx, verb, words, run = std::move(run)] {
+        ctx.action = [verb, words, run] { run(*verb, Words(*verb, *words)); };
+    });
+    return verb;
+}
+
+CLI::App* add_object(CLI::App& app, const std::string& name, const std::string& help, const std::string& usage) {
+    CLI::App* object = app.add_subcommand(name, help);
+    object->footer(usage);
+    object->require_subcommand(1, 1);
+    return object;
+}
+
+std::uint32_t interface_index(const CLI::App& verb, const std::string& name) {
+    std::uint32_t index = IF_GetIfIndexByFullName(name.c_str());
+    if (index == 0 && !name.empty() && name.find_first_not_of("0123456789") == std::string::npos) {
+        const unsigned long n = std::strtoul(name.c_str(), nullptr, 10);
+        if (n <= UINT32_MAX && IF_IsValidIfIndex(static_cast<std::uint32_t>(n)) != 0)
+            index = static_cast<std::uint32_t>(n);
+    }
+    if (index == 0) usage_error(verb, "no interface \"" + name + "\"");
+    return index;
+}
+
+std::string interface_name(std::uint32_t ifindex) {
+    char name[IF_NAME_SIZE] = {};
+    if (IF_GetDataByIfIndex(ifindex, IF_DATA_NAME, name) != 0) return "if" + std::to_string(ifindex);
+    name[IF_NAME_SIZE - 1] = '\0';
+    return name;
+}
+
+}  // namespace ipctl
+
+int main(int argc, char** argv) {
+    using namespace ipctl;
+    CLI::App app{"ipctl: looks at and changes a device's IP state through the IP client library"};
+    app.name("ipctl");
+    app.footer("OBJECT COMMAND [ARGS]; OBJECT := device | addr | neigh | route | stats | monitor | status");
+    std::string instance;
+    int node = -1;
+    bool json = false, pretty = false;
+    app.add_option("-i,--instance", instance, "the device (simulator instance) to talk to");
+    app.add_option("-n,--node", node, "the node to ask and to run as (1..32767)")->check(CLI::Range(1, 32767));
+    app.add_flag("-j,--json", json, "JSON output");
+    app.add_flag("-p,--pretty", pretty, "indented JSON output");
+    app.require_subcommand(1, 1);
+
+    Printer printer(false, false);
+    Context ctx;
+    ctx.out = &printer;
+    add_device(app, ctx);
+    add_addr(app, ctx);
+    add_neigh(app, ctx);
+    add_route(app, ctx);
+    add_stats(app, ctx);
+    add_monitor(app, ctx);
+    add_status(app, ctx);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        // The usage line of the deepest object or verb that was recognised.
+        const CLI::App* at = &app;
+        for (std::vector<CLI::App*> subs = app.get_subcommands(); !subs.empty(); subs = at->get_subcommands())
+            at = subs.front();
+        std::fprintf(stderr, "Error: %s\nUsage: ipctl [-i NAME] [-n N] [-j] [-p] %s\n", e.what(),
+                     at->get_footer().c_str());
+        return kExitUsage;
+    }
+    // The platform reads the instance and the node when the first call reaches the device.
+    if (!instance.empty()) ::setenv("IPCLIENT_INSTANCE", instance.c_str(), 1);
+    if (node > 0) {
+        ::setenv("IPCLIENT_NODE", std::to_string(node).c_str(), 1);
+        ctx.node = static_cast<std::uint16_t>(node);
+    }
+    printer = Printer(json || pretty, pretty);
+    try {
+        if (ctx.action) ctx.action();
+        return kExitOk;
+    } catch (const Exit& e) {
+        return e.code;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "ipctl: %s\n", e.what());
+        return kExitFailed;
+    }
+}

@@ -1,0 +1,223 @@
+// ipctl monitor: prints events as they arrive, each stamped, until interrupted.
+//
+//   ipctl monitor [addr|arp|nd|wlan|all]... [--count N]
+//
+// Subscribes to the address events (IPAddr_RegisterEvent), the ARP and ND events of the
+// adjacency services (ARP_RegEvent, ND_RegEvent) and the WLAN adjacency events
+// (WADJ4_RegEvent), waits on their descriptors and lets the library deliver what arrives
+// (IPAddr_HandleEvent, ARP_ProcEvent, ND_ProcEvent, WADJ4_ProcEvent). Records print with the
+// same printers as show. Once every subscription stands, "monitoring ..." goes to standard
+// error. SIGINT or SIGTERM ends it (exit 0); so does --count N after N events.
+//
+// Event records as the services deliver them to the callbacks (host order): ARP entry
+// 0 interface index, 4 the address (network order), 16 VLAN, 20 MAC, 28 state, 32 kind;
+// the VRF is the callback's third argument. ND record: uiField0 interface index, aucAddr,
+// usField28 VLAN, usField30 VRF, aucField32 MAC, uiField40 state, uiField44 kind. WLAN
+// entry: the first word (host order), then the interface index (big-endian).
+#include <poll.h>
+#include <signal.h>
+#include <time.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/wire.hpp"
+#include "inet.hpp"
+#include "ipclient/adj.h"
+#include "ipclient/arp.h"
+#include "ipclient/ipaddr.h"
+#include "ipclient/nd.h"
+#include "ipctl.hpp"
+
+namespace ipctl {
+
+namespace {
+
+Printer* g_out = nullptr;
+std::uint64_t g_events = 0;
+volatile sig_atomic_t g_stop = 0;
+
+void on_signal(int) { g_stop = 1; }
+
+std::string stamp() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    tm t{};
+    ::gmtime_r(&ts.tv_sec, &t);
+    char buf[40];
+    const std::size_t n = std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &t);
+    std::snprintf(buf + n, sizeof buf - n, ".%06ldZ", ts.tv_nsec / 1000);
+    return buf;
+}
+
+template <class U>
+U host_at(const void* p, std::size_t off) {
+    U v;
+    std::memcpy(&v, static_cast<const std::uint8_t*>(p) + off, sizeof v);
+    return v;
+}
+
+const char* neigh_event(std::uint32_t type) {
+    switch (type) {
+        case 0: return "add";
+        case 1: return "change";
+        case 2: return "delete";
+        case 3: return "present";
+        case 4: return "end-of-replay";
+        default: return "other";
+    }
+}
+
+void emit(std::string_view tag, const char* event, std::uint32_t type, Record body) {
+    Record r;
+    r.add("event", event, event).json_only("type", type);
+    for (const Record::Field& f : body.fields()) {
+        if (f.in_text) r.add(f.key, f.value, f.text, f.label);
+        else r.json_only(f.key, f.value);
+    }
+    g_out->event(stamp(), tag, r);
+    ++g_events;
+}
+
+std::uint32_t on_addr(std::uint32_t event, IPAddrEntry* e, std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t) {
+    const char* name = event == 1 ? "add" : event == 2 ? "delete" : event == 3 ? "modify" : "other";
+    emit("addr", name, event, addr_record(*e));
+    return 0;
+}
+
+std::uint32_t on_arp(std::uint32_t type, void* entry, std::uint16_t vrf) {
+    if (type == 4) {
+        emit("arp", neigh_event(type), type, Record{});
+        return 0;
+    }
+    // The arp_record printer reads the module's entry layout; build that layout's fields here.
+    std::uint8_t as_table[36] = {};
+    const std::uint32_t ifindex = host_at<std::uint32_t>(entry, 0);
+    std::memcpy(as_table, static_cast<const std::uint8_t*>(entry) + 4, 4);
+    ipc::wire::store_be(as_table + 4, ifindex);
+    std::memcpy(as_table + 16, static_cast<const std::uint8_t*>(entry) + 20, 6);
+    ipc::wire::store_be(as_table + 22, host_at<std::uint16_t>(entry, 16));
+    ipc::wire::store_be(as_table + 24, vrf);
+    as_table[26] = static_cast<std::uint8_t>(host_at<std::uint32_t>(entry, 28));
+    as_table[27] = static_cast<std::uint8_t>(host_at<std::uint32_t>(entry, 32));
+    emit("arp", neigh_event(type), type, arp_record(as_table));
+    return 0;
+}
+
+std::uint32_t on_nd(std::uint32_t type, NdEventRecord* rec) {
+    if (type == 4) {
+        emit("nd", neigh_event(type), type, Record{});
+        return 0;
+    }
+    NdEntryInfo e{};
+    std::memcpy(e.aucAddr, rec->aucAddr, sizeof e.aucAddr);
+    e.uiIfIndex = rec->uiField0;
+    e.uiWord24 = rec->usField30;
+    e.usHalf28 = rec->usField28;
+    std::memcpy(e.aucLinkAddr, rec->aucField32, sizeof e.aucLinkAddr);
+    e.ucState = static_cast<std::uint8_t>(rec->uiField40);
+    e.ucKind = static_cast<std::uint8_t>(rec->uiField44);
+    emit("nd", neigh_event(type), type, nd_record(e));
+    return 0;
+}
+
+std::uint32_t on_wlan(std::uint32_t type, void* entry) {
+    Record r;
+    if (entry != nullptr) {
+        const std::uint32_t first = host_at<std::uint32_t>(entry, 0);
+        const std::uint32_t ifindex = ipc::wire::load_be<std::uint32_t>(static_cast<const std::uint8_t*>(entry) + 4);
+        r.add("first", first, std::to_string(first), "first")
+            .json_only("ifindex", ifindex)
+            .add("dev", interface_name(ifindex), interface_name(ifindex), "dev");
+    }
+    const char* name = type == 0 ? "refresh" : type == 1 ? "delete" : type == 2 ? "clear" : "other";
+    emit("wlan", name, type, std::move(r));
+    return 0;
+}
+
+struct Source {
+    const char* name;
+    int fd;
+    void (*drain)(int fd);
+    void (*close)(int fd);
+};
+
+void monitor(Context& ctx, const CLI::App& verb, Words words, std::uint64_t count) {
+    bool addr = false, arp = false, nd = false, wlan = false;
+    while (!words.done()) {
+        const std::string w = words.next();
+        if (w == "addr") addr = true;
+        else if (w == "arp") arp = true;
+        else if (w == "nd") nd = true;
+        else if (w == "wlan") wlan = true;
+        else if (w == "all") addr = arp = nd = wlan = true;
+        else words.unexpected();
+    }
+    if (!addr && !arp && !nd && !wlan) addr = arp = nd = wlan = true;
+    g_out = ctx.out;
+
+    std::vector<Source> sources;
+    auto closer = [&sources] {
+        for (const Source& s : sources) s.close(s.fd);
+    };
+    struct Closer {
+        std::function<void()> f;
+        ~Closer() { f(); }
+    } at_end{closer};
+    if (addr) {
+        const int fd = IPAddr_RegisterEvent(0, 0, 0, 0, on_addr);
+        if (fd < 0) failure("subscribing to address events: the address service does not answer");
+        sources.push_back({"addr", fd, [](int f) { (void)IPAddr_HandleEvent(f); }, [](int f) { IPAddr_DeregisterEvent(f); }});
+    }
+    if (arp) {
+        const int fd = ARP_RegEvent(0, 0, on_arp);
+        if (fd < 0) failure("subscribing to ARP events: the IPv4 adjacency service does not answer");
+        sources.push_back({"arp", fd, [](int f) { (void)ARP_ProcEvent(f); }, [](int f) { ARP_DeregEvent(f); }});
+    }
+    if (nd) {
+        const int fd = ND_RegEvent(0, 0, on_nd);
+        if (fd < 0) failure("subscribing to ND events: the IPv6 adjacency service does not answer");
+        sources.push_back({"nd", fd, [](int f) { (void)ND_ProcEvent(static_cast<std::uint32_t>(f)); },
+                           [](int f) { ND_DeregEvent(f); }});
+    }
+    if (wlan) {
+        const int fd = WADJ4_RegEvent(0, on_wlan);
+        if (fd < 0) failure("subscribing to WLAN events: the WLAN adjacency service does not answer");
+        sources.push_back({"wlan", fd, [](int f) { (void)WADJ4_ProcEvent(f); }, [](int f) { WADJ4_DeregEvent(f); }});
+    }
+    struct sigaction sa {};
+    sa.sa_handler = on_signal;
+    ::sigaction(SIGINT, &sa, nullptr);
+    ::sigaction(SIGTERM, &sa, nullptr);
+    std::string names;
+    for (const Source& s : sources) names += std::string(" ") + s.name;
+    std::fprintf(stderr, "monitoring%s\n", names.c_str());
+    std::fflush(stderr);
+
+    std::vector<pollfd> fds;
+    for (const Source& s : sources) fds.push_back({s.fd, POLLIN, 0});
+    while (g_stop == 0 && (count == 0 || g_events < count)) {
+        const int n = ::poll(fds.data(), fds.size(), 200);
+        if (n <= 0) continue;
+        for (std::size_t i = 0; i < fds.size(); ++i) {
+            if ((fds[i].revents & (POLLHUP | POLLERR)) != 0 && (fds[i].revents & POLLIN) == 0)
+                failure(std::string("the ") + sources[i].name + " events channel closed");
+            if ((fds[i].revents & POLLIN) != 0) sources[i].drain(sources[i].fd);
+        }
+    }
+    (void)verb;
+}
+
+}  // namespace
+
+void add_monitor(CLI::App& app, Context& ctx) {
+    auto count = std::make_shared<std::uint64_t>(0);
+    CLI::App* verb = add_verb(&app, "monitor", "prints events as they arrive, each stamped",
+                              "monitor [addr|arp|nd|wlan|all]... [--count N]", ctx,
+                              [&ctx, count](const CLI::App& v, Words w) { monitor(ctx, v, std::move(w), *count); });
+    verb->add_option("--count", *count, "end after this many events");
+}
+
+}  // namespace ipctl

@@ -1,0 +1,205 @@
+// ipctl neigh: the ARP and IPv6 neighbour (ND) tables.
+//
+//   ipctl neigh show [-4|-6] [dev IF]
+//   ipctl neigh resolve ADDR dev IF
+//
+// show walks the ARP table (ARP_GetFirstEntry/GetNextEntry) and the ND table
+// (ND_GetNextEntryInfo from the all-zero key), one entry a call, with a progress line on a
+// terminal; resolve sends an ARP request (ARP_Request) or starts ND resolution
+// (ND_Resolve) on the interface, then prints the entry as the table then holds it.
+//
+// The ARP walk returns the module's 36-byte entry as it travelled (big-endian words): 0 the
+// address, 4 interface index, 12 age in seconds, 16 MAC, 22 VLAN, 24 VRF, 26 state byte,
+// 27 kind byte; ARP_GetConf's block gives the table's size at 8 (the total of the progress).
+#include <time.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "common/wire.hpp"
+#include "inet.hpp"
+#include "ipclient/arp.h"
+#include "ipclient/nd.h"
+#include "ipctl.hpp"
+#include "progress.hpp"
+
+namespace ipctl {
+
+namespace {
+
+using ipc::wire::load_be;
+
+const char* state_name(unsigned state) {
+    switch (state) {
+        case 0: return "incomplete";
+        case 1: return "reachable";
+        case 2: return "stale";
+        case 3: return "delay";
+        case 4: return "probe";
+        default: return "unknown";
+    }
+}
+
+const char* kind_name(unsigned kind) {
+    switch (kind) {
+        case 1: return "dynamic";
+        case 2: return "static";
+        case 4: return "openflow";
+        case 8: return "rule";
+        case 10: return "authorized";
+        case ND_KIND_INVALID: return "invalid";
+        default: return "other";
+    }
+}
+
+Record neighbour(const char* family, const std::string& dst, std::uint32_t ifindex, const std::uint8_t* mac,
+                 unsigned state, unsigned kind, unsigned vlan, unsigned vrf) {
+    const std::string lladdr = mac_text(mac);
+    Record r;
+    r.add("dst", dst, dst)
+        .json_only("family", family)
+        .json_only("ifindex", ifindex)
+        .add("dev", interface_name(ifindex), interface_name(ifindex), "dev")
+        .add("lladdr", lladdr, lladdr, "lladdr")
+        .add("state", state_name(state), state_name(state))
+        .add("kind", kind_name(kind), kind_name(kind))
+        .add("vlan", vlan, std::to_string(vlan), "vlan")
+        .add("vrf", vrf, std::to_string(vrf), "vrf");
+    return r;
+}
+
+template <class U>
+U host_at(const std::uint8_t* p) {
+    U v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+void pause_50ms() {
+    const timespec pause{0, 50'000'000};
+    ::nanosleep(&pause, nullptr);
+}
+
+std::uint64_t arp_table_size() {
+    std::uint8_t conf[ARP_CONF_LEN] = {};
+    if (ARP_GetConf(sizeof conf, conf) != 0) return 0;
+    return load_be<std::uint32_t>(conf + 8);
+}
+
+void walk_arp(Context& ctx, std::uint32_t ifindex) {
+    const std::uint64_t size = arp_table_size();
+    Progress progress("entries", size > 0 ? std::optional<std::uint64_t>(size) : std::nullopt);
+    ARP_ENTRY_S e{};
+    std::uint64_t done = 0;
+    for (std::uint32_t rc = ARP_GetFirstEntry(&e); rc == 0; rc = ARP_GetNextEntry(&e)) {
+        progress.update(++done);
+        if (ifindex == 0 || load_be<std::uint32_t>(e.aucData + 4) == ifindex) ctx.out->row(arp_record(e.aucData));
+        if (done > 100'000'000) break;  // a module that never ends its walk
+    }
+    progress.finish();
+}
+
+void walk_nd(Context& ctx, std::uint32_t ifindex) {
+    Progress progress("entries", std::nullopt);
+    NdEntryInfo e{};
+    std::uint64_t done = 0;
+    while (ND_GetNextEntryInfo(0, &e) == 0) {
+        progress.update(++done);
+        if (ifindex == 0 || e.uiIfIndex == ifindex) ctx.out->row(nd_record(e));
+        if (done > 100'000'000) break;
+    }
+    progress.finish();
+}
+
+void neigh_show(Context& ctx, const CLI::App& verb, Words words, bool v4, bool v6) {
+    std::optional<std::string> dev;
+    while (!words.done()) {
+        if (words.next() == "dev") words.value_of("dev", &dev);
+        else words.unexpected();
+    }
+    if (!v4 && !v6) v4 = v6 = true;
+    const std::uint32_t ifindex = dev ? interface_index(verb, *dev) : 0;
+    if (v4) walk_arp(ctx, ifindex);
+    if (v6) walk_nd(ctx, ifindex);
+    ctx.out->flush();
+}
+
+void neigh_resolve(Context& ctx, const CLI::App& verb, Words words) {
+    const std::string target = words.next();
+    std::optional<std::string> dev;
+    while (!words.done()) {
+        if (words.next() == "dev") words.value_of("dev", &dev);
+        else words.unexpected();
+    }
+    if (!dev) usage_error(verb, "\"dev IF\" is required");
+    const std::uint32_t ifindex = interface_index(verb, *dev);
+    if (const auto a4 = parse_inet4(target)) {
+        const std::uint32_t rc = ARP_Request(ifindex, 0, *a4, nullptr);
+        if (rc != 0) status_error("resolving " + target + " on " + *dev, rc);
+        // The answer comes as the table changes: the entry, once it left the incomplete
+        // state or after a second. This reader converts the words of the entry by address:
+        // 4 interface, 12 VLAN, 14 VRF, 18 MAC, 24 state (16 bits), 26 kind byte.
+        std::optional<Record> found;
+        for (int i = 0; i < 20; ++i) {
+            ARP_ENTRY_S e{};
+            if (ARP_GetEntryByIP(*a4, &e) == 0) {
+                const std::uint8_t* d = e.aucData;
+                const unsigned state = host_at<std::uint16_t>(d + 24);
+                found = neighbour("inet", target, host_at<std::uint32_t>(d + 4), d + 18, state, d[26],
+                                  host_at<std::uint16_t>(d + 12), host_at<std::uint16_t>(d + 14));
+                if (state != 0) break;
+            }
+            pause_50ms();
+        }
+        if (found) ctx.out->row(std::move(*found));
+    } else if (const auto a6 = parse_inet6(target)) {
+        NdIPv6Addr addr{};
+        std::memcpy(&addr, a6->data(), sizeof addr);
+        const std::uint32_t rc = ND_Resolve(addr, ifindex);
+        if (rc != 0) status_error("resolving " + target + " on " + *dev, rc);
+        std::optional<Record> found;
+        for (int i = 0; i < 20; ++i) {
+            NdEntryInfo e{};
+            if (ND_GetEntryInfo(ND_ENTRY_CMD_EXACT, 0, ifindex, a6->data(), &e) == 0) {
+                found = nd_record(e);
+                if (e.ucState != ND_STATE_INCOMPLETE) break;
+            }
+            pause_50ms();
+        }
+        if (found) ctx.out->row(std::move(*found));
+    } else {
+        usage_error(verb, "\"" + target + "\" is not an IPv4 or IPv6 address");
+    }
+    ctx.out->flush();
+}
+
+}  // namespace
+
+Record arp_record(const std::uint8_t* entry) {
+    std::uint32_t addr;
+    std::memcpy(&addr, entry, sizeof addr);
+    return neighbour("inet", inet4_text(addr), load_be<std::uint32_t>(entry + 4), entry + 16, entry[26], entry[27],
+                     load_be<std::uint16_t>(entry + 22), load_be<std::uint16_t>(entry + 24));
+}
+
+Record nd_record(const NdEntryInfo& e) {
+    return neighbour("inet6", inet6_text(e.aucAddr), e.uiIfIndex, e.aucLinkAddr, e.ucState, e.ucKind, e.usHalf28,
+                     e.uiWord24);
+}
+
+void add_neigh(CLI::App& app, Context& ctx) {
+    CLI::App* object = add_object(app, "neigh", "ARP and IPv6 neighbour entries", "neigh { show | resolve } ...");
+    auto v4 = std::make_shared<bool>(false);
+    auto v6 = std::make_shared<bool>(false);
+    CLI::App* show = add_verb(object, "show", "the neighbour tables", "neigh show [-4|-6] [dev IF]", ctx,
+                              [&ctx, v4, v6](const CLI::App& verb, Words w) {
+                                  neigh_show(ctx, verb, std::move(w), *v4, *v6);
+                              });
+    CLI::Option* o4 = show->add_flag("-4", *v4, "ARP entries only");
+    show->add_flag("-6", *v6, "ND entries only")->excludes(o4);
+    add_verb(object, "resolve", "resolves a neighbour on an interface", "neigh resolve ADDR dev IF", ctx,
+             [&ctx](const CLI::App& verb, Words w) { neigh_resolve(ctx, verb, std::move(w)); });
+}
+
+}  // namespace ipctl

@@ -1,0 +1,319 @@
+// ipctl route: the forwarding tables.
+//
+//   ipctl route show [-4|-6] [vrf NAME] [PREFIX]
+//   ipctl route get ADDR
+//   ipctl route save FILE
+//
+// The IPv4 table of every running node is read as the device writes it out
+// (FIB_SaveForwardingTable into a file of the tool's own, removed afterwards), one route a
+// line; "vrf NAME" and PREFIX narrow the lines. IPv6 routes are found by prefix
+// (FIB6_SearchInfo), so -6 needs a PREFIX. get finds the longest prefix that holds the
+// address, searching from the host route down to the default route. save writes the
+// device's file itself, with a progress line on a terminal.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "inet.hpp"
+#include "ipclient/fib.h"
+#include "ipctl.hpp"
+#include "progress.hpp"
+
+namespace ipctl {
+
+namespace {
+
+// A route line of the device's file: "{chassis, slot, cpu}, {vpn, dest/len} -> {next hop,
+// tunnel, label}, {next-hop MAC, interface MAC, vlan/port, interface}".
+struct RouteLine {
+    std::vector<std::string> node, where, via, link;
+};
+
+std::vector<std::string> split_group(const std::string& line, std::size_t* at) {
+    std::vector<std::string> out;
+    const std::size_t open = line.find('{', *at);
+    const std::size_t close = open == std::string::npos ? open : line.find('}', open);
+    if (close == std::string::npos) return out;
+    const std::string group = line.substr(open + 1, close - open - 1);
+    *at = close + 1;
+    std::size_t from = 0;
+    for (;;) {
+        const std::size_t comma = group.find(", ", from);
+        out.push_back(group.substr(from, comma - from));
+        if (comma == std::string::npos) break;
+        from = comma + 2;
+    }
+    return out;
+}
+
+std::optional<RouteLine> parse_line(std::string line) {
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    std::size_t at = 0;
+    RouteLine r{split_group(line, &at), split_group(line, &at), split_group(line, &at), split_group(line, &at)};
+    if (r.node.size() != 3 || r.where.size() != 2 || r.via.size() != 3 || r.link.size() != 4) return std::nullopt;
+    return r;
+}
+
+unsigned to_unsigned(const std::string& s) { return static_cast<unsigned>(std::strtoul(s.c_str(), nullptr, 10)); }
+
+Record line_record(const RouteLine& l) {
+    const std::string& vlan_port = l.link[2];
+    const std::size_t slash = vlan_port.find('/');
+    Record r;
+    r.add("dst", l.where[1], l.where[1])
+        .add("vrf", l.where[0], l.where[0], "vrf")
+        .add("gateway", l.via[0], l.via[0], "via")
+        .add("dev", l.link[3], l.link[3], "dev")
+        .add("chassis", to_unsigned(l.node[0]), l.node[0] + "/" + l.node[1] + "/" + l.node[2], "node")
+        .json_only("slot", to_unsigned(l.node[1]))
+        .json_only("cpu", to_unsigned(l.node[2]))
+        .add("tunnel", l.via[1], l.via[1], "tunnel")
+        .add("label", l.via[2], l.via[2], "label")
+        .json_only("gateway_mac", l.link[0])
+        .json_only("dev_mac", l.link[1])
+        .json_only("vlan", to_unsigned(vlan_port.substr(0, slash)))
+        .json_only("port", to_unsigned(slash == std::string::npos ? "" : vlan_port.substr(slash + 1)));
+    return r;
+}
+
+// A file of the tool's own, removed when done.
+class TempFile {
+public:
+    TempFile() {
+        const char* dir = std::getenv("TMPDIR");
+        path_ = std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/ipctl-fib-XXXXXX";
+        const int fd = ::mkstemp(path_.data());
+        if (fd < 0) failure("cannot make a file in " + path_.substr(0, path_.rfind('/')));
+        ::close(fd);
+    }
+    ~TempFile() { ::unlink(path_.c_str()); }
+    TempFile(const TempFile&) = delete;
+    TempFile& operator=(const TempFile&) = delete;
+    const std::string& path() const noexcept { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Saves the IPv4 tables into path; with a progress line counting the routes written.
+std::uint64_t save_table(const std::string& path, bool progress_line) {
+    std::atomic<bool> done{false};
+    std::uint32_t rc = 0;
+    std::thread worker([&] {
+        rc = FIB_SaveForwardingTable(path.c_str());
+        done = true;
+    });
+    std::optional<Progress> progress;
+    if (progress_line) progress.emplace("routes", std::nullopt);
+    std::uint64_t lines = 0;
+    int fd = -1;
+    off_t offset = 0;
+    char buf[65536];
+    auto count_new = [&] {
+        if (fd < 0) fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return;
+        for (;;) {
+            const ssize_t n = ::pread(fd, buf, sizeof buf, offset);
+            if (n <= 0) break;
+            offset += n;
+            for (ssize_t i = 0; i < n; ++i) lines += buf[i] == '\n' ? 1 : 0;
+        }
+    };
+    while (!done) {
+        const timespec pause{0, 50'000'000};
+        ::nanosleep(&pause, nullptr);
+        if (progress) {
+            count_new();
+            progress->update(lines > 0 ? lines - 1 : 0);
+        }
+    }
+    worker.join();
+    if (rc == 0) count_new();
+    if (fd >= 0) ::close(fd);
+    if (progress) {
+        progress->update(lines > 0 ? lines - 1 : 0);
+        progress->finish();
+    }
+    if (rc != 0) status_error("saving the forwarding table to " + path, rc);
+    return lines > 0 ? lines - 1 : 0;
+}
+
+void show_v4(Context& ctx, const std::optional<std::string>& vrf, const std::optional<std::string>& prefix) {
+    TempFile file;
+    save_table(file.path(), false);
+    std::ifstream in(file.path(), std::ios::binary);
+    std::string line;
+    std::getline(in, line);  // "[FIB Info]"
+    while (std::getline(in, line)) {
+        const auto l = parse_line(line);
+        if (!l) continue;
+        if (vrf && l->where[0] != *vrf) continue;
+        if (prefix && l->where[1] != *prefix) continue;
+        ctx.out->row(line_record(*l));
+    }
+    ctx.out->flush();
+}
+
+// A route entry of a search (128 bytes, host order): 0 VRF, 4 outgoing interface, 8 prefix
+// length, 12 family, 16 next hop, 32 destination, 48 node, 52 flags (bit 0 active).
+template <class U>
+U host_at(const std::uint8_t* p) {
+    U v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+Record entry_record(const std::uint8_t* e) {
+    const bool v6 = host_at<std::uint16_t>(e + FIB_ENTRY_FAMILY_OFFSET) == 10;
+    const std::string dst = (v6 ? inet6_text(e + 32) : inet4_text(host_at<std::uint32_t>(e + 32))) + "/" +
+                            std::to_string(e[8]);
+    const std::string gw = v6 ? inet6_text(e + FIB_ENTRY_NEXTHOP_OFFSET)
+                              : inet4_text(host_at<std::uint32_t>(e + FIB_ENTRY_NEXTHOP_OFFSET));
+    const std::uint32_t ifindex = host_at<std::uint32_t>(e + 4);
+    const std::uint32_t vrf = host_at<std::uint32_t>(e);
+    const std::uint32_t node = host_at<std::uint32_t>(e + 48);
+    const bool active = (host_at<std::uint32_t>(e + FIB_ENTRY_FLAGS_OFFSET) & 1u) != 0;
+    Record r;
+    r.add("dst", dst, dst)
+        .json_only("family", v6 ? "inet6" : "inet")
+        .add("vrf_index", vrf, std::to_string(vrf), "vrf")
+        .add("gateway", gw, gw, "via")
+        .json_only("ifindex", ifindex)
+        .add("dev", interface_name(ifindex), interface_name(ifindex), "dev")
+        .add("node", node, std::to_string(node), "node")
+        .add("active", active, active ? "active" : "inactive");
+    return r;
+}
+
+// Exact searches: the entries of one prefix, in any VPN instance.
+std::vector<std::uint8_t> search4(std::uint32_t addr, unsigned len, std::uint64_t* count) {
+    FIB4_SEARCH_KEY_S key{};
+    key.uiInstance = 0xFFFFFFFFu;
+    key.usFamily = 2;
+    key.uiMask = length_mask(len);
+    key.uiDest = addr & key.uiMask;
+    std::vector<std::uint8_t> entries(FIB_SEARCH_MAX_ENTRIES * FIB_SEARCH_ENTRY_SIZE);
+    *count = FIB_SEARCH_MAX_ENTRIES;
+    const std::uint32_t rc = FIB4_SearchInfo(&key, count, entries.data());
+    if (rc != 0) *count = 0;
+    return entries;
+}
+
+std::vector<std::uint8_t> search6(const std::array<std::uint8_t, 16>& addr, unsigned len, std::uint64_t* count) {
+    // The key: instance (any), family, the destination at 8 and its prefix length at 24.
+    std::uint8_t key[FIB6_SEARCH_KEY_SIZE] = {};
+    const std::uint32_t instance = 0xFFFFFFFFu;
+    const std::uint16_t family = 10;
+    std::memcpy(key, &instance, sizeof instance);
+    std::memcpy(key + 4, &family, sizeof family);
+    for (unsigned i = 0; i < 16; ++i) {
+        const unsigned bits = len > 8 * i ? (len - 8 * i > 8 ? 8 : len - 8 * i) : 0;
+        key[8 + i] = static_cast<std::uint8_t>(addr[i] & static_cast<std::uint8_t>(0xFF00u >> bits));
+    }
+    key[24] = static_cast<std::uint8_t>(len);
+    std::vector<std::uint8_t> entries(FIB_SEARCH_MAX_ENTRIES * FIB_SEARCH_ENTRY_SIZE);
+    *count = FIB_SEARCH_MAX_ENTRIES;
+    const std::uint32_t rc = FIB6_SearchInfo(key, count, entries.data());
+    if (rc != 0) *count = 0;
+    return entries;
+}
+
+void print_entries(Context& ctx, const std::vector<std::uint8_t>& entries, std::uint64_t count) {
+    for (std::uint64_t i = 0; i < count && i < FIB_SEARCH_MAX_ENTRIES; ++i)
+        ctx.out->row(entry_record(entries.data() + i * FIB_SEARCH_ENTRY_SIZE));
+}
+
+void route_show(Context& ctx, const CLI::App& verb, Words words, bool v6) {
+    std::optional<std::string> vrf, prefix;
+    while (!words.done()) {
+        const std::string w = words.next();
+        if (w == "vrf") words.value_of("vrf", &vrf);
+        else if (!prefix) prefix = w;
+        else words.unexpected();
+    }
+    if (!v6) {
+        if (prefix) {
+            const auto p = parse_prefix4(*prefix);
+            if (!p) usage_error(verb, "\"" + *prefix + "\" is not an IPv4 prefix");
+            prefix = inet4_text(p->addr & length_mask(p->len)) + "/" + std::to_string(p->len);
+        }
+        show_v4(ctx, vrf, prefix);
+        return;
+    }
+    if (!prefix) usage_error(verb, "IPv6 routes are found by prefix: give a PREFIX");
+    if (vrf) usage_error(verb, "\"vrf\" narrows IPv4 routes only");
+    const std::size_t slash = prefix->find('/');
+    const auto a6 = parse_inet6(prefix->substr(0, slash));
+    const unsigned len = slash == std::string::npos ? 128u : to_unsigned(prefix->substr(slash + 1));
+    if (!a6 || len > 128) usage_error(verb, "\"" + *prefix + "\" is not an IPv6 prefix");
+    std::uint64_t count = 0;
+    const auto entries = search6(*a6, len, &count);
+    print_entries(ctx, entries, count);
+    ctx.out->flush();
+}
+
+void route_get(Context& ctx, const CLI::App& verb, Words words) {
+    const std::string target = words.next();
+    words.expect_end();
+    std::uint64_t count = 0;
+    if (const auto a4 = parse_inet4(target)) {
+        for (int len = 32; len >= 0; --len) {
+            const auto entries = search4(*a4, static_cast<unsigned>(len), &count);
+            if (count == 0) continue;
+            print_entries(ctx, entries, count);
+            break;
+        }
+    } else if (const auto a6 = parse_inet6(target)) {
+        for (int len = 128; len >= 0; --len) {
+            const auto entries = search6(*a6, static_cast<unsigned>(len), &count);
+            if (count == 0) continue;
+            print_entries(ctx, entries, count);
+            break;
+        }
+    } else {
+        usage_error(verb, "\"" + target + "\" is not an IPv4 or IPv6 address");
+    }
+    if (count == 0) failure("no route to " + target);
+    ctx.out->flush();
+}
+
+void route_save(Context& ctx, Words words) {
+    const std::string path = words.next();
+    words.expect_end();
+    const std::uint64_t routes = save_table(path, true);
+    struct stat st {};
+    ::stat(path.c_str(), &st);
+    Record r;
+    r.add("file", path, path, "file").add("routes", routes, std::to_string(routes), "routes");
+    r.add("bytes", static_cast<std::uint64_t>(st.st_size), std::to_string(st.st_size), "bytes");
+    ctx.out->object(r);
+}
+
+}  // namespace
+
+void add_route(CLI::App& app, Context& ctx) {
+    CLI::App* object = add_object(app, "route", "the forwarding tables", "route { show | get | save } ...");
+    auto v4 = std::make_shared<bool>(false);
+    auto v6 = std::make_shared<bool>(false);
+    CLI::App* show = add_verb(object, "show", "IPv4 routes of every running node, or IPv6 routes by prefix",
+                              "route show [-4|-6] [vrf NAME] [PREFIX]", ctx,
+                              [&ctx, v6](const CLI::App& verb, Words w) { route_show(ctx, verb, std::move(w), *v6); });
+    CLI::Option* o4 = show->add_flag("-4", *v4, "IPv4 routes (the default)");
+    show->add_flag("-6", *v6, "IPv6 routes")->excludes(o4);
+    add_verb(object, "get", "the longest prefix that holds an address", "route get ADDR", ctx,
+             [&ctx](const CLI::App& verb, Words w) { route_get(ctx, verb, std::move(w)); });
+    add_verb(object, "save", "writes the device's forwarding table file", "route save FILE", ctx,
+             [&ctx](const CLI::App&, Words w) { route_save(ctx, std::move(w)); });
+}
+
+}  // namespace ipctl
