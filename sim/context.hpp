@@ -20,6 +20,7 @@
 #include "modules/kmod_addr.hpp"
 #include "modules/kmod_arp.hpp"
 #include "modules/kmod_fib.hpp"
+#include "modules/kmod_ipstat.hpp"
 #include "modules/kmod_nd.hpp"
 #include "modules/kmod_wlan.hpp"
 #include "modules/neigh_table.hpp"
@@ -75,6 +76,9 @@ struct Context {
     // The ARP module: packet and attack counters, and the ARP daemon's suppression
     // switches (port 1639).
     ArpModule arp{};
+    // The IP module: IP, forwarding, ICMP, MIB and BPA counters, and the nodes' IP
+    // settings (default TTL, forwarding, ECMP, load sharing, MTU).
+    IpStatModule ipstat{};
 
     // Seconds since the device started: the clock of entry ages.
     std::uint32_t uptime() const {

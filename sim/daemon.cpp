@@ -176,6 +176,7 @@ std::optional<std::string> Daemon::start() {
     register_nd_errors(ctx_);
     register_arp_controls(ctx_);
     ctx_.nd.attach(ctx_);
+    if (auto err = ctx_.ipstat.attach(ctx_)) return opts_.state_dir + "/ipsimd.db: " + *err;
     addrs_.set_settings_observer([this](std::uint32_t ifindex, const IfSettings& s) {
         store_.put("ifset", records::settings_key(ifindex), records::encode_settings(s));
     });

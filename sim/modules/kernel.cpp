@@ -11,6 +11,7 @@ std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t co
     *returned = 0;
     switch (command) {
         case AddrModule::kCommand: return ctx.addr_module.handle(node, request, reply, returned);
+        case IpStatModule::kCommand: return ctx.ipstat.handle(ctx, node, request, reply, returned);
         case WlanModule::kCommand: return ctx.wlan.handle(ctx.device, node, request, reply, returned);
         case ArpModule::kQueryCommand:
         case ArpModule::kIfCountersCommand:
@@ -28,6 +29,7 @@ std::unique_ptr<DumpCursor> open_dump(Context& ctx, std::uint16_t node, std::uin
                                       std::span<const std::uint8_t> request) {
     switch (request_id) {
         case FibModule::kDumpRequest: return ctx.fib_module.dump(node, request);
+        case IpStatModule::kBpaDumpRequest: return ctx.ipstat.dump(ctx, node, request);
         default: return nullptr;
     }
 }

@@ -4,6 +4,8 @@
 //                  when the address was deleted;
 //   table "ifset": key [BE32 interface index]
 //                  value the interface's settings (encode_settings).
+// The IP module keeps its rows, "ipset" (a node's IP settings) and "ipmtu" (an
+// interface's MTU), in modules/ipstat_state.hpp.
 #pragma once
 
 #include <cstdint>

@@ -1,0 +1,521 @@
+#include "modules/kmod_ipstat.hpp"
+
+#include <stdexcept>
+
+#include "common/wire.hpp"
+#include "context.hpp"
+
+namespace sim {
+namespace {
+
+using ipc::wire::Reader;
+using ipc::wire::Writer;
+using json = nlohmann::json;
+using namespace ipstat;
+
+constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::size_t kFwReplyLen = 112;
+constexpr std::size_t kBpaLen = kBpaRecords * kBpaCounters * 8;  // 2560
+
+enum Op : std::uint16_t {
+    kShowIpStat = 0,
+    kIpStat = 1,
+    kFwIfStat = 2,
+    kIcmpIfStat = 9,
+    kIfMtu = 11,
+    kSetDefTtl = 14,
+    kGetDefTtl = 15,
+    kEcmp = 23,
+    kEcmpMode = 32,
+    kConf = 35,
+    kMibIfStat = 37,
+    kClearFwIfStat = 62,
+    kLoadSharing = 66,
+    kFwConf = 108,
+};
+
+// Operations whose data is an interface index or a value.
+bool takes_data(std::uint16_t op) {
+    switch (op) {
+        case kFwIfStat:
+        case kIcmpIfStat:
+        case kIfMtu:
+        case kSetDefTtl:
+        case kMibIfStat:
+        case kClearFwIfStat: return true;
+        default: return false;
+    }
+}
+
+template <class U, std::size_t N>
+void put_all(Writer& w, const std::array<U, N>& words) {
+    for (const U v : words) w.be(v);
+}
+
+std::uint32_t flag(bool on) { return on ? 1u : 0u; }
+
+std::uint16_t fw_conf(const Settings& s) {
+    return static_cast<std::uint16_t>((s.forwarding ? 1u : 0u) | (s.directed_broadcast ? 2u : 0u));
+}
+
+class BpaDump : public DumpCursor {
+public:
+    explicit BpaDump(const BpaRecords& records) : records_(records) {}
+
+    std::uint32_t pull(std::span<std::uint8_t> out, std::size_t* len) override {
+        *len = 0;
+        if (done_) return 0;
+        if (out.size() < kBpaLen) return kFailure;
+        Writer w(out);
+        for (const BpaRecord& r : records_) put_all(w, r);
+        done_ = true;
+        *len = w.size();
+        return kDumpMoreData;
+    }
+
+private:
+    BpaRecords records_;
+    bool done_ = false;
+};
+
+// ---- Control operations -------------------------------------------------------------------
+
+std::uint64_t whole(const json& v, const std::string& key, std::uint64_t most = ~std::uint64_t{0}) {
+    if (!v.is_number_unsigned() || v.get<std::uint64_t>() > most) {
+        throw std::invalid_argument(key + ": a whole number from 0 to " + std::to_string(most));
+    }
+    return v.get<std::uint64_t>();
+}
+
+bool on_off(const json& v, const std::string& key) {
+    if (v.is_boolean()) return v.get<bool>();
+    return whole(v, key, 1) == 1;
+}
+
+std::uint32_t interface_of(const Context& ctx, const json& v) {
+    std::uint32_t ifindex = 0;
+    if (v.is_string()) {
+        ifindex = ctx.device.find_interface(v.get<std::string>());
+    } else {
+        ifindex = static_cast<std::uint32_t>(whole(v, "interface", 0xFFFFFFFFu));
+    }
+    if (ctx.device.interface(ifindex) == nullptr) throw std::invalid_argument("interface: the device has no " + v.dump());
+    return ifindex;
+}
+
+std::uint16_t node_of(const Context& ctx, const json& v) {
+    const auto node = static_cast<std::uint16_t>(whole(v, "node", 0xFFFF));
+    if (ctx.device.node(node) == nullptr) throw std::invalid_argument("node: the device has no node " + std::to_string(node));
+    return node;
+}
+
+void only_keys(const json& req, std::initializer_list<std::string_view> known) {
+    for (const auto& [key, value] : req.items()) {
+        if (key == "op") continue;
+        bool found = false;
+        for (const std::string_view k : known) found = found || k == key;
+        if (!found) throw std::invalid_argument("unknown key " + key);
+    }
+}
+
+template <class U, std::size_t N>
+json named(const std::array<std::string_view, N>& names, const std::array<U, N>& values) {
+    json out = json::object();
+    for (std::size_t i = 0; i < N; ++i) out[std::string(names[i])] = values[i];
+    return out;
+}
+
+// {"name": count, ...} as (counter, count) pairs; throws on a name the set does not have.
+template <std::size_t N>
+std::vector<std::pair<std::size_t, std::uint64_t>> raw_counts(const json& v, const char* set,
+                                                              const std::array<std::string_view, N>& names) {
+    if (!v.is_object()) throw std::invalid_argument(std::string(set) + ": an object of counter names and counts");
+    std::vector<std::pair<std::size_t, std::uint64_t>> out;
+    for (const auto& [key, count] : v.items()) {
+        const auto at = index_of(names, key);
+        if (!at) throw std::invalid_argument(std::string(set) + ": no counter named " + key);
+        out.emplace_back(*at, whole(count, std::string(set) + "." + key));
+    }
+    return out;
+}
+
+template <class U, std::size_t N>
+void add_raw(std::array<U, N>& counters, const std::vector<std::pair<std::size_t, std::uint64_t>>& counts) {
+    for (const auto& [at, n] : counts) counters[at] = static_cast<U>(counters[at] + static_cast<U>(n));
+}
+
+json settings_json(const Settings& s) {
+    return {{"ttl", s.ttl},
+            {"forwarding", s.forwarding},
+            {"directed_broadcast", s.directed_broadcast},
+            {"ecmp_paths", s.ecmp_paths},
+            {"ecmp_mode", s.ecmp_mode},
+            {"load_sharing", s.load_sharing},
+            {"hash_fields", s.hash_fields},
+            {"hash_seed", s.hash_seed},
+            {"local_first", s.local_first}};
+}
+
+// One record of BPA counts given to "ipstat.traffic".
+struct BpaCount {
+    std::size_t record = 0;
+    BpaRecord add{};
+    std::optional<std::uint64_t> stamp;
+};
+
+}  // namespace
+
+const Settings& IpStatModule::settings(std::uint16_t node) const {
+    static const Settings kDefaults{};
+    const auto it = settings_.find(node);
+    return it != settings_.end() ? it->second : kDefaults;
+}
+
+std::uint32_t IpStatModule::mtu(const Context& ctx, std::uint32_t ifindex) const {
+    const auto it = mtu_.find(ifindex);
+    if (it != mtu_.end()) return it->second;
+    const auto* itf = ctx.device.interface(ifindex);
+    return itf != nullptr ? itf->mtu : 0;
+}
+
+void IpStatModule::set_settings(Context& ctx, std::uint16_t node, const Settings& s) {
+    settings_[node] = s;
+    // Written before the change is acknowledged.
+    ctx.store.put(kSettingsTable, settings_key(node), encode_settings(s));
+}
+
+void IpStatModule::set_mtu(Context& ctx, std::uint32_t ifindex, std::uint32_t value) {
+    mtu_[ifindex] = value;
+    ctx.store.put(kMtuTable, mtu_key(ifindex), encode_mtu(value));
+}
+
+BpaRecords IpStatModule::bpa_of(std::uint16_t node, std::uint32_t ifindex) const {
+    BpaRecords out{};
+    for (const auto& [key, records] : bpa_) {
+        if (key.first != node || (ifindex != 0 && key.second != ifindex)) continue;
+        for (std::size_t r = 0; r < kBpaRecords; ++r) {
+            for (std::size_t c = 0; c + 1 < kBpaCounters; ++c) out[r][c] += records[r][c];
+            out[r][kBpaCounters - 1] = std::max(out[r][kBpaCounters - 1], records[r][kBpaCounters - 1]);
+        }
+    }
+    return out;
+}
+
+std::uint32_t IpStatModule::handle(Context& ctx, std::uint16_t node, std::span<const std::uint8_t> request,
+                                   std::span<std::uint8_t> reply, std::uint32_t* returned) {
+    *returned = 0;
+    Reader r(request.data(), request.size());
+    const auto op = r.be<std::uint16_t>();
+    const auto len = r.be<std::uint16_t>();
+    if (!r.ok() || len != r.remaining() || (len != 0 && len != 4) || takes_data(op) != (len == 4)) return kFailure;
+    const std::uint32_t data = len == 4 ? r.be<std::uint32_t>() : 0;
+    const bool names_if = op == kFwIfStat || op == kIcmpIfStat || op == kIfMtu || op == kMibIfStat || op == kClearFwIfStat;
+    if (names_if && ctx.device.interface(data) == nullptr) return kFailure;
+
+    Writer w(reply);
+    const Settings& s = settings(node);
+    const NodeIf key{node, data};
+    switch (op) {
+        case kShowIpStat: {
+            const auto it = ip_.find(node);
+            for (std::size_t i = 0; i < kIpCounters; ++i) {
+                w.be(it != ip_.end() ? static_cast<std::uint32_t>(it->second.total[i] - it->second.at_reset[i]) : 0u);
+            }
+            break;
+        }
+        case kIpStat: {
+            const auto it = ip_.find(node);
+            put_all(w, it != ip_.end() ? it->second.total : IpCounters{});
+            break;
+        }
+        case kFwIfStat: {
+            const auto it = fw_.find(key);
+            const FwState st = it != fw_.end() ? it->second : FwState{};
+            put_all(w, st.counters);
+            w.be(data).be(static_cast<std::uint32_t>(node)).be(st.cleared_at).zeros(kFwReplyLen - 80);
+            break;
+        }
+        case kIcmpIfStat: {
+            const auto it = icmp_.find(data);
+            put_all(w, it != icmp_.end() ? it->second : IcmpCounters{});
+            break;
+        }
+        case kIfMtu: w.be(mtu(ctx, data)); break;
+        case kSetDefTtl: {
+            if (data < 1 || data > 255) return kFailure;
+            Settings changed = s;
+            changed.ttl = data;
+            set_settings(ctx, node, changed);
+            return 0;
+        }
+        case kGetDefTtl: w.be(s.ttl); break;
+        case kEcmp: w.be(s.ecmp_paths).be(kEcmpBound); break;
+        case kEcmpMode:
+            w.be(s.ecmp_mode).be(s.ecmp_paths).be(kEcmpBound).be(s.load_sharing).be(s.hash_fields).be(s.hash_seed);
+            w.be(flag(s.local_first)).zeros(4);
+            break;
+        case kConf: w.be(flag(s.forwarding)).be(s.ttl).be(s.ecmp_paths).be(s.ecmp_mode); break;
+        case kMibIfStat: {
+            const auto it = mib_.find(key);
+            put_all(w, it != mib_.end() ? it->second : MibCounters{});
+            break;
+        }
+        case kClearFwIfStat: {
+            FwState& st = fw_[key];
+            st.counters = {};
+            st.cleared_at = ctx.uptime();
+            return 0;
+        }
+        case kLoadSharing: w.be(s.load_sharing).be(s.hash_fields).be(s.hash_seed).be(flag(s.local_first)); break;
+        case kFwConf: w.be(fw_conf(s)); break;
+        default: return kFailure;
+    }
+    // A reply that does not fit the caller's room is not given at all.
+    if (!w.ok()) return kFailure;
+    *returned = static_cast<std::uint32_t>(w.size());
+    return 0;
+}
+
+std::unique_ptr<DumpCursor> IpStatModule::dump(const Context& ctx, std::uint16_t node,
+                                               std::span<const std::uint8_t> request) const {
+    Reader r(request.data(), request.size());
+    const auto op = r.be<std::uint16_t>();
+    const auto len = r.be<std::uint16_t>();
+    const auto ifindex = r.be<std::uint32_t>();
+    if (!r.ok() || r.remaining() != 0 || op != 25 || len != 4) return nullptr;
+    if (ifindex != 0 && ctx.device.interface(ifindex) == nullptr) return nullptr;
+    return std::make_unique<BpaDump>(bpa_of(node, ifindex));
+}
+
+std::optional<std::string> IpStatModule::attach(Context& ctx) {
+    std::string bad;
+    const bool settings_ok = ctx.store.each(kSettingsTable, [&](std::span<const std::uint8_t> key,
+                                                                const std::vector<std::uint8_t>* value) {
+        const auto node = decode_settings_key(key);
+        const auto s = value != nullptr ? decode_settings(*value) : std::nullopt;
+        if (!node || !s || ctx.device.node(*node) == nullptr) return bad = "an IP settings row that does not fit", false;
+        settings_[*node] = *s;
+        return true;
+    });
+    const bool mtu_ok = settings_ok && ctx.store.each(kMtuTable, [&](std::span<const std::uint8_t> key,
+                                                                      const std::vector<std::uint8_t>* value) {
+        const auto ifindex = decode_mtu_key(key);
+        const auto m = value != nullptr ? decode_mtu(*value) : std::nullopt;
+        if (!ifindex || !m || ctx.device.interface(*ifindex) == nullptr) return bad = "an MTU row that does not fit", false;
+        mtu_[*ifindex] = *m;
+        return true;
+    });
+    if (!settings_ok || !mtu_ok) return bad.empty() ? std::string("the IP settings are unreadable") : bad;
+
+    // The counters of a node (and of an interface on it) as the control channel shows them.
+    auto show = [this, &ctx](std::uint16_t node, std::optional<std::uint32_t> ifindex) {
+        const NodeCounters nc = ip_.count(node) != 0 ? ip_.at(node) : NodeCounters{};
+        IpCounters shown{};
+        for (std::size_t i = 0; i < kIpCounters; ++i) shown[i] = nc.total[i] - nc.at_reset[i];
+        json out{{"node", node},
+                 {"up", ctx.device.node_up(node)},
+                 {"ip", named(kIpNames, nc.total)},
+                 {"ip_shown", named(kIpNames, shown)},
+                 {"settings", settings_json(settings(node))}};
+        if (!ifindex) return out;
+        const NodeIf key{node, *ifindex};
+        const FwState fw = fw_.count(key) != 0 ? fw_.at(key) : FwState{};
+        out["interface"] = *ifindex;
+        out["name"] = ctx.device.interface(*ifindex)->name;
+        out["mtu"] = mtu(ctx, *ifindex);
+        out["fw"] = named(kFwNames, fw.counters);
+        out["fw_cleared"] = fw.cleared_at == ~std::uint64_t{0} ? json(nullptr) : json(fw.cleared_at);
+        out["mib"] = named(kMibNames, mib_.count(key) != 0 ? mib_.at(key) : MibCounters{});
+        out["icmp"] = named(kIcmpNames, icmp_.count(*ifindex) != 0 ? icmp_.at(*ifindex) : IcmpCounters{});
+        json bpa = json::array();
+        const BpaRecords records = bpa_of(node, *ifindex);
+        for (std::size_t r = 0; r < kBpaRecords; ++r) {
+            if (records[r] == BpaRecord{}) continue;
+            json rec = named(kBpaNames, records[r]);
+            rec["index"] = r + 1;
+            bpa.push_back(std::move(rec));
+        }
+        out["bpa"] = std::move(bpa);
+        return out;
+    };
+    // The node a request names: "node", else the interface's owner, else the master.
+    auto node_arg = [&ctx](const json& req, std::optional<std::uint32_t> ifindex) {
+        if (req.contains("node")) return node_of(ctx, req.at("node"));
+        if (ifindex) return ctx.device.interface(*ifindex)->node;
+        return ctx.device.master();
+    };
+
+    ctx.control.on("ipstat.traffic", [this, &ctx, show, node_arg](const json& req) {
+        only_keys(req, {"node", "interface", "in", "out", "forwarded", "no_route", "ttl_exceeded", "dropped",
+                        "bad_header", "icmp_in", "icmp_out", "icmp_type", "size", "ip", "mib", "fw", "icmp", "bpa"});
+        std::optional<std::uint32_t> ifindex;
+        if (req.contains("interface")) ifindex = interface_of(ctx, req.at("interface"));
+        const std::uint16_t node = node_arg(req, ifindex);
+        if (!ctx.device.node_up(node)) throw std::invalid_argument("node " + std::to_string(node) + " is down");
+        // Everything is read first: a refused request changes nothing.
+        Traffic t;
+        auto packets = [&req](const char* key, std::uint64_t& field) {
+            if (req.contains(key)) field = whole(req.at(key), key);
+        };
+        packets("in", t.in);
+        packets("out", t.out);
+        packets("forwarded", t.forwarded);
+        packets("no_route", t.no_route);
+        packets("ttl_exceeded", t.ttl_exceeded);
+        packets("dropped", t.dropped);
+        packets("bad_header", t.bad_header);
+        packets("icmp_in", t.icmp_in);
+        packets("icmp_out", t.icmp_out);
+        if (req.contains("size")) {
+            t.size = whole(req.at("size"), "size", 65535);
+            if (t.size == 0) throw std::invalid_argument("size: a packet has at least one byte");
+        }
+        if (req.contains("icmp_type")) {
+            const json& v = req.at("icmp_type");
+            if (v.is_string()) {
+                const auto type = icmp_type_named(v.get<std::string>());
+                if (!type) throw std::invalid_argument("icmp_type: no ICMP type named " + v.get<std::string>());
+                t.icmp_type = *type;
+            } else {
+                t.icmp_type = static_cast<std::uint8_t>(whole(v, "icmp_type", 255));
+            }
+        }
+        using Counts = std::vector<std::pair<std::size_t, std::uint64_t>>;
+        const Counts ip_raw = req.contains("ip") ? raw_counts(req.at("ip"), "ip", kIpNames) : Counts{};
+        const Counts mib_raw = req.contains("mib") ? raw_counts(req.at("mib"), "mib", kMibNames) : Counts{};
+        const Counts fw_raw = req.contains("fw") ? raw_counts(req.at("fw"), "fw", kFwNames) : Counts{};
+        const Counts icmp_raw = req.contains("icmp") ? raw_counts(req.at("icmp"), "icmp", kIcmpNames) : Counts{};
+        std::vector<BpaCount> bpa;
+        if (req.contains("bpa")) {
+            const json& list = req.at("bpa");
+            if (!list.is_array()) throw std::invalid_argument("bpa: a list of records");
+            for (const json& rec : list) {
+                if (!rec.is_object()) throw std::invalid_argument("bpa: each record is an object");
+                BpaCount c;
+                c.record = static_cast<std::size_t>(whole(rec.value("index", json(0)), "bpa.index", kBpaRecords));
+                if (c.record == 0) throw std::invalid_argument("bpa.index: a traffic index from 1 to 64");
+                --c.record;
+                for (const auto& [key, v] : rec.items()) {
+                    if (key == "index") continue;
+                    const auto at = index_of(kBpaNames, key);
+                    if (!at) throw std::invalid_argument("bpa: no counter named " + key);
+                    if (*at == kBpaCounters - 1) {
+                        c.stamp = whole(v, "bpa.stamp");
+                    } else {
+                        c.add[*at] = whole(v, "bpa." + key);
+                    }
+                }
+                bpa.push_back(c);
+            }
+        }
+        const bool per_interface = t.icmp_in != 0 || t.icmp_out != 0 || req.contains("icmp") || req.contains("mib") ||
+                                   req.contains("fw") || req.contains("bpa");
+        if (per_interface && !ifindex) throw std::invalid_argument("interface: these counters are an interface's");
+
+        Counted c{&ip_[node].total, nullptr, nullptr, nullptr};
+        if (ifindex) {
+            c.mib = &mib_[{node, *ifindex}];
+            c.fw = &fw_[{node, *ifindex}].counters;
+            c.icmp = &icmp_[*ifindex];
+        }
+        count(t, settings(node).forwarding, c);
+        add_raw(*c.ip, ip_raw);
+        if (ifindex) {
+            add_raw(*c.mib, mib_raw);
+            add_raw(*c.fw, fw_raw);
+            add_raw(*c.icmp, icmp_raw);
+            if (!bpa.empty()) {
+                BpaRecords& records = bpa_[{node, *ifindex}];
+                for (const BpaCount& b : bpa) {
+                    BpaRecord& rec = records[b.record];
+                    for (std::size_t k = 0; k + 1 < kBpaCounters; ++k) rec[k] += b.add[k];
+                    rec[kBpaCounters - 1] = b.stamp ? *b.stamp : ctx.uptime();
+                }
+            }
+        }
+        return show(node, ifindex);
+    });
+
+    ctx.control.on("ipstat.show", [&ctx, show, node_arg](const json& req) {
+        only_keys(req, {"node", "interface"});
+        std::optional<std::uint32_t> ifindex;
+        if (req.contains("interface")) ifindex = interface_of(ctx, req.at("interface"));
+        return show(node_arg(req, ifindex), ifindex);
+    });
+
+    ctx.control.on("ipstat.reset", [this, &ctx](const json& req) {
+        only_keys(req, {"node"});
+        std::vector<std::uint16_t> nodes;
+        if (req.contains("node")) {
+            nodes.push_back(node_of(ctx, req.at("node")));
+        } else {
+            for (const auto& [number, state] : ctx.device.nodes()) nodes.push_back(number);
+        }
+        for (const std::uint16_t n : nodes) ip_[n].at_reset = ip_[n].total;
+        return json{{"nodes", nodes}};
+    });
+
+    ctx.control.on("ipstat.set", [this, &ctx](const json& req) {
+        only_keys(req, {"node", "ttl", "forwarding", "directed_broadcast", "ecmp_paths", "ecmp_mode", "load_sharing",
+                        "hash_fields", "hash_seed", "local_first", "interface", "mtu"});
+        std::vector<std::uint16_t> nodes;
+        if (req.contains("node")) {
+            nodes.push_back(node_of(ctx, req.at("node")));
+        } else {
+            for (const auto& [number, state] : ctx.device.nodes()) nodes.push_back(number);
+        }
+        // A node's settings with the request's changes; throws on a value out of range.
+        auto changed = [&req](Settings s) {
+            auto in_range = [&req](const char* key, std::uint64_t least, std::uint64_t most, std::uint32_t& field) {
+                if (!req.contains(key)) return;
+                const auto v = whole(req.at(key), key, most);
+                if (v < least) throw std::invalid_argument(std::string(key) + ": at least " + std::to_string(least));
+                field = static_cast<std::uint32_t>(v);
+            };
+            in_range("ttl", 1, 255, s.ttl);
+            in_range("ecmp_paths", 1, kEcmpBound, s.ecmp_paths);
+            in_range("ecmp_mode", 0, kEcmpModeMax, s.ecmp_mode);
+            in_range("load_sharing", 0, kLoadSharingMax, s.load_sharing);
+            in_range("hash_fields", 0, kHashFieldsAll, s.hash_fields);
+            in_range("hash_seed", 0, 0xFFFFFFFFu, s.hash_seed);
+            if (req.contains("forwarding")) s.forwarding = on_off(req.at("forwarding"), "forwarding");
+            if (req.contains("directed_broadcast")) {
+                s.directed_broadcast = on_off(req.at("directed_broadcast"), "directed_broadcast");
+            }
+            if (req.contains("local_first")) s.local_first = on_off(req.at("local_first"), "local_first");
+            return s;
+        };
+        std::optional<std::uint32_t> ifindex;
+        std::optional<std::uint32_t> new_mtu;
+        if (req.contains("mtu") != req.contains("interface")) {
+            throw std::invalid_argument("mtu and interface go together");
+        }
+        if (req.contains("interface")) {
+            ifindex = interface_of(ctx, req.at("interface"));
+            new_mtu = static_cast<std::uint32_t>(whole(req.at("mtu"), "mtu", 0xFFFF));
+        }
+        std::vector<std::pair<std::uint16_t, Settings>> updates;
+        for (const std::uint16_t n : nodes) updates.emplace_back(n, changed(settings(n)));
+        const bool changes_node = req.contains("ttl") || req.contains("forwarding") ||
+                                  req.contains("directed_broadcast") || req.contains("ecmp_paths") ||
+                                  req.contains("ecmp_mode") || req.contains("load_sharing") ||
+                                  req.contains("hash_fields") || req.contains("hash_seed") ||
+                                  req.contains("local_first");
+        json out{{"nodes", json::array()}};
+        for (const auto& [n, s] : updates) {
+            if (changes_node) set_settings(ctx, n, s);
+            json one = settings_json(s);
+            one["node"] = n;
+            out["nodes"].push_back(std::move(one));
+        }
+        if (ifindex) {
+            set_mtu(ctx, *ifindex, *new_mtu);
+            out["interface"] = *ifindex;
+            out["mtu"] = *new_mtu;
+        }
+        return out;
+    });
+    return std::nullopt;
+}
+
+}  // namespace sim
