@@ -27,6 +27,7 @@
 #include "services/adjacency.hpp"
 #include "services/manager.hpp"
 #include "services/proen.hpp"
+#include "source/mirror.hpp"
 #include "store/store.hpp"
 
 namespace sim {
@@ -79,6 +80,8 @@ struct Context {
     // The IP module: IP, forwarding, ICMP, MIB and BPA counters, and the nodes' IP
     // settings (default TTL, forwarding, ECMP, load sharing, MTU).
     IpStatModule ipstat{};
+    // The live system the device mirrors (ipsimd --source linux); null when it mirrors none.
+    Mirror* mirror = nullptr;
 
     // Seconds since the device started: the clock of entry ages.
     std::uint32_t uptime() const {

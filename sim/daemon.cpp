@@ -6,6 +6,7 @@
 #include "common/wire.hpp"
 #include "core/log.hpp"
 #include "modules/vpn.hpp"
+#include "modules/fib_control.hpp"
 #include "modules/neigh_control.hpp"
 #include "services/services.hpp"
 #include "store/records.hpp"
@@ -110,6 +111,8 @@ void Daemon::load_neighbours(const scenario::Scenario& s) {
 Daemon::~Daemon() { loop_.close_all(); }
 
 void Daemon::persist(const AddrChange& change) {
+    // The mirrored system's own changes are not a client's: the system keeps them.
+    if (ctx_.mirror != nullptr && ctx_.mirror->applying()) return;
     const IPAddrKey& k = change.info.stEntry.stKey;
     const auto key = records::addr_key(k.uiIfIndex, k.uiAddr);
     if (change.kind == AddrChange::kDelete) {
@@ -171,6 +174,7 @@ std::optional<std::string> Daemon::start() {
     ctx_.neighs.add_observer([this](const NeighChange& c) { publish_neigh_change(ctx_, c); });
     register_adj_control(ctx_);
     register_neigh_control(ctx_);
+    register_fib_control(ctx_);
     register_wlan(ctx_);
     register_proen(ctx_);
     register_nd_errors(ctx_);

@@ -30,6 +30,8 @@ public:
     // One round of the loop (see Loop::step), for a caller that drives the daemon itself.
     int step(int timeout_ms) { return loop_.step(timeout_ms); }
     std::size_t node_count() const noexcept { return device_.nodes().size(); }
+    // What the modules and services reach, for a source that fills the device from outside.
+    Context& context() noexcept { return ctx_; }
 
 private:
     std::optional<std::string> restore();

@@ -2,9 +2,11 @@
 //
 //   ipsimd [--scenario FILE] [--instance NAME] [--state DIR] [--capture FILE]
 //          [--log-level LEVEL] [--check] [--print-default-scenario]
+//   ipsimd --source linux [--netns NAME] [--writable] [--instance NAME] [--state DIR] ...
 //   ipsimd [--instance NAME] --control JSON
 //
-// Runs in the foreground, prints "ready instance=NAME nodes=N" on standard output once
+// With --source linux the device mirrors a Linux network namespace instead of playing a
+// scenario (source/linux_source.hpp). Runs in the foreground, prints "ready instance=NAME nodes=N" on standard output once
 // every channel listens, logs to standard error, and exits 0 on SIGTERM or SIGINT.
 // Exit status: 0 done, 1 the simulator could not start, 2 bad arguments or a refused
 // scenario. With --control it runs nothing itself: it sends one request to the control
@@ -26,6 +28,7 @@
 #include "common/raii.hpp"
 #include "core/log.hpp"
 #include "daemon.hpp"
+#include "source/linux_source.hpp"
 
 namespace {
 
@@ -74,6 +77,8 @@ int main(int argc, char** argv) {
     opts.instance = default_instance();
     bool check = false, print_default = false;
     std::string control_request;
+    std::string source_kind = "scenario";
+    sim::LinuxSourceOptions linux_opts;
     app.add_option("--scenario", scenario_file, "scenario file (YAML); default: the bundled scenario");
     app.add_option("--instance", opts.instance, "instance name (default: IPCLIENT_INSTANCE, else \"default\")");
     app.add_option("--state", opts.state_dir, "directory that keeps what clients changed");
@@ -81,6 +86,12 @@ int main(int argc, char** argv) {
     app.add_option("--log-level", level, "error, warn, info or debug")->check(CLI::IsMember({"error", "warn", "info", "debug"}));
     app.add_flag("--check", check, "validate the scenario and exit");
     app.add_flag("--print-default-scenario", print_default, "print the bundled scenario and exit");
+    app.add_option("--source", source_kind, "where the device comes from: scenario (default) or linux")
+        ->check(CLI::IsMember({"scenario", "linux"}));
+    app.add_option("--netns", linux_opts.netns,
+                   "with --source linux: the network namespace /run/netns/NAME (default: ipsimd's own)");
+    app.add_flag("--writable", linux_opts.writable,
+                 "with --source linux: carry address changes and neighbour resolution out in the namespace");
     app.add_option("--control", control_request,
                    "send one JSON request to the running simulator's control channel and print the answer");
     try {
@@ -89,6 +100,15 @@ int main(int argc, char** argv) {
         return app.exit(e) == 0 ? 0 : 2;
     }
     if (!control_request.empty()) return send_control(opts.instance, control_request);
+    const bool from_linux = source_kind == "linux";
+    if (!from_linux && (!linux_opts.netns.empty() || linux_opts.writable)) {
+        std::fprintf(stderr, "ipsimd: --netns and --writable go with --source linux\n");
+        return 2;
+    }
+    if (from_linux && !scenario_file.empty()) {
+        std::fprintf(stderr, "ipsimd: --source linux makes its own device; --scenario does not go with it\n");
+        return 2;
+    }
     if (print_default) {
         std::fputs(sim::scenario::default_text(), stdout);
         return 0;
@@ -98,14 +118,26 @@ int main(int argc, char** argv) {
     sim::log::set_level(lv);
 
     std::unique_ptr<sim::Daemon> owner;
+    // Declared after the daemon: it leaves the daemon's loop before the daemon goes.
+    std::unique_ptr<sim::LinuxSource> mirrored;
     std::string source;
     {
         sim::scenario::Scenario scenario;
-        try {
-            scenario = scenario_file.empty() ? sim::scenario::load_default() : sim::scenario::load_file(scenario_file);
-        } catch (const sim::scenario::Error& e) {
-            std::fprintf(stderr, "ipsimd: scenario refused: %s\n", e.what());
-            return 2;
+        if (from_linux) {
+            std::string err;
+            mirrored = sim::LinuxSource::open(linux_opts, &err);
+            if (!mirrored) {
+                std::fprintf(stderr, "ipsimd: %s\n", err.c_str());
+                return 1;
+            }
+            scenario = mirrored->scenario();
+        } else {
+            try {
+                scenario = scenario_file.empty() ? sim::scenario::load_default() : sim::scenario::load_file(scenario_file);
+            } catch (const sim::scenario::Error& e) {
+                std::fprintf(stderr, "ipsimd: scenario refused: %s\n", e.what());
+                return 2;
+            }
         }
         if (check) {
             std::printf("scenario %s: %zu nodes, %zu interfaces, %zu addresses\n", scenario.source.c_str(),
@@ -114,6 +146,12 @@ int main(int argc, char** argv) {
         }
         source = scenario.source;
         owner = std::make_unique<sim::Daemon>(scenario, opts);
+    }
+    if (mirrored) {
+        if (const auto err = mirrored->attach(owner->context())) {
+            std::fprintf(stderr, "ipsimd: %s\n", err->c_str());
+            return 1;
+        }
     }
     // Parsing a large scenario leaves much freed heap behind; hand it back to the system.
     ::malloc_trim(0);

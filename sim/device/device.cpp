@@ -56,6 +56,22 @@ std::uint32_t Device::next_interface(std::uint32_t after, const std::uint32_t (&
     return 0;
 }
 
+void Device::put_interface(const scenario::Interface& i) {
+    const auto it = interfaces_.find(i.index);
+    if (it != interfaces_.end() && it->second.name != i.name) by_name_.erase(it->second.name);
+    interfaces_[i.index] = i;
+    by_name_[i.name] = i.index;
+}
+
+bool Device::remove_interface(std::uint32_t ifindex) {
+    const auto it = interfaces_.find(ifindex);
+    if (it == interfaces_.end()) return false;
+    const auto named = by_name_.find(it->second.name);
+    if (named != by_name_.end() && named->second == ifindex) by_name_.erase(named);
+    interfaces_.erase(it);
+    return true;
+}
+
 bool Device::serves(std::uint16_t node, std::uint32_t ifindex) const {
     const scenario::Interface* i = interface(ifindex);
     if (i == nullptr) return false;

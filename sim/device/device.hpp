@@ -48,6 +48,12 @@ public:
 
     const std::map<std::uint16_t, std::string>& vrfs() const noexcept { return vrfs_; }
 
+    // A device that follows a live system: interfaces and VRFs come, change and go while it
+    // runs. Pointers from interface() are not kept across these calls.
+    void put_interface(const scenario::Interface& i);
+    bool remove_interface(std::uint32_t ifindex);
+    void put_vrf(std::uint16_t index, const std::string& name) { vrfs_[index] = name; }
+
 private:
     std::uint16_t master_, master_ep_, mdc_;
     bool mdc_child_;

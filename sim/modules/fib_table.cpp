@@ -3,14 +3,18 @@
 namespace sim {
 
 void FibTable::put(const Route& r) {
-    const auto [it, added] = routes_.insert_or_assign(key_of(r), r);
-    (void)it;
-    if (added) ++(r.family == 10 ? count6_ : count4_);
+    const std::size_t before = routes_.size();
+    const auto it = routes_.insert_or_assign(hint_, key_of(r), r);
+    hint_ = std::next(it);
+    if (routes_.size() != before) ++(r.family == 10 ? count6_ : count4_);
     ++(r.family == 10 ? seq6_ : seq4_);
 }
 
 bool FibTable::remove(const Key& k) {
-    if (routes_.erase(k) == 0) return false;
+    const auto it = routes_.find(k);
+    if (it == routes_.end()) return false;
+    if (hint_ == it) hint_ = routes_.end();
+    routes_.erase(it);
     const bool v6 = std::get<0>(k) == 10;
     --(v6 ? count6_ : count4_);
     ++(v6 ? seq6_ : seq4_);

@@ -40,6 +40,10 @@ public:
 
     static Key key_of(const Route& r) { return {r.family, r.vrf, r.prefix, r.prefix_len, r.node}; }
 
+    FibTable() = default;
+    FibTable(const FibTable&) = delete;
+    FibTable& operator=(const FibTable&) = delete;
+
     void put(const Route& r);
     bool remove(const Key& k);
     std::size_t size() const noexcept { return routes_.size(); }
@@ -49,20 +53,35 @@ public:
     // The first route after `after` (or the first of all) of a family on a node.
     const Route* next(std::uint8_t family, std::uint16_t node, const std::optional<Key>& after) const;
     // Routes of a family with exactly this prefix, in a VRF (0xFFFFFFFF any), on a node.
+    // Each VRF's routes of the prefix sit together in table order: one search per VRF, not a
+    // walk of the table.
     template <class F>
     void exact(std::uint8_t family, std::uint32_t vrf, const std::array<std::uint8_t, 16>& prefix,
                std::uint8_t len, std::uint16_t node, F&& f) const {
-        for (const auto& [k, r] : routes_) {
-            if (r.family != family || (vrf != 0xFFFFFFFFu && r.vrf != vrf) || r.prefix != prefix ||
-                r.prefix_len != len || (r.node != 0 && r.node != node)) {
-                continue;
+        if (vrf != 0xFFFFFFFFu && vrf > 0xFFFFu) return;
+        std::uint32_t v = vrf == 0xFFFFFFFFu ? 0 : vrf;
+        while (v <= 0xFFFFu) {
+            const auto at = static_cast<std::uint16_t>(v);
+            for (auto it = routes_.lower_bound(Key{family, at, prefix, len, 0});
+                 it != routes_.end() && it->first < Key{family, at, prefix, static_cast<std::uint8_t>(len + 1), 0};
+                 ++it) {
+                const Route& r = it->second;
+                if (r.prefix_len != len || (r.node != 0 && r.node != node)) continue;
+                if (!f(r)) return;
             }
-            if (!f(r)) return;
+            if (vrf != 0xFFFFFFFFu || at == 0xFFFFu) return;
+            // The next VRF that has routes of the family.
+            const auto next = routes_.lower_bound(Key{family, static_cast<std::uint16_t>(at + 1), {}, 0, 0});
+            if (next == routes_.end() || std::get<0>(next->first) != family) return;
+            v = std::get<1>(next->first);
         }
     }
 
 private:
     std::map<Key, Route> routes_;
+    // Where the last put landed: routes that arrive in table order (a bulk load) are
+    // placed without a search.
+    std::map<Key, Route>::iterator hint_ = routes_.end();
     std::uint32_t seq4_ = 0, seq6_ = 0;
     std::size_t count4_ = 0, count6_ = 0;
 };

@@ -9,6 +9,11 @@ namespace sim {
 bool resolve_neighbour(Context& ctx, std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr) {
     const auto* itf = ctx.device.interface(ifindex);
     if (itf == nullptr) return false;
+    // A writable mirrored system resolves the neighbour itself; the table follows its answer.
+    if (ctx.mirror != nullptr && ctx.mirror->writable()) {
+        (void)ctx.mirror->resolve(family, ifindex, addr);
+        return false;
+    }
     const std::size_t len = family == 10 ? 16 : 4;
     const auto host = std::find_if(ctx.hosts.begin(), ctx.hosts.end(), [&](const scenario::Host& h) {
         return h.ifindex == ifindex && (h.family == 10) == (family == 10) && std::equal(addr.begin(), addr.begin() + len, h.addr);

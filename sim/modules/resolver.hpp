@@ -2,7 +2,9 @@
 // solicitation: a host that the scenario lists behind the interface answers, and its entry
 // becomes reachable with the host's MAC address; an address nobody answers for gets an
 // incomplete entry that ages out after kIncompleteLife. Both changes reach the neighbour
-// table's observers, so subscribers see them as events.
+// table's observers, so subscribers see them as events. On a device that mirrors a
+// writable live system (ipsimd --source linux --writable) the system is asked to resolve
+// the neighbour instead, and its neighbour table's changes reach the table.
 #pragma once
 
 #include <chrono>

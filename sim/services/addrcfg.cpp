@@ -114,6 +114,8 @@ private:
         send(w.bytes());
     }
 
+    bool writes_through() const { return ctx_.mirror != nullptr && ctx_.mirror->writable(); }
+
     std::uint16_t vrf_of(std::uint32_t ifindex) const {
         const auto* itf = ctx_.device.interface(ifindex);
         return itf != nullptr ? itf->vrf : 0;
@@ -129,6 +131,8 @@ private:
         const std::uint32_t ifindex = info.stEntry.stKey.uiIfIndex;
         const auto* itf = ctx_.device.interface(ifindex);
         if (itf == nullptr || info.stEntry.stKey.uiAddr == 0 || info.stEntry.stKey.uiMask == 0) return kFailure;
+        // A writable mirrored system carries the change out first; what it refuses is refused.
+        if (writes_through() && ctx_.mirror->add_address(info) != 0) return kFailure;
         unmark(ifindex, info.stEntry.stKey.uiAddr);
         // A main address replaces the interface's main address of the same method.
         const bool sub = (info.stEntry.uiFlag & kFlagSub) != 0;
@@ -138,6 +142,9 @@ private:
         if (existing == nullptr) {
             status = ctx_.addr_module.add(info, &other);
             if (status != kOk) {
+                if (writes_through()) {
+                    (void)ctx_.mirror->delete_address(ifindex, info.stEntry.stKey.uiAddr, info.stEntry.stKey.uiMask);
+                }
                 if (value != nullptr && other != nullptr) *value = other->stEntry.stKey.uiIfIndex;
                 return status;
             }
@@ -153,7 +160,11 @@ private:
                     replaced.push_back(k.uiAddr);
                 }
             });
-            for (const std::uint32_t a : replaced) ctx_.addrs.remove(ifindex, a);
+            for (const std::uint32_t a : replaced) {
+                const IPAddrInfo* old = ctx_.addrs.find(ifindex, a);
+                if (writes_through() && old != nullptr) (void)ctx_.mirror->delete_address(ifindex, a, old->stEntry.stKey.uiMask);
+                ctx_.addrs.remove(ifindex, a);
+            }
         }
         if (value != nullptr) *value = ctx_.addrs.count(ifindex, 0, kAnyVrf);
         publish_ifcfg(ctx_, ifindex, ctx_.addrs.count(ifindex, 0, kAnyVrf), kAddrCount, vrf_of(ifindex));
@@ -161,6 +172,10 @@ private:
     }
 
     std::uint32_t delete_address(std::uint32_t ifindex, std::uint32_t addr, std::uint32_t* value) {
+        const IPAddrInfo* had = ctx_.addrs.find(ifindex, addr);
+        if (had != nullptr && writes_through() && ctx_.mirror->delete_address(ifindex, addr, had->stEntry.stKey.uiMask) != 0) {
+            return kFailure;
+        }
         if (!ctx_.addrs.remove(ifindex, addr)) return kFailure;
         if (value != nullptr) *value = ctx_.addrs.count(ifindex, 0, kAnyVrf);
         publish_ifcfg(ctx_, ifindex, ctx_.addrs.count(ifindex, 0, kAnyVrf), kAddrCount, vrf_of(ifindex));

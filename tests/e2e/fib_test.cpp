@@ -113,5 +113,60 @@ TEST_F(FibE2E, ForwardingTableFileOfTwoNodes) {
     EXPECT_EQ(ss.str(), expected);
 }
 
+TEST_F(FibE2E, RoutesChangedWhileRunningMoveTheSequenceAndAreFound) {
+    auto be_seq = [] {
+        const std::uint32_t raw = FIB4_GetRouteChangeSeq();
+        std::uint8_t b[4];
+        std::memcpy(b, &raw, 4);
+        return (std::uint32_t{b[0]} << 24) | (std::uint32_t{b[1]} << 16) | (std::uint32_t{b[2]} << 8) | b[3];
+    };
+    const std::uint32_t before = be_seq();
+    const auto added = control({{"op", "route.add"},
+                                {"prefix", "10.77.0.0/16"},
+                                {"next_hop", "10.1.1.2"},
+                                {"interface", "GigabitEthernet1/0/1"},
+                                {"mac", "00:11:22:33:44:55"}});
+    ASSERT_TRUE(added.value("ok", false)) << added.dump();
+    EXPECT_EQ(added["seq4"].get<std::uint32_t>(), before + 1);
+    EXPECT_EQ(be_seq(), before + 1) << "the number travels big-endian and moved by one";
+
+    const FIB4_SEARCH_KEY_S key = key4("10.77.0.0", "255.255.0.0");
+    std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+    std::uint64_t count = 4;
+    ASSERT_EQ(FIB4_SearchInfo(&key, &count, entries), 0u);
+    ASSERT_EQ(count, 1u);
+    EXPECT_EQ(dotted(*reinterpret_cast<const std::uint32_t*>(entries + FIB_ENTRY_NEXTHOP_OFFSET)), "10.1.1.2");
+    std::uint32_t ifindex = 0;
+    std::memcpy(&ifindex, entries + 4, 4);
+    EXPECT_EQ(ifindex, 2u);
+
+    const std::string path = sim.state_dir() + "/fib-added.txt";
+    ASSERT_EQ(FIB_SaveForwardingTable(path.c_str()), 0u);
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    const std::string line =
+        "{1, 0, 0}, {public, 10.77.0.0/16} -> {10.1.1.2, GigabitEthernet1/0/1, Null}, "
+        "{00-11-22-33-44-55, 00-e0-fc-00-00-02, 0/0, GigabitEthernet1/0/1}\r\n";
+    EXPECT_NE(ss.str().find(line), std::string::npos) << ss.str();
+
+    const auto removed = control({{"op", "route.del"}, {"prefix", "10.77.0.0/16"}});
+    EXPECT_TRUE(removed.value("removed", false)) << removed.dump();
+    EXPECT_EQ(be_seq(), before + 2);
+    count = 4;
+    ASSERT_EQ(FIB4_SearchInfo(&key, &count, entries), 0u);
+    EXPECT_EQ(count, 0u);
+    const auto again = control({{"op", "route.del"}, {"prefix", "10.77.0.0/16"}});
+    EXPECT_FALSE(again.value("removed", true)) << "nothing left to remove";
+    EXPECT_EQ(be_seq(), before + 2) << "a removal of nothing is no change";
+}
+
+TEST_F(FibE2E, ARouteOfTheWrongShapeIsRefused) {
+    EXPECT_FALSE(control({{"op", "route.add"}, {"prefix", "10.77.0.0/33"}}).value("ok", true));
+    EXPECT_FALSE(control({{"op", "route.add"}, {"prefix", "10.77.0.0/16"}, {"next_hop", "2001:db8::1"}}).value("ok", true));
+    EXPECT_FALSE(control({{"op", "route.add"}, {"prefix", "10.77.0.0/16"}, {"interface", "Nope0"}}).value("ok", true));
+    EXPECT_FALSE(control({{"op", "route.add"}, {"prefix", "10.77.0.0/16"}, {"node", 9}}).value("ok", true));
+}
+
 }  // namespace
 }  // namespace e2e

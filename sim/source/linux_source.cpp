@@ -1,0 +1,548 @@
+#include "source/linux_source.hpp"
+
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include <nlohmann/json.hpp>
+
+#include "common/wire.hpp"
+#include "core/log.hpp"
+
+namespace sim {
+namespace {
+
+constexpr std::uint16_t kNode = 1;
+constexpr std::chrono::milliseconds kCountersPeriod{1000};
+constexpr unsigned kGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE | RTMGRP_NEIGH;
+// Interface type codes of the device.
+constexpr std::uint32_t kTypeNull = 1, kTypeEthernet = 6, kTypeVlanIf = 35, kTypeTunnel = 71;
+constexpr std::size_t kMaxName = 31;
+// Not in the C library's list of link types.
+constexpr std::uint16_t kArphrdIp6Gre = 823;
+
+// A network-order IPv4 mask of a prefix length.
+std::uint32_t mask_of(std::uint8_t len) {
+    const std::uint32_t host = len == 0 ? 0 : len >= 32 ? 0xFFFFFFFFu : ~(0xFFFFFFFFu >> len);
+    std::uint32_t out = 0;
+    ipc::wire::store_be(&out, host);
+    return out;
+}
+
+// Marks the table changes made in its scope as the namespace's own.
+class Applying {
+public:
+    explicit Applying(bool& flag) : flag_(flag), was_(flag) { flag_ = true; }
+    ~Applying() { flag_ = was_; }
+    Applying(const Applying&) = delete;
+    Applying& operator=(const Applying&) = delete;
+
+private:
+    bool& flag_;
+    bool was_;
+};
+
+std::uint32_t type_of(const nl::Link& l) {
+    if (l.arphrd == ARPHRD_LOOPBACK) return kTypeLoopback;
+    if (l.kind == "vlan" || l.kind == "bridge") return kTypeVlanIf;
+    switch (l.arphrd) {
+        case ARPHRD_ETHER: return kTypeEthernet;
+        case ARPHRD_TUNNEL:
+        case ARPHRD_TUNNEL6:
+        case ARPHRD_IPGRE:
+        case kArphrdIp6Gre:
+        case ARPHRD_SIT:
+        case ARPHRD_NONE: return kTypeTunnel;
+        default: return kTypeNull;
+    }
+}
+
+std::string errno_text(int rc) { return std::strerror(rc); }
+
+}  // namespace
+
+std::unique_ptr<LinuxSource> LinuxSource::open(const LinuxSourceOptions& opts, std::string* err) {
+    std::unique_ptr<LinuxSource> s(new LinuxSource(opts));
+    {
+        const nl::NetnsScope inside(opts.netns);
+        if (!inside.error().empty()) {
+            *err = inside.error();
+            return nullptr;
+        }
+        s->events_ = nl::Socket::open(kGroups, err);
+        if (!s->events_) return nullptr;
+        s->requests_ = nl::Socket::open(0, err);
+        if (!s->requests_ || !s->proc_.open(err)) return nullptr;
+    }
+    // Subscribed first, read second: what changes in between arrives as a notification.
+    nl::Sink& sink = *s;
+    if (const int rc = nl::dump_links(*s->requests_, sink); rc != 0) {
+        *err = s->describe() + ": cannot read the links: " + errno_text(rc);
+        return nullptr;
+    }
+    if (const int rc = nl::dump_addrs(*s->requests_, sink); rc != 0) {
+        *err = s->describe() + ": cannot read the addresses: " + errno_text(rc);
+        return nullptr;
+    }
+    s->build_scenario();
+    return s;
+}
+
+LinuxSource::~LinuxSource() {
+    *alive_ = false;
+    if (ctx_ != nullptr) {
+        if (events_) ctx_->loop.unwatch(events_->fd());
+        if (ctx_->mirror == this) ctx_->mirror = nullptr;
+    }
+}
+
+std::string LinuxSource::describe() const {
+    return "linux namespace " + (opts_.netns.empty() ? std::string("(ipsimd's own)") : opts_.netns);
+}
+
+void LinuxSource::build_scenario() {
+    scenario_ = scenario::Scenario{};
+    scenario_.source = describe();
+    scenario_.master = kNode;
+    scenario_.master_ep = kNode;
+    scenario::Node node;
+    node.number = kNode;
+    node.chassis = 1;
+    node.role = scenario::Role::kMaster;
+    scenario_.nodes.push_back(node);
+    scenario_.vrfs.push_back({0, "public"});
+    scenario_.services.push_back({kNode, "IPStack", 2});
+    // VRF devices first, in ifindex order: their slaves need their indexes.
+    for (const auto& [index, l] : links_) {
+        if (l.kind == "vrf") vrf_device(l);
+    }
+    for (const auto& [index, l] : links_) {
+        if (l.kind != "vrf") scenario_.interfaces.push_back(interface_of(l));
+    }
+    for (const nl::Addr& a : first_addrs_) {
+        const auto it = links_.find(a.ifindex);
+        if (it == links_.end() || it->second.kind == "vrf") continue;
+        scenario::Address sa;
+        sa.ifindex = a.ifindex;
+        sa.addr = a.addr;
+        sa.mask = mask_of(a.prefix_len);
+        sa.method = scenario::kMethodManual;
+        sa.sub = (a.flags & IFA_F_SECONDARY) != 0;
+        scenario_.addresses.push_back(sa);
+    }
+    first_addrs_.clear();
+}
+
+std::uint16_t LinuxSource::vrf_of_link(const nl::Link& l) const {
+    const auto it = l.master != 0 ? vrf_of_device_.find(l.master) : vrf_of_device_.end();
+    return it != vrf_of_device_.end() ? it->second : 0;
+}
+
+scenario::Interface LinuxSource::interface_of(const nl::Link& l) const {
+    scenario::Interface i;
+    i.index = l.index;
+    i.name = l.name.substr(0, kMaxName);
+    i.node = kNode;
+    i.type = type_of(l);
+    i.flags = l.flags & ~kIfFlagSpansNodes;
+    i.l2 = l.slave_kind == "bridge" || l.slave_kind == "bond";
+    i.vrf = vrf_of_link(l);
+    if (l.mac) std::copy(l.mac->begin(), l.mac->end(), std::begin(i.mac));
+    i.mtu = l.mtu;
+    return i;
+}
+
+void LinuxSource::vrf_device(const nl::Link& l) {
+    std::uint16_t index = 0;
+    const auto dev = vrf_of_device_.find(l.index);
+    const auto table = l.vrf_table ? vrf_of_table_.find(*l.vrf_table) : vrf_of_table_.end();
+    if (dev != vrf_of_device_.end()) {
+        index = dev->second;
+    } else if (table != vrf_of_table_.end()) {
+        index = table->second;  // a table seen before its device: the VRF takes the device's name
+    } else if (next_vrf_ == 0xFFFF) {
+        SIM_LOG(kWarn, "%s: no VRF index left for %s", describe().c_str(), l.name.c_str());
+        return;
+    } else {
+        index = next_vrf_++;
+    }
+    vrf_of_device_[l.index] = index;
+    if (l.vrf_table) vrf_of_table_[*l.vrf_table] = index;
+    const std::string name = l.name.substr(0, kMaxName);
+    if (ctx_ != nullptr) {
+        ctx_->device.put_vrf(index, name);
+        return;
+    }
+    auto v = std::find_if(scenario_.vrfs.begin(), scenario_.vrfs.end(), [&](const scenario::Vrf& x) { return x.index == index; });
+    if (v == scenario_.vrfs.end()) {
+        scenario_.vrfs.push_back({index, name});
+    } else {
+        v->name = name;
+    }
+}
+
+std::optional<std::uint16_t> LinuxSource::vrf_of_table(std::uint32_t table, bool create) {
+    if (table == RT_TABLE_MAIN || table == RT_TABLE_DEFAULT || table == RT_TABLE_UNSPEC) return std::uint16_t{0};
+    if (table == RT_TABLE_LOCAL) return std::nullopt;
+    const auto it = vrf_of_table_.find(table);
+    if (it != vrf_of_table_.end()) return it->second;
+    if (!create || ctx_ == nullptr || next_vrf_ == 0xFFFF) return std::nullopt;
+    const std::uint16_t index = next_vrf_++;
+    vrf_of_table_[table] = index;
+    ctx_->device.put_vrf(index, "table" + std::to_string(table));
+    return index;
+}
+
+std::optional<std::string> LinuxSource::attach(Context& ctx) {
+    ctx_ = &ctx;
+    {
+        const Applying mark(applying_);
+        // Neighbours first: a route's next hop takes its MAC from them.
+        if (const int rc = nl::dump_neighs(*requests_, *this); rc != 0) {
+            return describe() + ": cannot read the neighbours: " + errno_text(rc);
+        }
+        if (const int rc = nl::dump_routes(*requests_, *this); rc != 0) {
+            return describe() + ": cannot read the routes: " + errno_text(rc);
+        }
+    }
+    ctx.loop.watch(events_->fd(), EPOLLIN, this);
+    ctx.mirror = this;
+    // The first reading comes with the loop's first round, once every module is attached.
+    schedule_counters(std::chrono::milliseconds(0));
+    SIM_LOG(kInfo, "%s: %zu interfaces, %zu VRFs, %zu addresses, %zu IPv4 and %zu IPv6 routes, %zu ARP and %zu ND neighbours%s",
+            describe().c_str(), ctx.device.interfaces().size(), ctx.device.vrfs().size() - 1, ctx.addrs.size(),
+            ctx.fib.count(2), ctx.fib.count(10), ctx.neighs.size(2), ctx.neighs.size(10),
+            opts_.writable ? ", writable" : "");
+    return std::nullopt;
+}
+
+// ---- What the namespace tells ---------------------------------------------------------------
+
+void LinuxSource::link(const nl::Link& l, bool gone) {
+    if (ctx_ == nullptr) {
+        if (gone) {
+            links_.erase(l.index);
+        } else {
+            links_[l.index] = l;
+        }
+        return;
+    }
+    const Applying mark(applying_);
+    if (gone) {
+        drop_link(l.index);
+        links_.erase(l.index);
+        return;
+    }
+    const auto prev = links_.find(l.index);
+    const bool was_up = prev != links_.end() && (prev->second.flags & IFF_UP) != 0;
+    links_[l.index] = l;
+    if (l.kind == "vrf") {
+        if (ctx_->device.interface(l.index) != nullptr) drop_link(l.index);
+        vrf_device(l);
+        return;
+    }
+    const scenario::Interface itf = interface_of(l);
+    const scenario::Interface* old = ctx_->device.interface(l.index);
+    const bool moved = old != nullptr && old->vrf != itf.vrf;
+    ctx_->device.put_interface(itf);
+    if (moved) move_to_vrf(l.index, itf.vrf);
+    // Linux drops the routes of a link taken down without a word.
+    if (was_up && (l.flags & IFF_UP) == 0) drop_routes_via(l.index);
+}
+
+void LinuxSource::addr(const nl::Addr& a, bool gone) {
+    if (ctx_ == nullptr) {
+        const auto same = [&](const nl::Addr& x) { return x.ifindex == a.ifindex && x.addr == a.addr; };
+        first_addrs_.erase(std::remove_if(first_addrs_.begin(), first_addrs_.end(), same), first_addrs_.end());
+        if (!gone) first_addrs_.push_back(a);
+        return;
+    }
+    const scenario::Interface* itf = ctx_->device.interface(a.ifindex);
+    if (itf == nullptr) return;
+    const Applying mark(applying_);
+    if (gone) {
+        ctx_->addrs.remove(a.ifindex, a.addr);
+        return;
+    }
+    IPAddrInfo info{};
+    IPAddrKey& k = info.stEntry.stKey;
+    k.uiIfIndex = a.ifindex;
+    k.usVrfIndex = itf->vrf;
+    k.uiAddr = a.addr;
+    k.uiMask = mask_of(a.prefix_len);
+    k.uiMethod = scenario::kMethodManual;
+    const std::uint32_t sub = (a.flags & IFA_F_SECONDARY) != 0 ? kFlagSub : 0;
+    info.stEntry.uiFlag = sub;
+    if (const IPAddrInfo* had = ctx_->addrs.find(a.ifindex, a.addr)) {
+        const IPAddrKey& h = had->stEntry.stKey;
+        if (h.uiMask == k.uiMask && h.usVrfIndex == k.usVrfIndex && (had->stEntry.uiFlag & kFlagSub) == sub) return;
+        // What a client said of its own address (method, words) stays.
+        const IPAddrInfo keep = *had;
+        k.uiMethod = keep.stEntry.stKey.uiMethod;
+        info.uiInfo1 = keep.uiInfo1;
+        info.uiInfo2 = keep.uiInfo2;
+        info.stEntry.uiFlag = (keep.stEntry.uiFlag & ~kFlagSub) | sub;
+    }
+    ctx_->addrs.put(info);
+}
+
+void LinuxSource::route(const nl::Route& r, bool gone) {
+    if (ctx_ == nullptr || (r.flags & RTM_F_CLONED) != 0) return;
+    switch (r.type) {
+        case RTN_UNICAST:
+        case RTN_BLACKHOLE:
+        case RTN_UNREACHABLE:
+        case RTN_PROHIBIT: break;
+        default: return;
+    }
+    const auto vrf = vrf_of_table(r.table, !gone);
+    if (!vrf) return;
+    Route out;
+    out.vrf = *vrf;
+    out.family = r.family == AF_INET6 ? 10 : 2;
+    out.prefix_len = r.dst_len;
+    out.prefix = r.dst;
+    if (r.gateway) out.next_hop = *r.gateway;
+    out.ifindex = r.oif;
+    out.via_ifindex = r.oif;
+    out.node = 0;
+    out.active = (r.flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) == 0;
+    const Applying mark(applying_);
+    if (gone) {
+        ctx_->fib.remove(FibTable::key_of(out));
+        return;
+    }
+    if (const scenario::Interface* itf = r.oif != 0 ? ctx_->device.interface(r.oif) : nullptr) {
+        std::copy(std::begin(itf->mac), std::end(itf->mac), out.own_mac.begin());
+        if (r.gateway) {
+            if (const Neighbour* n = ctx_->neighs.find(out.family, r.oif, *r.gateway)) out.mac = n->mac;
+        }
+    }
+    if (seen_routes_) seen_routes_->insert(FibTable::key_of(out));
+    ctx_->fib.put(out);
+}
+
+void LinuxSource::neigh(const nl::Neigh& n, bool gone) {
+    if (ctx_ == nullptr || (n.flags & NTF_PROXY) != 0) return;
+    const scenario::Interface* itf = ctx_->device.interface(n.ifindex);
+    if (itf == nullptr) return;
+    const std::uint8_t family = n.family == AF_INET6 ? 10 : 2;
+    const Applying mark(applying_);
+    const bool drop = gone || n.state == NUD_NONE || (n.state & (NUD_FAILED | NUD_NOARP)) != 0;
+    if (drop) {
+        ctx_->neighs.remove(family, n.ifindex, n.addr);
+        return;
+    }
+    const Neighbour* had = ctx_->neighs.find(family, n.ifindex, n.addr);
+    Neighbour e = had != nullptr ? *had : Neighbour{};
+    e.family = family;
+    e.ifindex = n.ifindex;
+    e.addr = n.addr;
+    e.vrf = itf->vrf;
+    e.node = itf->node;
+    if (n.mac) e.mac = *n.mac;
+    if ((n.state & NUD_PERMANENT) != 0) {
+        e.kind = NeighKind::kStatic;
+        e.state = NeighState::kReachable;
+        e.aging = 0;
+    } else {
+        e.kind = NeighKind::kDynamic;
+        e.aging = 1200;
+        e.state = (n.state & NUD_REACHABLE) != 0 ? NeighState::kReachable
+                  : (n.state & NUD_STALE) != 0   ? NeighState::kStale
+                  : (n.state & NUD_DELAY) != 0   ? NeighState::kDelay
+                  : (n.state & NUD_PROBE) != 0   ? NeighState::kProbe
+                                                 : NeighState::kIncomplete;
+    }
+    const bool same = had != nullptr && had->state == e.state && had->mac == e.mac && had->kind == e.kind;
+    if (!same) e.updated = ctx_->uptime();
+    if (e.state == NeighState::kIncomplete) {
+        if (had == nullptr || had->state != NeighState::kIncomplete) e.incomplete_since = ctx_->uptime();
+    } else {
+        e.incomplete_since = 0;
+    }
+    ctx_->neighs.put(e);
+}
+
+// ---- Keeping the tables in step ---------------------------------------------------------------
+
+void LinuxSource::drop_link(std::uint32_t ifindex) {
+    vrf_of_device_.erase(ifindex);  // the VRF itself stays known
+    if (ctx_->device.interface(ifindex) == nullptr) return;
+    std::vector<std::uint32_t> addrs;
+    ctx_->addrs.each([&](const IPAddrInfo& a) {
+        if (a.stEntry.stKey.uiIfIndex == ifindex) addrs.push_back(a.stEntry.stKey.uiAddr);
+    });
+    for (const std::uint32_t a : addrs) ctx_->addrs.remove(ifindex, a);
+    for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
+        std::vector<NeighAddr> gone;
+        ctx_->neighs.each(family, [&](const Neighbour& n) {
+            if (n.ifindex == ifindex) gone.push_back(n.addr);
+        });
+        for (const NeighAddr& a : gone) ctx_->neighs.remove(family, ifindex, a);
+    }
+    drop_routes_via(ifindex);
+    ctx_->device.remove_interface(ifindex);
+}
+
+void LinuxSource::drop_routes_via(std::uint32_t ifindex) {
+    for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
+        std::vector<FibTable::Key> gone;
+        std::optional<FibTable::Key> at;
+        while (const Route* r = ctx_->fib.next(family, kNode, at)) {
+            at = FibTable::key_of(*r);
+            if (r->ifindex == ifindex) gone.push_back(*at);
+        }
+        for (const auto& k : gone) ctx_->fib.remove(k);
+    }
+}
+
+void LinuxSource::move_to_vrf(std::uint32_t ifindex, std::uint16_t vrf) {
+    std::vector<IPAddrInfo> moved;
+    ctx_->addrs.each([&](const IPAddrInfo& a) {
+        if (a.stEntry.stKey.uiIfIndex == ifindex && a.stEntry.stKey.usVrfIndex != vrf) moved.push_back(a);
+    });
+    for (IPAddrInfo& a : moved) {
+        a.stEntry.stKey.usVrfIndex = vrf;
+        ctx_->addrs.put(a);
+    }
+    for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
+        std::vector<Neighbour> changed;
+        ctx_->neighs.each(family, [&](const Neighbour& n) {
+            if (n.ifindex == ifindex && n.vrf != vrf) changed.push_back(n);
+        });
+        for (Neighbour& n : changed) {
+            n.vrf = vrf;
+            ctx_->neighs.put(n);
+        }
+    }
+}
+
+void LinuxSource::ready(std::uint32_t) {
+    const auto r = events_->drain(nl::event_cb, static_cast<nl::Sink*>(this));
+    if (r == nl::Socket::Read::kOverflow) {
+        SIM_LOG(kWarn, "%s: notifications were lost; reading the namespace again", describe().c_str());
+        resync();
+    } else if (r == nl::Socket::Read::kFailed) {
+        SIM_LOG(kError, "%s: the notification socket failed: %s", describe().c_str(), std::strerror(errno));
+    }
+}
+
+void LinuxSource::resync() {
+    const Applying mark(applying_);
+    seen_routes_.emplace();
+    nl::Sink& sink = *this;
+    int rc = nl::dump_links(*requests_, sink);
+    if (rc == 0) rc = nl::dump_addrs(*requests_, sink);
+    if (rc == 0) rc = nl::dump_neighs(*requests_, sink);
+    if (rc == 0) rc = nl::dump_routes(*requests_, sink);
+    if (rc == 0) {
+        for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
+            std::vector<FibTable::Key> gone;
+            std::optional<FibTable::Key> at;
+            while (const Route* r = ctx_->fib.next(family, kNode, at)) {
+                at = FibTable::key_of(*r);
+                if (seen_routes_->count(*at) == 0) gone.push_back(*at);
+            }
+            for (const auto& k : gone) ctx_->fib.remove(k);
+        }
+    } else {
+        SIM_LOG(kError, "%s: cannot read the namespace again: %s", describe().c_str(), std::strerror(rc));
+    }
+    seen_routes_.reset();
+}
+
+// ---- Counters ---------------------------------------------------------------------------------
+
+void LinuxSource::schedule_counters(std::chrono::milliseconds delay) {
+    const std::weak_ptr<bool> alive = alive_;
+    ctx_->loop.after(delay, [this, alive] {
+        const auto live = alive.lock();
+        if (!live || !*live) return;
+        refresh_counters();
+        schedule_counters(kCountersPeriod);
+    });
+}
+
+void LinuxSource::refresh_counters() {
+    // The link dump brings the link counters, and the links up to date on the way.
+    if (const int rc = nl::dump_links(*requests_, *this); rc != 0) {
+        SIM_LOG(kDebug, "%s: link counters unread: %s", describe().c_str(), std::strerror(rc));
+    }
+    const nl::ProcCounters proc = proc_.read();
+    add_counts("ip", 0, nl::ip_counters(proc));
+    std::uint32_t loopback = 0;
+    for (const auto& [index, itf] : ctx_->device.interfaces()) {
+        if (itf.type == kTypeLoopback) {
+            loopback = index;
+            break;
+        }
+    }
+    if (loopback != 0) add_counts("icmp", loopback, nl::icmp_counters(proc));
+    for (const auto& [index, l] : links_) {
+        if (l.stats && ctx_->device.interface(index) != nullptr) add_counts("mib", index, nl::mib_counters(*l.stats));
+    }
+}
+
+void LinuxSource::add_counts(const char* set, std::uint32_t ifindex, const nl::Named& values) {
+    nlohmann::json counts = nlohmann::json::object();
+    for (const auto& [name, value] : values) {
+        std::string key = std::string(set) + "/" + std::to_string(ifindex) + "/";
+        key.append(name);
+        std::uint64_t& last = last_counts_[key];
+        // A counter that went down started again (a link made anew): all of it is new.
+        const std::uint64_t delta = value >= last ? value - last : value;
+        last = value;
+        if (delta != 0) counts[std::string(name)] = delta;
+    }
+    if (counts.empty()) return;
+    nlohmann::json req{{"op", "ipstat.traffic"}, {"node", kNode}, {set, std::move(counts)}};
+    if (ifindex != 0) req["interface"] = ifindex;
+    const auto answer = nlohmann::json::parse(ctx_->control.answer(req.dump()), nullptr, false);
+    if (!answer.is_object() || !answer.value("ok", false)) {
+        SIM_LOG(kDebug, "%s: counters of %s not taken: %s", describe().c_str(), set, answer.dump().c_str());
+    }
+}
+
+// ---- Requests carried out on the namespace --------------------------------------------------------
+
+int LinuxSource::add_address(const IPAddrInfo& info) {
+    const IPAddrKey& k = info.stEntry.stKey;
+    nl::Addr a;
+    a.ifindex = k.uiIfIndex;
+    a.prefix_len = static_cast<std::uint8_t>(prefix_len(k.uiMask));
+    a.addr = k.uiAddr;
+    const int rc = nl::add_addr(*requests_, a);
+    if (rc != 0) SIM_LOG(kWarn, "%s: the kernel refused an address on %u: %s", describe().c_str(), k.uiIfIndex, std::strerror(rc));
+    return rc;
+}
+
+int LinuxSource::delete_address(std::uint32_t ifindex, std::uint32_t addr, std::uint32_t mask) {
+    nl::Addr a;
+    a.ifindex = ifindex;
+    a.prefix_len = static_cast<std::uint8_t>(prefix_len(mask));
+    a.addr = addr;
+    const int rc = nl::del_addr(*requests_, a);
+    // An address the namespace does not have is as good as deleted.
+    if (rc == EADDRNOTAVAIL || rc == ENOENT || rc == ENODEV) return 0;
+    if (rc != 0) SIM_LOG(kWarn, "%s: the kernel refused to delete an address on %u: %s", describe().c_str(), ifindex, std::strerror(rc));
+    return rc;
+}
+
+int LinuxSource::resolve(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr) {
+    nl::Neigh n;
+    n.family = family == 10 ? AF_INET6 : AF_INET;
+    n.ifindex = ifindex;
+    n.addr = addr;
+    const int rc = nl::use_neigh(*requests_, n);
+    if (rc != 0) SIM_LOG(kDebug, "%s: the kernel did not resolve a neighbour on %u: %s", describe().c_str(), ifindex, std::strerror(rc));
+    return rc;
+}
+
+}  // namespace sim
