@@ -1,6 +1,7 @@
 # What `cmake --install` puts in place, split in three components that the Debian packages
 # follow: runtime (the shared libraries), dev (headers, link names, pkg-config and CMake
-# package files) and tools (the simulator, its man page and default scenario).
+# package files) and tools (the simulator, its man page and default scenario; ipctl, whose
+# binary tools/ipctl installs, its man pages and its bash completion).
 include(CMakePackageConfigHelpers)
 
 install(TARGETS ipclient ipclient-platform
@@ -42,7 +43,21 @@ foreach(page ipsimd.1)
     DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/${page} VERBATIM)
   list(APPEND IPCLIENT_MAN_PAGES ${PROJECT_BINARY_DIR}/man/${page}.gz)
 endforeach()
-add_custom_target(man_pages ALL DEPENDS ${IPCLIENT_MAN_PAGES})
+# ipctl's pages are of section 8: the tool's own and one per object.
+set(IPCLIENT_MAN8_PAGES "")
+foreach(page ipctl.8 ipctl-device.8 ipctl-addr.8 ipctl-neigh.8 ipctl-route.8 ipctl-stats.8 ipctl-monitor.8
+    ipctl-status.8)
+  add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/man/${page}.gz
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man
+    COMMAND ${IPCLIENT_GZIP} -9nc ${PROJECT_SOURCE_DIR}/docs/man/${page} > ${PROJECT_BINARY_DIR}/man/${page}.gz
+    DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/${page} VERBATIM)
+  list(APPEND IPCLIENT_MAN8_PAGES ${PROJECT_BINARY_DIR}/man/${page}.gz)
+endforeach()
+add_custom_target(man_pages ALL DEPENDS ${IPCLIENT_MAN_PAGES} ${IPCLIENT_MAN8_PAGES})
 install(FILES ${IPCLIENT_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES ${IPCLIENT_MAN8_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
+# ipctl's bash completion, where bash-completion loads it on first use of the command.
+install(FILES ${PROJECT_SOURCE_DIR}/tools/ipctl/completion/ipctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/sim/scenario/default.yaml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/ipsimd COMPONENT tools)

@@ -1,7 +1,7 @@
 # Debian packages (`cpack -G DEB` in the build directory), one per install component:
 #   libipclient0     the shared libraries (runtime)
 #   libipclient-dev  headers, link names, pkg-config and CMake package files (dev)
-#   ipclient-tools   the simulated device and its files (tools)
+#   ipclient-tools   the simulated device and its files, and ipctl (tools)
 # Dependencies on other packages come from dpkg-shlibdeps; the development package depends
 # on the runtime package of the same version.
 set(CPACK_PACKAGE_NAME ipclient)
@@ -32,8 +32,13 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION
   "IP client library: development files\n Headers, pkg-config file and CMake package of the IP client library.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ipclient-tools)
+# ipctl links the libraries of the runtime package: dpkg-shlibdeps finds them in the build
+# tree, and the dependency on the runtime package of the same version comes from the
+# components.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/platform)
+set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
-  "IP client tools: the simulated device\n ipsimd, a simulated device that answers the IP client library's channels.")
+  "IP client tools: the simulated device and ipctl\n ipsimd, a simulated device that answers the IP client library's channels, and\n ipctl, a command-line tool that shows and changes a device's IP state through\n the library: nodes, addresses, neighbours, routes, statistics and events.")
 
 include(CPack)

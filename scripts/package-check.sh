@@ -28,12 +28,25 @@ bash scripts/abi-check.sh "$dir"
 
 echo "== install and out-of-tree consumer"
 prefix=$work/prefix
+# ipctl's man pages and bash completion, besides its binary.
+ipctl_files="share/bash-completion/completions/ipctl"
+for page in ipctl ipctl-device ipctl-addr ipctl-neigh ipctl-route ipctl-stats ipctl-monitor ipctl-status; do
+  ipctl_files+=" share/man/man8/$page.8.gz"
+done
 cmake --install "$dir" --prefix "$prefix" >/dev/null
 for f in lib/libipclient.so.0 lib/libipclient-platform.so.0 include/ipclient/ipaddr.h include/ipplat/platform.h \
   lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake bin/ipsimd share/man/man1/ipsimd.1.gz \
-  share/ipsimd/default.yaml lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so; do
+  share/ipsimd/default.yaml lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so bin/ipctl $ipctl_files; do
   test -e "$prefix/$f" || { echo "not installed: $f" >&2; exit 1; }
 done
+# The installed ipctl runs, and its man pages render without a warning.
+LD_LIBRARY_PATH="$prefix/lib" "$prefix/bin/ipctl" --help >/dev/null || { echo "installed ipctl --help failed" >&2; exit 1; }
+if command -v man >/dev/null; then
+  for page in "$prefix"/share/man/man8/ipctl*.8.gz; do
+    warnings=$(man --warnings -l -Tutf8 "$page" 2>&1 >/dev/null) || warnings="man failed: $warnings"
+    [ -z "$warnings" ] || { echo "$(basename "$page"): $warnings" >&2; exit 1; }
+  done
+fi
 soname=$(readelf -d "$prefix/lib/libipclient.so" | sed -n 's/.*SONAME.*\[\(.*\)\]/\1/p')
 [ "$soname" = libipclient.so.0 ] || { echo "SONAME is '$soname'" >&2; exit 1; }
 unversioned=$(nm -D --defined-only "$prefix/lib/libipclient.so" | grep -v ' A ' | grep -vc '@@IPCLIENT_0' || true)
@@ -66,8 +79,9 @@ check_deb "libipclient$major" "lib/libipclient.so.$version" "lib/libipclient.so.
   "lib/libipclient-platform.so.$version"
 check_deb libipclient-dev include/ipclient/ipaddr.h include/ipplat/testctl.h "lib/libipclient.so ->" \
   lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake
+# shellcheck disable=SC2086  # ipctl_files is a list of paths
 check_deb ipclient-tools bin/ipsimd share/man/man1/ipsimd.1.gz share/ipsimd/default.yaml \
-  lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so
+  lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so bin/ipctl $ipctl_files
 for lib in libl2vpn.so libl3vpn.so; do
   extra=$(nm -D --defined-only "$prefix/lib/ipsimd/$lib" | grep -v ' A ' | grep -vc ' L[23]VPN_' || true)
   [ "$extra" = 0 ] || { echo "$lib exports $extra symbols besides its entry points" >&2; exit 1; }
@@ -78,6 +92,9 @@ dpkg-deb -f "$dev_deb" Depends | grep -q "libipclient$major (= $version)" ||
 tools_deb=$(ls "$work"/deb/ipclient-tools_*.deb)
 dpkg-deb -f "$tools_deb" Depends | grep -q libyaml-cpp ||
   { echo "ipclient-tools lacks its shared-library dependencies" >&2; exit 1; }
+# ipctl links the runtime package's libraries.
+dpkg-deb -f "$tools_deb" Depends | grep -q "libipclient$major (= $version)" ||
+  { echo "ipclient-tools does not depend on libipclient$major (= $version)" >&2; exit 1; }
 if dpkg-deb --contents "$(ls "$work"/deb/libipclient"$major"_*.deb)" | grep -q '\.h$'; then
   echo "the runtime package holds headers" >&2; exit 1
 fi

@@ -43,6 +43,7 @@ void addr_show(Context& ctx, const CLI::App& verb, Words words) {
         if (words.next() == "dev") words.value_of("dev", &dev);
         else words.unexpected();
     }
+    require_device();
     const std::uint32_t ifindex = dev ? interface_index(verb, *dev) : IPADDR_ANY_IFINDEX;
     IPAddrEntry e{};
     std::uint32_t seen = 0;
@@ -76,6 +77,7 @@ void addr_change(const CLI::App& verb, Words words, bool add) {
 
 void addr_summary(Context& ctx, Words words) {
     words.expect_end();
+    require_device();
     char buf[4096] = {};
     const std::uint32_t rc = IPAddr_GetIpSummary(sizeof buf, buf);
     if (rc != 0) status_error("reading the IP summary", rc);

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "ipclient/kernel.h"
 #include "ipctl.hpp"
 #include "ipplat/platform.h"
 #include "status_names.hpp"
@@ -34,6 +35,15 @@ void status_error(std::string_view what, std::uint32_t status) {
 void failure(std::string_view message) {
     std::fprintf(stderr, "ipctl: %.*s\n", static_cast<int>(message.size()), message.data());
     throw Exit{kExitFailed};
+}
+
+void require_device() {
+    // The address module answers on every device, so its epoch request is the probe.
+    std::uint8_t epoch = 0;
+    if (IPAddr_Drvk_GetAddrGlobalEpoch(0, 0, &epoch) == 0) return;
+    const char* env = std::getenv("IPCLIENT_INSTANCE");
+    failure(std::string("the device does not answer (is a simulator running for instance \"") +
+            (env != nullptr && *env != '\0' ? env : "default") + "\"?)");
 }
 
 std::string Words::next() {
@@ -130,7 +140,13 @@ int main(int argc, char** argv) {
         const CLI::App* at = &app;
         for (std::vector<CLI::App*> subs = app.get_subcommands(); !subs.empty(); subs = at->get_subcommands())
             at = subs.front();
-        std::fprintf(stderr, "Error: %s\nUsage: ipctl [-i NAME] [-n N] [-j] [-p] %s\n", e.what(),
+        // A word where an object or a verb belongs is left over as an extra: name it rather
+        // than say that the object or verb is missing.
+        std::string message = e.what();
+        const std::vector<std::string> extras = at->remaining();
+        if (dynamic_cast<const CLI::RequiredError*>(&e) != nullptr && !extras.empty())
+            message = std::string(at == &app ? "unknown object" : "unknown command") + " \"" + extras.front() + "\"";
+        std::fprintf(stderr, "Error: %s\nUsage: ipctl [-i NAME] [-n N] [-j] [-p] %s\n", message.c_str(),
                      at->get_footer().c_str());
         return kExitUsage;
     }

@@ -202,9 +202,11 @@ void monitor(Context& ctx, const CLI::App& verb, Words words, std::uint64_t coun
         const int n = ::poll(fds.data(), fds.size(), 200);
         if (n <= 0) continue;
         for (std::size_t i = 0; i < fds.size(); ++i) {
-            if ((fds[i].revents & (POLLHUP | POLLERR)) != 0 && (fds[i].revents & POLLIN) == 0)
-                failure(std::string("the ") + sources[i].name + " events channel closed");
             if ((fds[i].revents & POLLIN) != 0) sources[i].drain(sources[i].fd);
+            // A closed channel stays readable (at its end) for ever: what was queued before
+            // the close has just been delivered; the monitor ends there.
+            if ((fds[i].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0)
+                failure(std::string("the ") + sources[i].name + " events channel closed");
         }
     }
     (void)verb;

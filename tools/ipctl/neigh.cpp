@@ -119,6 +119,7 @@ void neigh_show(Context& ctx, const CLI::App& verb, Words words, bool v4, bool v
         else words.unexpected();
     }
     if (!v4 && !v6) v4 = v6 = true;
+    require_device();
     const std::uint32_t ifindex = dev ? interface_index(verb, *dev) : 0;
     if (v4) walk_arp(ctx, ifindex);
     if (v6) walk_nd(ctx, ifindex);

@@ -265,6 +265,7 @@ void route_show(Context& ctx, const CLI::App& verb, Words words, bool v6) {
 void route_get(Context& ctx, const CLI::App& verb, Words words) {
     const std::string target = words.next();
     words.expect_end();
+    if (parse_inet4(target) || parse_inet6(target)) require_device();
     std::uint64_t count = 0;
     if (const auto a4 = parse_inet4(target)) {
         for (int len = 32; len >= 0; --len) {

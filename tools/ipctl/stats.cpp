@@ -81,6 +81,7 @@ std::uint16_t own_node(const Context& ctx) {
 }
 
 void show_ip(Context& ctx) {
+    require_device();
     std::uint32_t c[IP_STAT_COUNTERS] = {};
     Record r;
     if (ctx.node) {
@@ -101,6 +102,7 @@ void show_icmp(Context& ctx, const CLI::App& verb, Words& words) {
         if (words.next() == "dev") words.value_of("dev", &dev);
         else words.unexpected();
     }
+    require_device();
     std::uint32_t sum[IP_ICMPIF_COUNTERS] = {};
     Record r;
     if (dev) {
@@ -163,6 +165,7 @@ void stats_show(Context& ctx, const CLI::App& verb, Words words) {
 
 void stats_ttl(Context& ctx, Words words) {
     words.expect_end();
+    require_device();
     const std::uint32_t ttl = IP_GetDefTTL();
     Record r;
     r.add("ttl", ttl, std::to_string(ttl), "ttl");
