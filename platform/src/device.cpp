@@ -2,6 +2,7 @@
 #include "device.hpp"
 
 #include <errno.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -118,6 +119,8 @@ int connect_device() noexcept {
 struct ThreadConn {
     int fd = -1;
     std::uint32_t generation = 0;
+    std::uint64_t opened = 0;  // connections this thread opened
+    std::int64_t checked = 0;  // when the peer was last seen to be there
     ~ThreadConn() { drop(); }
     void drop() noexcept {
         if (fd >= 0) ::close(fd);
@@ -138,6 +141,7 @@ int thread_fd() noexcept {
     if (fd < 0) return -1;
     t_conn.fd = fd;
     t_conn.generation = gen;
+    ++t_conn.opened;
     return fd;
 }
 
@@ -174,6 +178,25 @@ void reconnect() noexcept {
     int expected = kDevice;
     g_mode.compare_exchange_strong(expected, kUnknown);
     g_next_probe.store(0, std::memory_order_relaxed);
+}
+
+std::uint64_t connection_serial() noexcept { return t_conn.opened; }
+
+bool connection_current() noexcept {
+    if (t_conn.fd < 0 || t_conn.generation != g_generation.load(std::memory_order_acquire)) return false;
+    // At most one look a millisecond: the peer's end shows as hang-up (or as readable, since
+    // no answer is ever due between calls).
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    const std::int64_t now = std::int64_t{ts.tv_sec} * 1'000'000'000 + ts.tv_nsec;
+    if (now - t_conn.checked < 1'000'000) return true;
+    pollfd p{t_conn.fd, POLLIN, 0};
+    if (::poll(&p, 1, 0) != 0) {
+        t_conn.drop();
+        return false;
+    }
+    t_conn.checked = now;
+    return true;
 }
 
 std::uint16_t local_node() noexcept { return static_cast<std::uint16_t>(g_local.load(std::memory_order_acquire)); }

@@ -1,6 +1,9 @@
 // The platform calls that a simulated device answers, each as one call on the device channel.
+#include <time.h>
+
 #include <cstdlib>
 #include <map>
+#include <tuple>
 #include <mutex>
 #include <cstring>
 #include <new>
@@ -48,6 +51,68 @@ PathContexts& path_contexts() {
     return p;
 }
 
+// Directory answers (node locations, interface data) are kept by each thread for a short
+// while: a walk that names the same few nodes and interfaces for every record (the FIB dump
+// file names both for every route) then asks the simulator once per interval instead of
+// several times a record. A change of the directory is seen at most kDirectoryKeepNs later,
+// and never across connections (a restarted or another simulator).
+constexpr std::int64_t kDirectoryKeepNs = 100'000'000;
+constexpr std::size_t kDirectoryEntries = 4096;
+
+// The coarse monotonic clock: a few milliseconds of resolution are plenty here, and it is
+// read for every directory call.
+std::int64_t coarse_now_ns() noexcept {
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    return std::int64_t{ts.tv_sec} * 1'000'000'000 + ts.tv_nsec;
+}
+
+struct KeptAnswer {
+    std::int64_t at = 0;
+    std::uint64_t serial = 0;
+    std::optional<Answer> answer;
+    std::array<std::uint8_t, 64> bytes{};
+};
+
+// The answer of a directory call from the thread's store, or asked and stored.
+const KeptAnswer& kept_answer(Call c, std::uint32_t a, std::uint32_t b, std::span<const std::uint8_t> fields,
+                             KeptAnswer& passing) {
+    thread_local std::map<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t>, KeptAnswer> kept;
+    const auto key = std::make_tuple(static_cast<std::uint32_t>(c), a, b);
+    const std::int64_t now = coarse_now_ns();
+    std::uint64_t serial = connection_serial();
+    const auto it = kept.find(key);
+    if (it != kept.end() && it->second.serial == serial && now - it->second.at < kDirectoryKeepNs &&
+        connection_current())
+        return it->second;
+    if (kept.size() >= kDirectoryEntries) kept.clear();
+    serial = connection_serial();  // the look above may have dropped the connection
+    KeptAnswer k;
+    k.answer = call(c, fields, {}, k.bytes);
+    // Kept only when it came from the connection that is open now.
+    k.serial = connection_serial();
+    k.at = now;
+    if (k.serial != serial || !k.answer) {
+        passing = k;
+        kept.erase(key);
+        return passing;
+    }
+    return kept[key] = k;
+}
+
+const KeptAnswer& directory_answer(Call c, std::uint32_t a, std::uint32_t b,
+                                   std::span<const std::uint8_t> fields) noexcept {
+    static thread_local KeptAnswer passing;
+    try {
+        return kept_answer(c, a, b, fields, passing);
+    } catch (...) {
+        // No room to keep it: asked without the store.
+        passing = KeptAnswer{};
+        passing.answer = call(c, fields, {}, passing.bytes);
+        return passing;
+    }
+}
+
 std::uint64_t anchor_word(void* anchor) noexcept { return reinterpret_cast<std::uintptr_t>(anchor); }
 
 std::uint32_t handle_id(void* h) noexcept { return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(h) >> 1); }
@@ -90,10 +155,11 @@ DeviceInfo device_info() noexcept {
 void node_location(std::uint16_t node, std::uint16_t* chassis, std::uint16_t* slot, std::uint16_t* cpu) noexcept {
     Frame<2> f;
     f.be<0>(node);
-    const auto r = ask<6>(Call::kNodeLocation, f);
-    *chassis = r ? load_be<std::uint16_t>(r->data()) : 0;
-    *slot = r ? load_be<std::uint16_t>(r->data() + 2) : 0;
-    *cpu = r ? load_be<std::uint16_t>(r->data() + 4) : 0;
+    const KeptAnswer& k = directory_answer(Call::kNodeLocation, node, 0, f.span());
+    const bool ok = k.answer && k.answer->result == 0 && k.answer->len >= 6;
+    *chassis = ok ? load_be<std::uint16_t>(k.bytes.data()) : 0;
+    *slot = ok ? load_be<std::uint16_t>(k.bytes.data() + 2) : 0;
+    *cpu = ok ? load_be<std::uint16_t>(k.bytes.data() + 4) : 0;
 }
 
 std::uint16_t* nodes(bool standby, std::uint32_t* count) noexcept {
@@ -133,8 +199,9 @@ std::uint32_t if_data(std::uint32_t ifindex, std::uint32_t item, void* out) noex
     Frame<8> f;
     f.be<0>(ifindex);
     f.be<4>(item);
-    std::uint8_t buf[64] = {};
-    const auto a = call(Call::kIfData, f.span(), {}, buf);
+    const KeptAnswer& k = directory_answer(Call::kIfData, ifindex, item, f.span());
+    const auto& a = k.answer;
+    const std::uint8_t* buf = k.bytes.data();
     if (!a) return kFailure;
     if (a->result != 0) return a->result;
     // The items are host-order values and a zero-terminated name.

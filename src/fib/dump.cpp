@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "common/dump_handle.hpp"
 #include "common/raii.hpp"
@@ -24,9 +25,57 @@ constexpr std::uint32_t kMaxEmptyPulls = 1024;
 constexpr std::size_t kLineMax = 512;
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 constexpr char kHeader[] = "[FIB Info]\r\n";
-constexpr char kLine[] =
-    "{%hu, %hu, %hu}, {%s, %s/%u} -> {%s, %s, %s}, "
-    "{%02x-%02x-%02x-%02x-%02x-%02x, %02x-%02x-%02x-%02x-%02x-%02x, %hu/%hu, %s}\r\n";
+
+// One route's line, the bytes of the format
+//   "{%hu, %hu, %hu}, {%s, %s/%u} -> {%s, %s, %s}, "
+//   "{%02x-%02x-%02x-%02x-%02x-%02x, %02x-%02x-%02x-%02x-%02x-%02x, %hu/%hu, %s}\r\n"
+// printed into kLineMax bytes (at most kLineMax - 1 characters kept), put together piece by
+// piece: the general formatter would cost more than everything else a route takes.
+class LineText {
+public:
+    void text(const char* s) noexcept {
+        while (*s != '\0' && n_ < kLineMax - 1) buf_[n_++] = *s++;
+    }
+    void number(std::uint32_t v) noexcept {
+        char digits[10];
+        std::size_t k = 0;
+        do {
+            digits[k++] = static_cast<char>('0' + v % 10);
+            v /= 10;
+        } while (v != 0);
+        while (k > 0 && n_ < kLineMax - 1) buf_[n_++] = digits[--k];
+    }
+    void hex2(std::uint8_t v) noexcept {
+        static constexpr char kHex[] = "0123456789abcdef";
+        if (n_ < kLineMax - 1) buf_[n_++] = kHex[v / 16];
+        if (n_ < kLineMax - 1) buf_[n_++] = kHex[v % 16];
+    }
+    void mac(const std::uint8_t* m) noexcept {
+        for (std::size_t i = 0; i < 6; ++i) {
+            if (i != 0) text("-");
+            hex2(m[i]);
+        }
+    }
+    const char* data() const noexcept { return buf_; }
+    std::size_t size() const noexcept { return n_; }
+
+private:
+    char buf_[kLineMax];
+    std::size_t n_ = 0;
+};
+
+// The decimal text of a value into a small buffer ("%u"), cut to fit and terminated.
+void decimal(std::uint32_t v, std::span<char> out) noexcept {
+    char digits[10];
+    std::size_t k = 0;
+    do {
+        digits[k++] = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v != 0);
+    std::size_t i = 0;
+    while (k > 0 && i + 1 < out.size()) out[i++] = digits[--k];
+    if (!out.empty()) out[i] = '\0';
+}
 
 // Big-endian fields of the dump entry converted before use (the mask at 8 when used).
 constexpr std::array<ipc::wire::Field, 7> kEntryFields{{{0, 2}, {40, 2}, {42, 2}, {16, 4}, {20, 4}, {24, 4}, {44, 4}}};
@@ -77,14 +126,14 @@ bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) no
     char via[32] = {};
     const auto at24 = field<std::uint32_t>(rec, 24);
     if (at24 != kNone) {
-        (void)scnprintf(via, 25, "%u", at24);
+        decimal(at24, std::span<char>(via, 25));
     } else {
         interface_name(field<std::uint32_t>(rec, 20), via);
     }
     char at16[16] = {};
     const auto v16 = field<std::uint32_t>(rec, 16);
     if (v16 != kNone) {
-        (void)scnprintf(at16, sizeof at16, "%u", v16);
+        decimal(v16, at16);
     } else {
         (void)scnprintf(at16, sizeof at16, "Null");
     }
@@ -94,11 +143,37 @@ bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) no
     };
     const std::uint8_t* m1 = rec + 28;
     const std::uint8_t* m2 = rec + 34;
-    char line[kLineMax];
-    const int n = scnprintf(line, sizeof line, kLine, LIP_GetChassID(node), LIP_GetSlotID(node), LIP_GetCpuID(node),
-                            vpn, dest, prefix_length(mask), hop, via, at16, m1[0], m1[1], m1[2], m1[3], m1[4], m1[5],
-                            m2[0], m2[1], m2[2], m2[3], m2[4], m2[5], half(40), half(42), out_if);
-    return std::fwrite(line, static_cast<std::size_t>(n), 1, file) == 1;
+    LineText line;
+    line.text("{");
+    line.number(LIP_GetChassID(node));
+    line.text(", ");
+    line.number(LIP_GetSlotID(node));
+    line.text(", ");
+    line.number(LIP_GetCpuID(node));
+    line.text("}, {");
+    line.text(vpn);
+    line.text(", ");
+    line.text(dest);
+    line.text("/");
+    line.number(prefix_length(mask));
+    line.text("} -> {");
+    line.text(hop);
+    line.text(", ");
+    line.text(via);
+    line.text(", ");
+    line.text(at16);
+    line.text("}, {");
+    line.mac(m1);
+    line.text(", ");
+    line.mac(m2);
+    line.text(", ");
+    line.number(half(40));
+    line.text("/");
+    line.number(half(42));
+    line.text(", ");
+    line.text(out_if);
+    line.text("}\r\n");
+    return std::fwrite(line.data(), line.size(), 1, file) == 1;
 }
 
 // Writes one node's table; 0, 0x40010001 or 0x4001000B.

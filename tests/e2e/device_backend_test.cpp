@@ -110,5 +110,54 @@ TEST(DeviceBackendE2E, DeviceThatGoesAwayLeavesCallsFailing) {
     EXPECT_EQ(returned, 0u);
 }
 
+// Directory answers are kept for a short while per thread, but never across connections: a
+// simulator restarted on another scenario is asked again at once.
+TEST(DeviceDirectory, AnswersOfAnEarlierSimulatorAreNotKept) {
+    std::string text;
+    run({IPSIMD_PATH, "--print-default-scenario"}, &text);
+    SimProcess first;
+    ASSERT_TRUE(first.start()) << first.log();
+    char name[IF_NAME_SIZE] = {};
+    ASSERT_EQ(IF_GetDataByIfIndex(kGe1, IF_DATA_NAME, name), 0u);
+    EXPECT_STREQ(name, "GigabitEthernet1/0/1");
+    std::uint16_t chassis = LIP_GetChassID(2), slot = LIP_GetSlotID(2);
+    EXPECT_EQ(chassis, 1u);
+    EXPECT_EQ(slot, 1u);
+    ASSERT_EQ(first.stop(), 0);
+
+    std::string renamed = text;
+    for (auto at = renamed.find("GigabitEthernet1/0/1"); at != std::string::npos;
+         at = renamed.find("GigabitEthernet1/0/1", at))
+        renamed.replace(at, 20, "GigabitEthernet9/0/1");
+    const auto node2 = renamed.find("{number: 2, chassis: 1, slot: 1");
+    ASSERT_NE(node2, std::string::npos);
+    renamed.replace(node2, 31, "{number: 2, chassis: 1, slot: 7");
+    SimProcess second;
+    ASSERT_TRUE(second.start({"--scenario", temp_file("renamed.yaml", renamed)})) << second.log();
+    ASSERT_EQ(IF_GetDataByIfIndex(kGe1, IF_DATA_NAME, name), 0u);
+    EXPECT_STREQ(name, "GigabitEthernet9/0/1") << "the restarted simulator's name, not the kept one";
+    EXPECT_EQ(LIP_GetSlotID(2), 7u);
+    EXPECT_EQ(second.stop(), 0);
+}
+
+// Within one connection the answer is kept for at most a tenth of a second: a walk that names
+// the same interface for every record asks once, and a change is seen soon after.
+TEST(DeviceDirectory, AKeptAnswerGivesTheSameBytesAsTheFirst) {
+    SimProcess sim;
+    ASSERT_TRUE(sim.start()) << sim.log();
+    char a[IF_NAME_SIZE], b[IF_NAME_SIZE];
+    std::memset(a, 0x55, sizeof a);
+    std::memset(b, 0x55, sizeof b);
+    ASSERT_EQ(IF_GetDataByIfIndex(kGeNode2, IF_DATA_NAME, a), 0u);
+    ASSERT_EQ(IF_GetDataByIfIndex(kGeNode2, IF_DATA_NAME, b), 0u);
+    EXPECT_EQ(std::memcmp(a, b, sizeof a), 0) << "the whole 32-byte item, terminator and padding alike";
+    std::uint16_t node = 0;
+    ASSERT_EQ(IF_GetDataByIfIndex(kGeNode2, IF_DATA_NODE, &node), 0u);
+    EXPECT_EQ(node, 2u);
+    EXPECT_EQ(IF_GetDataByIfIndex(4242, IF_DATA_NAME, a), 0x40010001u) << "an unknown interface still fails";
+    EXPECT_EQ(IF_GetDataByIfIndex(4242, IF_DATA_NAME, a), 0x40010001u) << "and fails again when kept";
+    EXPECT_EQ(sim.stop(), 0);
+}
+
 }  // namespace
 }  // namespace e2e
