@@ -1058,12 +1058,12 @@ const std::string kTopUsage = "OBJECT COMMAND [ARGS]; OBJECT := device | addr | 
 TEST_F(IpctlUsage, UnknownObject) {
     expect_usage({"link", "show"}, "unknown object \"link\"", kTopUsage);
     expect_usage({"-j", "foo"}, "unknown object \"foo\"", kTopUsage);
-    expect_usage({}, "A subcommand is required", kTopUsage);
+    expect_usage({}, "an object is missing", kTopUsage);
 }
 
 TEST_F(IpctlUsage, MissingOrUnknownVerb) {
-    expect_usage({"addr"}, "A subcommand is required", "addr { show | add | del | summary } ...");
-    expect_usage({"neigh"}, "A subcommand is required", "neigh { show | resolve } ...");
+    expect_usage({"addr"}, "a command is missing", "addr { show | add | del | summary } ...");
+    expect_usage({"neigh"}, "a command is missing", "neigh { show | resolve } ...");
     expect_usage({"route", "list"}, "unknown command \"list\"", "route { show | get | save } ...");
 }
 

@@ -146,6 +146,8 @@ int main(int argc, char** argv) {
         const std::vector<std::string> extras = at->remaining();
         if (dynamic_cast<const CLI::RequiredError*>(&e) != nullptr && !extras.empty())
             message = std::string(at == &app ? "unknown object" : "unknown command") + " \"" + extras.front() + "\"";
+        else if (dynamic_cast<const CLI::RequiredError*>(&e) != nullptr && at->get_subcommands({}).size() > 0)
+            message = at == &app ? "an object is missing" : "a command is missing";
         std::fprintf(stderr, "Error: %s\nUsage: ipctl [-i NAME] [-n N] [-j] [-p] %s\n", message.c_str(),
                      at->get_footer().c_str());
         return kExitUsage;
