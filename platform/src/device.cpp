@@ -182,21 +182,22 @@ void reconnect() noexcept {
 
 std::uint64_t connection_serial() noexcept { return t_conn.opened; }
 
-bool connection_current() noexcept {
-    if (t_conn.fd < 0 || t_conn.generation != g_generation.load(std::memory_order_acquire)) return false;
+std::uint64_t current_serial() noexcept {
+    ThreadConn& c = t_conn;
+    if (c.fd < 0 || c.generation != g_generation.load(std::memory_order_acquire)) return 0;
     // At most one look a millisecond: the peer's end shows as hang-up (or as readable, since
     // no answer is ever due between calls).
     timespec ts{};
     ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
     const std::int64_t now = std::int64_t{ts.tv_sec} * 1'000'000'000 + ts.tv_nsec;
-    if (now - t_conn.checked < 1'000'000) return true;
-    pollfd p{t_conn.fd, POLLIN, 0};
+    if (now - c.checked < 1'000'000) return c.opened;
+    pollfd p{c.fd, POLLIN, 0};
     if (::poll(&p, 1, 0) != 0) {
-        t_conn.drop();
-        return false;
+        c.drop();
+        return 0;
     }
-    t_conn.checked = now;
-    return true;
+    c.checked = now;
+    return c.opened;
 }
 
 std::uint16_t local_node() noexcept { return static_cast<std::uint16_t>(g_local.load(std::memory_order_acquire)); }

@@ -29,9 +29,10 @@ void reconnect() noexcept;
 // How many connections the calling thread opened so far: answers kept from an earlier
 // connection (another simulator, or the same one restarted) are not this one's.
 std::uint64_t connection_serial() noexcept;
-// True when the calling thread's connection is open, of the current instance, and its peer
-// is still there (looked at no more than once a millisecond); a dead one is dropped.
-bool connection_current() noexcept;
+// connection_serial() while the calling thread's connection is open, of the current
+// instance, and its peer is still there (looked at no more than once a millisecond); else 0,
+// and a dead connection is dropped.
+std::uint64_t current_serial() noexcept;
 // The node this process runs on, as the simulator assigned it.
 std::uint16_t local_node() noexcept;
 

@@ -74,42 +74,65 @@ struct KeptAnswer {
     std::array<std::uint8_t, 64> bytes{};
 };
 
+using DirectoryKey = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t>;
+
+// A thread's kept answers, with the few asked last in front (a walk asks the same handful
+// over and over).
+struct DirectoryStore {
+    std::map<DirectoryKey, KeptAnswer> kept;
+    std::array<std::pair<DirectoryKey, const KeptAnswer*>, 8> recent{};
+    std::size_t next_recent = 0;
+    KeptAnswer passing;
+};
+
+bool fresh(const KeptAnswer& k, std::uint64_t serial, std::int64_t now) noexcept {
+    return k.serial == serial && now - k.at < kDirectoryKeepNs;
+}
+
 // The answer of a directory call from the thread's store, or asked and stored.
-const KeptAnswer& kept_answer(Call c, std::uint32_t a, std::uint32_t b, std::span<const std::uint8_t> fields,
-                             KeptAnswer& passing) {
-    thread_local std::map<std::tuple<std::uint32_t, std::uint32_t, std::uint32_t>, KeptAnswer> kept;
-    const auto key = std::make_tuple(static_cast<std::uint32_t>(c), a, b);
+const KeptAnswer& kept_answer(DirectoryStore& st, Call c, std::uint32_t a, std::uint32_t b,
+                              std::span<const std::uint8_t> fields) {
+    const DirectoryKey key{static_cast<std::uint32_t>(c), a, b};
     const std::int64_t now = coarse_now_ns();
-    std::uint64_t serial = connection_serial();
-    const auto it = kept.find(key);
-    if (it != kept.end() && it->second.serial == serial && now - it->second.at < kDirectoryKeepNs &&
-        connection_current())
-        return it->second;
-    if (kept.size() >= kDirectoryEntries) kept.clear();
-    serial = connection_serial();  // the look above may have dropped the connection
+    const std::uint64_t serial = current_serial();
+    if (serial != 0) {
+        for (const auto& [k, kept] : st.recent) {
+            if (kept != nullptr && k == key && fresh(*kept, serial, now)) return *kept;
+        }
+        const auto it = st.kept.find(key);
+        if (it != st.kept.end() && fresh(it->second, serial, now)) {
+            st.recent[st.next_recent++ % st.recent.size()] = {key, &it->second};
+            return it->second;
+        }
+    }
+    if (st.kept.size() >= kDirectoryEntries) {
+        st.kept.clear();
+        st.recent = {};
+    }
     KeptAnswer k;
     k.answer = call(c, fields, {}, k.bytes);
-    // Kept only when it came from the connection that is open now.
+    // Kept only when it came from the connection that was open and current before the call.
     k.serial = connection_serial();
     k.at = now;
-    if (k.serial != serial || !k.answer) {
-        passing = k;
-        kept.erase(key);
-        return passing;
+    if (serial == 0 || k.serial != serial || !k.answer) {
+        st.passing = k;
+        return st.passing;
     }
-    return kept[key] = k;
+    KeptAnswer& slot = st.kept[key];
+    slot = k;
+    return slot;
 }
 
 const KeptAnswer& directory_answer(Call c, std::uint32_t a, std::uint32_t b,
                                    std::span<const std::uint8_t> fields) noexcept {
-    static thread_local KeptAnswer passing;
+    thread_local DirectoryStore store;
     try {
-        return kept_answer(c, a, b, fields, passing);
+        return kept_answer(store, c, a, b, fields);
     } catch (...) {
         // No room to keep it: asked without the store.
-        passing = KeptAnswer{};
-        passing.answer = call(c, fields, {}, passing.bytes);
-        return passing;
+        store.passing = KeptAnswer{};
+        store.passing.answer = call(c, fields, {}, store.passing.bytes);
+        return store.passing;
     }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cerrno>
 #include <cstring>
 
 #include "internal.hpp"
@@ -33,7 +34,25 @@ size_t strlcpy(char* dst, const char* src, size_t size) {
 }
 
 IPPLAT_API const char* __wrap_inet_ntop(int af, const void* src, char* dst, socklen_t size) {
-    return ::inet_ntop(af, src, dst, size);
+    if (af != AF_INET || src == nullptr || dst == nullptr) return ::inet_ntop(af, src, dst, size);
+    // Dotted decimal written directly, the same text the system's conversion gives: the
+    // forwarding-table file converts two addresses for every route.
+    const auto* b = static_cast<const std::uint8_t*>(src);
+    char text[INET_ADDRSTRLEN];
+    std::size_t n = 0;
+    for (int i = 0; i < 4; ++i) {
+        const unsigned v = b[i];
+        if (v >= 100) text[n++] = static_cast<char>('0' + v / 100);
+        if (v >= 10) text[n++] = static_cast<char>('0' + v / 10 % 10);
+        text[n++] = static_cast<char>('0' + v % 10);
+        text[n++] = i < 3 ? '.' : '\0';
+    }
+    if (n > size) {
+        errno = ENOSPC;
+        return nullptr;
+    }
+    std::memcpy(dst, text, n);
+    return dst;
 }
 
 uint32_t STLV_Get(const void* buf, uint32_t buf_len, uint16_t* type, uint16_t* len, const void** value) {

@@ -2,6 +2,9 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+
+#include <cerrno>
 #include <cstring>
 
 #include "ipplat/testctl.h"
@@ -43,6 +46,29 @@ TEST_F(RuntimeTest, InetNtopFormatsBothFamilies) {
     v6[15] = 1;
     EXPECT_STREQ(__wrap_inet_ntop(10, v6, text, sizeof text), "fe80::1");
     EXPECT_EQ(__wrap_inet_ntop(2, v4, text, 4), nullptr);
+}
+
+TEST_F(RuntimeTest, InetNtopGivesTheSystemsTextForEveryOctetWidth) {
+    // Every octet value in every place, against the system's own conversion.
+    char mine[16], theirs[16];
+    for (unsigned v = 0; v < 256; ++v) {
+        const std::uint8_t a[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(255 - v),
+                                   static_cast<std::uint8_t>(v * 7), static_cast<std::uint8_t>(v / 3)};
+        ASSERT_NE(__wrap_inet_ntop(2, a, mine, sizeof mine), nullptr);
+        ASSERT_NE(::inet_ntop(AF_INET, a, theirs, sizeof theirs), nullptr);
+        ASSERT_STREQ(mine, theirs);
+    }
+}
+
+TEST_F(RuntimeTest, InetNtopRefusesARoomOneByteShortAndWritesNothing) {
+    const std::uint8_t a[4] = {10, 200, 3, 45};  // "10.200.3.45": 11 characters and the terminator
+    char text[16];
+    std::memset(text, 'x', sizeof text);
+    errno = 0;
+    EXPECT_EQ(__wrap_inet_ntop(2, a, text, 11), nullptr);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(text[0], 'x') << "nothing written";
+    EXPECT_STREQ(__wrap_inet_ntop(2, a, text, 12), "10.200.3.45");
 }
 
 }  // namespace
