@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/fib.h"
 
@@ -116,9 +117,7 @@ TEST_F(FibE2E, ForwardingTableFileOfTwoNodes) {
 TEST_F(FibE2E, RoutesChangedWhileRunningMoveTheSequenceAndAreFound) {
     auto be_seq = [] {
         const std::uint32_t raw = FIB4_GetRouteChangeSeq();
-        std::uint8_t b[4];
-        std::memcpy(b, &raw, 4);
-        return (std::uint32_t{b[0]} << 24) | (std::uint32_t{b[1]} << 16) | (std::uint32_t{b[2]} << 8) | b[3];
+        return ipc::wire::load_be<std::uint32_t>(&raw);
     };
     const std::uint32_t before = be_seq();
     const auto added = control({{"op", "route.add"},
