@@ -59,19 +59,21 @@ run_one() {
   fi
 }
 
+# Two targets at a time: a new one starts as soon as either running one ends.
 failed=0
-pids=()
-names=()
+running=0
 for t in "${targets[@]}"; do
-  run_one "$t" &
-  pids+=($!)
-  names+=("$t")
-  if ((${#pids[@]} == 2)); then
-    wait "${pids[0]}" || failed=1
-    pids=("${pids[@]:1}")
+  if ((running == 2)); then
+    wait -n || failed=1
+    running=$((running - 1))
   fi
+  run_one "$t" &
+  running=$((running + 1))
 done
-for p in "${pids[@]}"; do wait "$p" || failed=1; done
+while ((running > 0)); do
+  wait -n || failed=1
+  running=$((running - 1))
+done
 if ((failed)); then
   echo "fuzz: findings kept in $dir/findings" >&2
   exit 1
