@@ -5,7 +5,8 @@
 # device-context and interface calls (LIP_, DEV_, MDC_, IF_) that
 # platform/include/ipplat/platform.h declares with IPPLAT_API.
 #
-#   cmake -DTOOL=<ipctl binary> -DSOURCE_DIR=<source tree> -P check_ipctl_symbols.cmake
+#   cmake -DTOOL=<ipctl binary> -DSOURCE_DIR=<source tree> "-DLIBS=<libipclient>;<platform library>"
+#         -P check_ipctl_symbols.cmake
 execute_process(COMMAND nm -D --undefined-only ${TOOL} OUTPUT_VARIABLE nm_out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${TOOL}")
@@ -36,6 +37,24 @@ if(n_api EQUAL 0 OR n_dir EQUAL 0)
 endif()
 list(APPEND allowed ${directory})
 
+# What libipclient and the platform library define: the names to check.
+set(provided "")
+foreach(lib IN LISTS LIBS)
+  execute_process(COMMAND nm -D --defined-only ${lib} OUTPUT_VARIABLE lib_out RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "nm failed on ${lib}")
+  endif()
+  string(REGEX MATCHALL "[0-9a-f]+ [TDBRVWi] [A-Za-z_][A-Za-z0-9_]*" lib_rows "${lib_out}")
+  foreach(r IN LISTS lib_rows)
+    string(REGEX REPLACE "^[0-9a-f]+ [TDBRVWi] " "" n "${r}")
+    list(APPEND provided ${n})
+  endforeach()
+endforeach()
+list(LENGTH provided n_provided)
+if(n_provided EQUAL 0)
+  message(FATAL_ERROR "no symbols found in the libraries: ${LIBS}")
+endif()
+
 # nm prints "                 U name@VERSION" or "                 w name".
 string(REPLACE "\n" ";" rows "${nm_out}")
 set(offending "")
@@ -52,6 +71,12 @@ foreach(row IN LISTS rows)
   set(name "${CMAKE_MATCH_2}")
   set(version "${CMAKE_MATCH_4}")
   if(kind STREQUAL "w" OR version MATCHES "^(GLIBC|GLIBCXX|CXXABI|GCC)_")
+    continue()
+  endif()
+  # Only what the project's libraries provide is held to the list (a sanitizer build
+  # leaves the run-time's and its interceptors' names undefined too, unversioned).
+  list(FIND provided "${name}" ours)
+  if(ours EQUAL -1)
     continue()
   endif()
   list(FIND allowed "${name}" at)

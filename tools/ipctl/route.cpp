@@ -308,7 +308,10 @@ void add_route(CLI::App& app, Context& ctx) {
     auto v6 = std::make_shared<bool>(false);
     CLI::App* show = add_verb(object, "show", "IPv4 routes of every running node, or IPv6 routes by prefix",
                               "route show [-4|-6] [vrf NAME] [PREFIX]", ctx,
-                              [&ctx, v6](const CLI::App& verb, Words w) { route_show(ctx, verb, std::move(w), *v6); });
+                              [&ctx, v4, v6](const CLI::App& verb, Words w) {
+                                  (void)v4;  // kept alive for the -4 flag that writes it
+                                  route_show(ctx, verb, std::move(w), *v6);
+                              });
     CLI::Option* o4 = show->add_flag("-4", *v4, "IPv4 routes (the default)");
     show->add_flag("-6", *v6, "IPv6 routes")->excludes(o4);
     add_verb(object, "get", "the longest prefix that holds an address", "route get ADDR", ctx,
