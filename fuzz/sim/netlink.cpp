@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<std::uint64_t> buf((size + 7) / 8 + 1);
     std::memcpy(buf.data(), data, size);
     Keep keep;
-    (void)mnl_cb_run(buf.data(), size, 0, 0, sim::nl::event_cb, static_cast<sim::nl::Sink*>(&keep));
+    (void)sim::nl::run_messages(buf.data(), size, 0, 0, sim::nl::event_cb, static_cast<sim::nl::Sink*>(&keep));
     volatile std::uint64_t seen = keep.sum();
     (void)seen;
     return 0;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <linux/if_link.h>
+#include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 
 #include <array>
@@ -86,6 +87,12 @@ int neigh_event(const nlmsghdr* nlh, Sink& sink);
 // Any notification of a subscribed socket, sent to its object's event function
 // (an mnl_cb_t whose data is the Sink).
 int event_cb(const nlmsghdr* nlh, void* sink);
+
+// The bytes of a receive that are whole messages: each at least a header long and no longer
+// than what remains; the first that is not ends them.
+std::size_t whole_messages(const void* buf, std::size_t n);
+// mnl_cb_run over the whole messages of a receive only.
+int run_messages(const void* buf, std::size_t n, unsigned seq, unsigned portid, mnl_cb_t cb, void* data);
 
 // Requests that change the namespace (a writable source). 0, or the kernel's errno.
 int add_addr(Socket& s, const Addr& a);

@@ -18,16 +18,41 @@ namespace {
 // must not overflow it before the loop comes round to read.
 constexpr int kEventBuffer = 32 << 20;
 
+// Messages start 4-aligned (the length of the one before, rounded up).
+constexpr std::size_t align4(std::size_t len) noexcept { return (len + 3) & ~std::size_t{3}; }
+
 // True when the buffer holds the message that ends a dump or answers a request.
 bool holds_end(const std::uint8_t* buf, ssize_t n) {
-    int left = static_cast<int>(n);
-    for (auto* h = reinterpret_cast<const nlmsghdr*>(buf); mnl_nlmsg_ok(h, left); h = mnl_nlmsg_next(h, &left)) {
-        if (h->nlmsg_type == NLMSG_DONE || h->nlmsg_type == NLMSG_ERROR) return true;
+    const std::size_t whole = whole_messages(buf, static_cast<std::size_t>(n));
+    for (std::size_t at = 0; at < whole;) {
+        nlmsghdr h;
+        std::memcpy(&h, buf + at, sizeof h);
+        if (h.nlmsg_type == NLMSG_DONE || h.nlmsg_type == NLMSG_ERROR) return true;
+        at += align4(h.nlmsg_len);
     }
     return false;
 }
 
 }  // namespace
+
+std::size_t whole_messages(const void* buf, std::size_t n) {
+    const auto* bytes = static_cast<const std::uint8_t*>(buf);
+    std::size_t at = 0;
+    while (n - at >= sizeof(nlmsghdr)) {
+        nlmsghdr h;
+        std::memcpy(&h, bytes + at, sizeof h);
+        // A length shorter than the header or longer than what remains ends the buffer (a
+        // length near 2^32 would otherwise align to a step of nothing).
+        if (h.nlmsg_len < sizeof(nlmsghdr) || h.nlmsg_len > n - at) break;
+        const std::size_t step = align4(h.nlmsg_len);
+        at = step >= n - at ? n : at + step;
+    }
+    return at;
+}
+
+int run_messages(const void* buf, std::size_t n, unsigned seq, unsigned portid, mnl_cb_t cb, void* data) {
+    return mnl_cb_run(buf, whole_messages(buf, n), seq, portid, cb, data);
+}
 
 NetnsScope::NetnsScope(const std::string& name) {
     if (name.empty()) return;
@@ -104,7 +129,7 @@ int Socket::run(mnl_cb_t cb, void* data) {
             if (holds_end(in_.data(), n)) return EINTR;
             continue;
         }
-        const int ret = mnl_cb_run(in_.data(), static_cast<std::size_t>(n), seq, portid(), cb, data);
+        const int ret = run_messages(in_.data(), static_cast<std::size_t>(n), seq, portid(), cb, data);
         if (ret == MNL_CB_ERROR) {
             if (errno != EINTR) return errno;
             if (holds_end(in_.data(), n)) return EINTR;
@@ -130,7 +155,7 @@ Socket::Read Socket::drain(mnl_cb_t cb, void* data) {
             return Read::kFailed;
         }
         if (n == 0) break;
-        if (mnl_cb_run(in_.data(), static_cast<std::size_t>(n), 0, 0, cb, data) == MNL_CB_ERROR) {
+        if (run_messages(in_.data(), static_cast<std::size_t>(n), 0, 0, cb, data) == MNL_CB_ERROR) {
             SIM_LOG(kDebug, "a notification could not be read: %s", std::strerror(errno));
         }
     }
