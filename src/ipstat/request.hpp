@@ -8,25 +8,9 @@
 #include "ipplat/platform.h"
 #include "kernel/channel.hpp"
 #include "kernel/commands.hpp"
+#include "ipstat/ops.hpp"
 
 namespace ipc::ipstat {
-
-// Operations of the IP module.
-enum class Op : std::uint16_t {
-    kShowIpStat = 0,
-    kIpStat = 1,
-    kFwIfStat = 2,
-    kIcmpIfStat = 9,
-    kIfMtu = 11,
-    kSetDefTtl = 14,
-    kGetDefTtl = 15,
-    kBpaCfg = 24,
-    kBpaStat = 25,
-    kConf = 35,
-    kMibIfStat = 37,
-    kClearFwIfStat = 62,
-    kFwConf = 108,
-};
 
 // [BE16 op][BE16 4][BE32 data].
 inline wire::Frame<8> request(Op op, std::uint32_t data) noexcept {
