@@ -10,11 +10,11 @@
 
 #include <arpa/inet.h>
 
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 
 #include "context.hpp"
+#include "control/args.hpp"
 
 namespace sim {
 namespace {
@@ -52,26 +52,6 @@ std::uint8_t parse_address(const std::string& text, std::array<std::uint8_t, 16>
     return family;
 }
 
-std::uint32_t interface_of(const Context& ctx, const nlohmann::json& v) {
-    const std::uint32_t ifindex =
-        v.is_string() ? ctx.device.find_interface(v.get<std::string>()) : v.get<std::uint32_t>();
-    if (ctx.device.interface(ifindex) == nullptr) throw std::invalid_argument("no such interface");
-    return ifindex;
-}
-
-std::array<std::uint8_t, 6> mac_of(const std::string& text) {
-    std::array<unsigned, 6> v{};
-    char tail = 0;
-    if (std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x%c", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &tail) != 6)
-        throw std::invalid_argument("bad MAC address " + text);
-    std::array<std::uint8_t, 6> mac{};
-    for (std::size_t i = 0; i < 6; ++i) {
-        if (v[i] > 255) throw std::invalid_argument("bad MAC address " + text);
-        mac[i] = static_cast<std::uint8_t>(v[i]);
-    }
-    return mac;
-}
-
 nlohmann::json state(const Context& ctx) {
     return {{"routes4", ctx.fib.count(2)},
             {"routes6", ctx.fib.count(10)},
@@ -92,12 +72,12 @@ Route route_of(const Context& ctx, const nlohmann::json& req) {
         r.next_hop = hop;
     }
     if (req.contains("interface")) {
-        r.ifindex = interface_of(ctx, req["interface"]);
+        r.ifindex = interface_value(ctx, req["interface"]);
         r.via_ifindex = r.ifindex;
         const auto* itf = ctx.device.interface(r.ifindex);
         std::copy(std::begin(itf->mac), std::end(itf->mac), r.own_mac.begin());
     }
-    if (req.contains("mac")) r.mac = mac_of(req["mac"].get<std::string>());
+    if (req.contains("mac")) r.mac = mac_arg(req["mac"]);
     return r;
 }
 

@@ -11,6 +11,7 @@
 
 #include "common/wire.hpp"
 #include "context.hpp"
+#include "control/args.hpp"
 #include "modules/resolver.hpp"
 
 namespace sim {
@@ -407,19 +408,6 @@ NeighAddr parse_addr(const json& req) {
     return a;
 }
 
-std::array<std::uint8_t, kMacLen> parse_mac(const json& v) {
-    std::array<unsigned, kMacLen> p{};
-    char tail = 0;
-    if (!v.is_string() || std::sscanf(v.get_ref<const std::string&>().c_str(), "%x:%x:%x:%x:%x:%x%c", &p[0], &p[1],
-                                      &p[2], &p[3], &p[4], &p[5], &tail) != 6 ||
-        std::any_of(p.begin(), p.end(), [](unsigned x) { return x > 0xFF; })) {
-        throw std::invalid_argument("mac must read aa:bb:cc:dd:ee:ff");
-    }
-    std::array<std::uint8_t, kMacLen> m{};
-    std::transform(p.begin(), p.end(), m.begin(), [](unsigned x) { return static_cast<std::uint8_t>(x); });
-    return m;
-}
-
 std::uint32_t interface_arg(const Context& ctx, const json& req) {
     const auto ifindex = static_cast<std::uint32_t>(number(req, "ifindex", 0xFFFFFFFFu));
     if (ctx.device.interface(ifindex) == nullptr) throw std::invalid_argument("no interface " + std::to_string(ifindex));
@@ -591,7 +579,7 @@ void NdModule::attach(Context& ctx) {
         n.addr = addr;
         n.vrf = itf->vrf;
         n.node = itf->node;
-        if (req.contains("mac")) n.mac = parse_mac(req.at("mac"));
+        if (req.contains("mac")) n.mac = mac_arg(req.at("mac"));
         if (req.contains("state")) n.state = state_arg(req);
         if (req.contains("kind")) n.kind = kind_arg(req);
         if (req.contains("port")) {

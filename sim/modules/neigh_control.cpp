@@ -9,12 +9,12 @@
 //                 one change of the table: the way to make a burst of events.
 #include <arpa/inet.h>
 
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 
 #include "common/wire.hpp"
 #include "context.hpp"
+#include "control/args.hpp"
 #include "modules/neigh_control.hpp"
 
 namespace sim {
@@ -25,11 +25,7 @@ constexpr std::uint32_t kMaxBurst = 4'000'000;
 
 std::uint32_t interface_of(const Context& ctx, const nlohmann::json& req) {
     if (!req.contains("interface")) throw std::invalid_argument("interface is missing");
-    const auto& v = req["interface"];
-    const std::uint32_t ifindex =
-        v.is_string() ? ctx.device.find_interface(v.get<std::string>()) : v.get<std::uint32_t>();
-    if (ctx.device.interface(ifindex) == nullptr) throw std::invalid_argument("no such interface");
-    return ifindex;
+    return interface_value(ctx, req["interface"]);
 }
 
 std::uint8_t address_of(const std::string& text, NeighAddr* out) {
@@ -37,20 +33,6 @@ std::uint8_t address_of(const std::string& text, NeighAddr* out) {
     if (::inet_pton(AF_INET, text.c_str(), out->data()) == 1) return 2;
     if (::inet_pton(AF_INET6, text.c_str(), out->data()) == 1) return 10;
     throw std::invalid_argument("bad address " + text);
-}
-
-std::array<std::uint8_t, 6> mac_of(const std::string& text) {
-    std::array<unsigned, 6> v{};
-    char tail = 0;
-    if (std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x%c", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &tail) != 6) {
-        throw std::invalid_argument("bad MAC address " + text);
-    }
-    std::array<std::uint8_t, 6> mac{};
-    for (std::size_t i = 0; i < 6; ++i) {
-        if (v[i] > 255) throw std::invalid_argument("bad MAC address " + text);
-        mac[i] = static_cast<std::uint8_t>(v[i]);
-    }
-    return mac;
 }
 
 NeighState state_of(const std::string& s) {
@@ -69,7 +51,7 @@ Neighbour entry_of(const Context& ctx, const nlohmann::json& req, const std::str
     const auto& itf = *ctx.device.interface(n.ifindex);
     n.vrf = itf.vrf;
     n.node = itf.node;
-    if (req.contains("mac")) n.mac = mac_of(req["mac"].get<std::string>());
+    if (req.contains("mac")) n.mac = mac_arg(req["mac"]);
     n.state = state_of(req.value("state", std::string("reachable")));
     if (req.value("kind", std::string("dynamic")) == "static") {
         n.kind = NeighKind::kStatic;

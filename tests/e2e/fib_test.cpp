@@ -167,5 +167,26 @@ TEST_F(FibE2E, ARouteOfTheWrongShapeIsRefused) {
     EXPECT_FALSE(control({{"op", "route.add"}, {"prefix", "10.77.0.0/16"}, {"node", 9}}).value("ok", true));
 }
 
+// Every control operation that takes a MAC reads it the same way: six hexadecimal numbers up
+// to ff, nothing after them; the refusal names the text it could not read.
+TEST_F(FibE2E, ABadMacIsRefusedByEveryOperationThatTakesOne) {
+    const nlohmann::json route = {{"op", "route.add"}, {"prefix", "10.78.0.0/16"}, {"interface", "GigabitEthernet1/0/1"}};
+    const nlohmann::json neigh = {{"op", "neigh.add"}, {"interface", "GigabitEthernet1/0/1"}, {"address", "10.1.1.77"}};
+    const nlohmann::json nd = {{"op", "nd.entry"}, {"ifindex", 2}, {"address", "2001:db8::77"}};
+    for (const char* bad : {"00:11:22:33:44", "00:11:22:33:44:55:66", "00:11:22:33:44:100", "zz:11:22:33:44:55"}) {
+        for (nlohmann::json req : {route, neigh, nd}) {
+            req["mac"] = bad;
+            const auto answer = control(req);
+            EXPECT_FALSE(answer.value("ok", true)) << req.dump();
+            EXPECT_NE(answer.value("error", "").find(bad), std::string::npos) << answer.dump();
+        }
+    }
+    for (nlohmann::json req : {route, neigh, nd}) {
+        req["mac"] = "0:a:Bc:d:e:ff";
+        const auto answer = control(req);
+        EXPECT_TRUE(answer.value("ok", false)) << req.dump() << " " << answer.dump();
+    }
+}
+
 }  // namespace
 }  // namespace e2e

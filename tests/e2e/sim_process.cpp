@@ -37,6 +37,22 @@ std::string temp_dir() {
     return d != nullptr ? d : "/tmp";
 }
 
+int wait_for(pid_t pid, std::chrono::milliseconds limit) {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        int status = 0;
+        const pid_t r = ::waitpid(pid, &status, WNOHANG);
+        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (r < 0) return -1;
+        if (std::chrono::steady_clock::now() >= until) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+}  // namespace
+
+const std::string& instance() { return g_instance; }
+
 pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd) {
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -62,7 +78,7 @@ bool read_line(int fd, std::string* buf, std::string* out, std::chrono::millisec
             return true;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
+        if (left.count() <= 0 || fd < 0) return false;
         pollfd p{fd, POLLIN, 0};
         if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
         char chunk[4096];
@@ -71,22 +87,6 @@ bool read_line(int fd, std::string* buf, std::string* out, std::chrono::millisec
         buf->append(chunk, static_cast<std::size_t>(n));
     }
 }
-
-int wait_for(pid_t pid, std::chrono::milliseconds limit) {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        int status = 0;
-        const pid_t r = ::waitpid(pid, &status, WNOHANG);
-        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        if (r < 0) return -1;
-        if (std::chrono::steady_clock::now() >= until) return -1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-}
-
-}  // namespace
-
-const std::string& instance() { return g_instance; }
 
 nlohmann::json control(const nlohmann::json& request) {
     const ipc::Fd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));

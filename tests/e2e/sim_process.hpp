@@ -48,6 +48,15 @@ private:
     std::string log_path_;
 };
 
+// Starts argv with standard input from /dev/null and out_fd/err_fd (when not -1) as its
+// standard output and error; the process inherits the environment (and so the instance).
+// The pid, or -1.
+pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd);
+
+// The next line from fd (without its newline), buffered in *buf across calls; false at the
+// end of the stream or after `limit`.
+bool read_line(int fd, std::string* buf, std::string* out, std::chrono::milliseconds limit);
+
 // One request on the control channel of this process's simulator; the answer, or
 // {"ok": false, "error": ...} when the channel cannot be reached.
 nlohmann::json control(const nlohmann::json& request);

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,8 +14,6 @@
 #include "common/raii.hpp"
 #include "e2e/sim_process.hpp"
 
-extern char** environ;
-
 namespace ipctl_test {
 
 namespace {
@@ -25,23 +22,6 @@ std::vector<std::string> with_tool(const std::vector<std::string>& args) {
     std::vector<std::string> argv{IPCTL_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
     return argv;
-}
-
-// Starts argv with standard input from /dev/null and the given descriptors as standard
-// output and error; the process inherits the test's environment (and so its instance).
-pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd) {
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&fa, out_fd, 1);
-    posix_spawn_file_actions_adddup2(&fa, err_fd, 2);
-    pid_t pid = -1;
-    if (::posix_spawn(&pid, args[0], &fa, nullptr, args.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&fa);
-    return pid;
 }
 
 int status_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
@@ -121,7 +101,7 @@ Proc::Proc(const std::vector<std::string>& argv) {
         ::close(o[1]);
         return;
     }
-    pid_ = spawn(argv, o[1], e[1]);
+    pid_ = e2e::spawn(argv, o[1], e[1]);
     ::close(o[1]);
     ::close(e[1]);
     out_ = o[0];
@@ -137,29 +117,9 @@ Proc::~Proc() {
     if (err_ >= 0) ::close(err_);
 }
 
-bool Proc::read_line(int fd, std::string* buf, std::string* line, std::chrono::milliseconds limit) {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        const auto nl = buf->find('\n');
-        if (nl != std::string::npos) {
-            *line = buf->substr(0, nl);
-            buf->erase(0, nl + 1);
-            return true;
-        }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || fd < 0) return false;
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
-        char chunk[4096];
-        const ssize_t n = ::read(fd, chunk, sizeof chunk);
-        if (n <= 0) return false;
-        buf->append(chunk, static_cast<std::size_t>(n));
-    }
-}
+bool Proc::out_line(std::string* line, std::chrono::milliseconds limit) { return e2e::read_line(out_, &out_buf_, line, limit); }
 
-bool Proc::out_line(std::string* line, std::chrono::milliseconds limit) { return read_line(out_, &out_buf_, line, limit); }
-
-bool Proc::err_line(std::string* line, std::chrono::milliseconds limit) { return read_line(err_, &err_buf_, line, limit); }
+bool Proc::err_line(std::string* line, std::chrono::milliseconds limit) { return e2e::read_line(err_, &err_buf_, line, limit); }
 
 void Proc::signal(int sig) {
     if (pid_ > 0) ::kill(pid_, sig);
@@ -192,7 +152,7 @@ Result ipctl_on_terminal(const std::vector<std::string>& args, std::chrono::mill
         ::close(slave);
         return r;
     }
-    const pid_t pid = spawn(with_tool(args), o[1], slave);
+    const pid_t pid = e2e::spawn(with_tool(args), o[1], slave);
     ::close(o[1]);
     // Only the child holds the terminal now: reading the master ends (EIO) when it exits.
     ::close(slave);

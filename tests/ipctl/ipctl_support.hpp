@@ -48,7 +48,6 @@ public:
     std::string rest_of_out();
 
 private:
-    bool read_line(int fd, std::string* buf, std::string* line, std::chrono::milliseconds limit);
     pid_t pid_ = -1;
     int out_ = -1;
     int err_ = -1;
