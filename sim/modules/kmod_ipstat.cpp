@@ -20,8 +20,8 @@ constexpr std::size_t kFwReplyLen = 112;
 constexpr std::size_t kBpaLen = kBpaRecords * kBpaCounters * 8;  // 2560
 
 // Operations whose data is an interface index or a value.
-bool takes_data(std::uint16_t op) {
-    switch (static_cast<Op>(op)) {
+bool takes_data(Op op) {
+    switch (op) {
         case Op::kFwIfStat:
         case Op::kIcmpIfStat:
         case Op::kIfMtu:
@@ -190,11 +190,10 @@ std::uint32_t IpStatModule::handle(Context& ctx, std::uint16_t node, std::span<c
                                    std::span<std::uint8_t> reply, std::uint32_t* returned) {
     *returned = 0;
     Reader r(request.data(), request.size());
-    const auto word = r.be<std::uint16_t>();
+    const auto op = static_cast<Op>(r.be<std::uint16_t>());
     const auto len = r.be<std::uint16_t>();
-    if (!r.ok() || len != r.remaining() || (len != 0 && len != 4) || takes_data(word) != (len == 4)) return kFailure;
+    if (!r.ok() || len != r.remaining() || (len != 0 && len != 4) || takes_data(op) != (len == 4)) return kFailure;
     const std::uint32_t data = len == 4 ? r.be<std::uint32_t>() : 0;
-    const auto op = static_cast<Op>(word);
     // Every operation with data names an interface except the TTL's.
     const bool names_if = len == 4 && op != Op::kSetDefTtl;
     if (names_if && ctx.device.interface(data) == nullptr) return kFailure;
