@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -17,7 +18,7 @@ struct Path {
 };
 
 struct Anchors {
-    std::mutex mu;
+    LeafMutex mu;
     std::map<std::uint64_t, Path> paths;
     std::uint64_t next = 1;
     bool fail_next_begin = false;

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <vector>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -18,7 +19,7 @@ struct Fault {
 
 struct Calls {
     std::array<std::atomic<std::uint64_t>, IPP_CALL_COUNT> counts{};
-    std::mutex mu;
+    LeafMutex mu;
     std::array<Fault, IPP_CALL_COUNT> faults{};
     std::uint32_t short_times = 0;
     std::uint32_t short_bytes = 0;

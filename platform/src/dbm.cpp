@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -36,7 +37,7 @@ struct Iterator {
 };
 
 struct Database {
-    std::mutex mu;
+    LeafMutex mu;
     std::map<Group, std::map<Bytes, std::vector<Bytes>, KeyLess>> lists;
     std::map<Group, std::uint32_t> open_failures;
     std::set<Handle*> handles;

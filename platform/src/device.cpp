@@ -16,6 +16,7 @@
 #include "common/endpoint_names.hpp"
 #include "common/wire.hpp"
 #include "internal.hpp"
+#include "ipplat/host.h"
 
 namespace ipp::dev {
 namespace {
@@ -26,13 +27,18 @@ enum Mode : int { kUnknown = 0, kDevice = 1, kDisabled = 2 };
 
 // How long a process waits before it looks for a simulator again after none answered.
 constexpr std::int64_t kProbeInterval = 200'000'000;  // ns
-// A simulator that does not answer a call within this time is taken as gone.
-constexpr time_t kReplyTimeout = 10;  // s
+// A simulator that does not answer a call within this time is taken as gone (a stopped or
+// hung simulator): the call answers as a device without the module would. The environment's
+// IPCLIENT_DEVICE_TIMEOUT_MS (1 to 600000) sets another bound.
+constexpr long kReplyTimeoutMs = 10'000;
 
 std::atomic<int> g_mode{kUnknown};
 std::atomic<std::int64_t> g_next_probe{0};
 std::atomic<std::uint32_t> g_generation{1};
 std::atomic<std::uint32_t> g_local{0};
+// Why the last attempt to reach the simulator failed, and whose socket it found.
+std::atomic<int> g_last_failure{IPP_DEVICE_ABSENT};
+std::atomic<std::uint32_t> g_foreign_uid{0};
 
 std::int64_t now_ns() noexcept {
     timespec ts{};
@@ -49,20 +55,54 @@ std::uint16_t wanted_node() noexcept {
     return (end != nullptr && *end == '\0' && v <= 0xFFFF) ? static_cast<std::uint16_t>(v) : 0;
 }
 
+long reply_timeout_ms() noexcept {
+    static const long ms = [] {
+        const char* env = std::getenv("IPCLIENT_DEVICE_TIMEOUT_MS");
+        if (env == nullptr || *env == '\0') return kReplyTimeoutMs;
+        char* end = nullptr;
+        const long v = std::strtol(env, &end, 10);
+        return (end != nullptr && *end == '\0' && v >= 1 && v <= 600'000) ? v : kReplyTimeoutMs;
+    }();
+    return ms;
+}
+
+// A connection to the instance's device socket, or -1 (and why, in g_last_failure). The
+// socket is taken only from a process of this user or of root: another user's process that
+// holds the name (an impostor, or another user's simulator, which would refuse this one) is
+// not the device.
 int open_device_socket() noexcept {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
+    if (fd < 0) {
+        g_last_failure.store(IPP_DEVICE_NO_RESOURCES, std::memory_order_relaxed);
+        return -1;
+    }
     sockaddr_un sun{};
     const socklen_t n = ipc::names::device(current_instance(), &sun);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&sun), n) != 0) {
+    int rc;
+    do {
+        rc = n == 0 ? -1 : ::connect(fd, reinterpret_cast<const sockaddr*>(&sun), n);
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        g_last_failure.store(IPP_DEVICE_ABSENT, std::memory_order_relaxed);
+        ::close(fd);
+        return -1;
+    }
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 ||
+        (cred.uid != ::geteuid() && cred.uid != 0)) {
+        g_foreign_uid.store(cred.uid, std::memory_order_relaxed);
+        g_last_failure.store(IPP_DEVICE_FOREIGN, std::memory_order_relaxed);
         ::close(fd);
         return -1;
     }
     const int buf = ipc::device::kSocketBuffer;
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &buf, sizeof buf);
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buf, sizeof buf);
-    const timeval tv{kReplyTimeout, 0};
+    const long ms = reply_timeout_ms();
+    const timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>((ms % 1000) * 1000)};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     return fd;
 }
 
@@ -98,7 +138,10 @@ ssize_t hello(int fd, std::uint16_t* local) noexcept {
     iovec in{ans, sizeof ans};
     bool sent = false;
     const ssize_t n = exchange(fd, &out, 1, &in, 1, &sent);
-    if (n < 6 || ipc::wire::load_be<std::uint32_t>(ans) != 0) return -1;
+    if (n < 6 || ipc::wire::load_be<std::uint32_t>(ans) != 0) {
+        g_last_failure.store(IPP_DEVICE_SILENT, std::memory_order_relaxed);
+        return -1;
+    }
     *local = ipc::wire::load_be<std::uint16_t>(ans + 4);
     return n;
 }
@@ -145,17 +188,18 @@ int thread_fd() noexcept {
     return fd;
 }
 
-bool try_attach() noexcept {
+bool try_attach(bool now_or_never = false) noexcept {
     static const int registered = ::pthread_atfork(nullptr, nullptr, &after_fork_in_child);
     (void)registered;
-    const std::int64_t now = now_ns();
-    if (now < g_next_probe.load(std::memory_order_relaxed)) return false;
+    if (!now_or_never && now_ns() < g_next_probe.load(std::memory_order_relaxed)) return false;
     if (thread_fd() >= 0) {
         int expected = kUnknown;
         g_mode.compare_exchange_strong(expected, kDevice);
         return g_mode.load() == kDevice;
     }
-    g_next_probe.store(now + kProbeInterval, std::memory_order_relaxed);
+    // The pause starts when the attempt ended: an attempt that waited for a stopped
+    // simulator must not leave the next one due at once.
+    g_next_probe.store(now_ns() + kProbeInterval, std::memory_order_relaxed);
     return false;
 }
 
@@ -178,6 +222,18 @@ void reconnect() noexcept {
     int expected = kDevice;
     g_mode.compare_exchange_strong(expected, kUnknown);
     g_next_probe.store(0, std::memory_order_relaxed);
+}
+
+int probe(std::uint32_t* owner_uid) noexcept {
+    if (owner_uid != nullptr) *owner_uid = 0;
+    const int mode = g_mode.load(std::memory_order_acquire);
+    if (mode == kDisabled) return IPP_DEVICE_DISABLED;
+    if (mode == kDevice && t_conn.fd >= 0 && current_serial() != 0) return IPP_DEVICE_ATTACHED;
+    if (mode == kDevice) t_conn.drop();
+    if (try_attach(true) && thread_fd() >= 0) return IPP_DEVICE_ATTACHED;
+    const int why = g_last_failure.load(std::memory_order_relaxed);
+    if (why == IPP_DEVICE_FOREIGN && owner_uid != nullptr) *owner_uid = g_foreign_uid.load(std::memory_order_relaxed);
+    return why;
 }
 
 std::uint64_t connection_serial() noexcept { return t_conn.opened; }
@@ -248,3 +304,9 @@ int subscribe_events(std::uint32_t event_class) noexcept {
 }
 
 }  // namespace ipp::dev
+
+extern "C" {
+
+int ipp_device_state(uint32_t* owner_uid) { return ipp::dev::probe(owner_uid); }
+
+}  // extern "C"

@@ -33,6 +33,9 @@ std::uint64_t connection_serial() noexcept;
 // instance, and its peer is still there (looked at no more than once a millisecond); else 0,
 // and a dead connection is dropped.
 std::uint64_t current_serial() noexcept;
+// Tries to reach the simulator now (whatever the pause between attempts); an
+// ipp_device_state_code, and the socket owner's uid for IPP_DEVICE_FOREIGN.
+int probe(std::uint32_t* owner_uid) noexcept;
 // The node this process runs on, as the simulator assigned it.
 std::uint16_t local_node() noexcept;
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "leaf_mutex.hpp"
 #include "common/wire.hpp"
 #include "device.hpp"
 
@@ -43,7 +44,7 @@ constexpr std::uintptr_t kHandleTag = 0x1;  // handles are odd, so that null is 
 
 // Contexts of the walk paths this process began; the cursors live in the simulator.
 struct PathContexts {
-    std::mutex mu;
+    LeafMutex mu;
     std::map<std::uint64_t, void*> by_path;
 };
 PathContexts& path_contexts() {

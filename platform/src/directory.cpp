@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -23,7 +24,7 @@ struct Interface {
 };
 
 struct Directory {
-    std::mutex mu;
+    LeafMutex mu;
     std::uint16_t local = 1, self = 1, master = 1, master_ep = 1;
     std::optional<std::vector<std::uint16_t>> nodes;
     std::optional<std::vector<std::uint16_t>> standby;

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -31,7 +32,7 @@ struct Request {
 };
 
 struct Dumps {
-    std::mutex mu;
+    LeafMutex mu;
     std::map<Key, Script> scripts;
     std::map<std::int32_t, Script> open;
     std::vector<Request> requests;

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -19,7 +20,7 @@ struct Subscription {
 };
 
 struct Events {
-    std::mutex mu;
+    LeafMutex mu;
     std::map<int, Subscription> by_fd;
     std::int32_t fail_next = 0;
 };

@@ -22,8 +22,10 @@
 #include <string>
 #include <unordered_map>
 
+#include "leaf_mutex.hpp"
 #include "common/endpoint_names.hpp"
 #include "device.hpp"
+#include "ipplat/host.h"
 #include "internal.hpp"
 
 namespace ipp {
@@ -53,15 +55,28 @@ struct Lipc {
     std::uint16_t peer_port = 0;
 };
 
+// The family-37 bookkeeping of open descriptors. Its lock is held only while the table is
+// read or changed: nothing under it reaches the device, the directory or the instance.
 struct Sockets {
-    std::mutex mu;
+    LeafMutex mu;
     std::unordered_map<int, Lipc> table;
-    std::string instance;
 };
 
 Sockets& sockets() {
     static Sockets s;
     return s;
+}
+
+// The process's instance, under a lock of its own: attaching to the device asks for it from
+// inside any platform call.
+struct Instance {
+    LeafMutex mu;
+    std::string name;
+};
+
+Instance& instance_state() {
+    static Instance i;
+    return i;
 }
 
 std::string default_instance() {
@@ -73,10 +88,10 @@ std::string default_instance() {
 }
 
 std::string instance() {
-    Sockets& s = sockets();
-    const std::lock_guard lock(s.mu);
-    if (s.instance.empty()) s.instance = default_instance();
-    return s.instance;
+    Instance& i = instance_state();
+    const std::lock_guard lock(i.mu);
+    if (i.name.empty()) i.name = default_instance();
+    return i.name;
 }
 
 bool is_lipc(int fd, Lipc* out = nullptr) {
@@ -90,8 +105,9 @@ bool is_lipc(int fd, Lipc* out = nullptr) {
 
 std::uint16_t resolve_node(std::uint16_t node) { return node == kOwnNode ? local_node() : node; }
 
+// The socket address of a node's port; `node` is already resolved (never 0x8000).
 socklen_t endpoint_addr(std::uint16_t node, std::uint16_t port, sockaddr_un* sun) {
-    return ipc::names::endpoint(instance(), resolve_node(node), port, sun);
+    return ipc::names::endpoint(instance(), node, port, sun);
 }
 
 socklen_t group_addr(std::uint32_t type, std::uint16_t first, std::uint16_t third, sockaddr_un* sun) {
@@ -206,11 +222,9 @@ int set_lipc_option(int fd, const Lipc& s, int level, int option, const void* va
 std::string current_instance() { return instance(); }
 
 void reset_lipc() noexcept {
-    Sockets& s = sockets();
-    const std::lock_guard lock(s.mu);
     // Descriptors stay with their owners; only their family-37 bookkeeping is dropped when
     // they are closed. A reset keeps the table so that later closes still find them.
-    if (s.instance.empty()) s.instance = default_instance();
+    (void)instance();
 }
 
 }  // namespace ipp
@@ -253,15 +267,21 @@ IPPLAT_API int __wrap_connect(int fd, const struct sockaddr* addr, socklen_t len
     }
     std::uint16_t node = 0, port = 0;
     if (len != kLipcAddrLen || !parse_lipc(addr, len, &node, &port)) return errno = EINVAL, finish(&ev, -1);
+    // Resolved once, before the table's lock: resolving may reach the device.
+    const std::uint16_t peer = resolve_node(node);
     sockaddr_un sun{};
-    const socklen_t n = endpoint_addr(node, port, &sun);
+    const socklen_t n = endpoint_addr(peer, port, &sun);
     const int rc = ::connect(fd, reinterpret_cast<const sockaddr*>(&sun), n);
     if (rc == 0 || errno == EISCONN) {
-        const std::lock_guard lock(sockets().mu);
-        auto& entry = sockets().table[fd];
-        entry.has_peer = true;
-        entry.peer_node = resolve_node(node);
-        entry.peer_port = port;
+        const int saved = errno;
+        {
+            const std::lock_guard lock(sockets().mu);
+            auto& entry = sockets().table[fd];
+            entry.has_peer = true;
+            entry.peer_node = peer;
+            entry.peer_port = port;
+        }
+        errno = saved;
     }
     return finish(&ev, rc);
 }
@@ -280,7 +300,7 @@ IPPLAT_API int __wrap_bind(int fd, const struct sockaddr* addr, socklen_t len) {
     std::uint16_t node = 0, port = 0;
     if (len != kLipcAddrLen || !parse_lipc(addr, len, &node, &port)) return errno = EINVAL, finish(&ev, -1);
     sockaddr_un sun{};
-    const socklen_t n = endpoint_addr(node, port, &sun);
+    const socklen_t n = endpoint_addr(resolve_node(node), port, &sun);
     return finish(&ev, ::bind(fd, reinterpret_cast<const sockaddr*>(&sun), n));
 }
 
@@ -449,11 +469,25 @@ IPPLAT_API int __wrap_close(int fd) {
     return finish(&ev, ::close(fd));
 }
 
+size_t ipp_instance_name(char* buf, size_t len) {
+    const std::string name = instance();
+    if (buf != nullptr && len > 0) {
+        const std::size_t n = std::min(name.size(), len - 1);
+        std::memcpy(buf, name.data(), n);
+        buf[n] = '\0';
+    }
+    return name.size();
+}
+
 // ---- test control ----
 
 void ipp_lipc_set_instance(const char* name) {
-    const std::lock_guard lock(sockets().mu);
-    sockets().instance = (name != nullptr && *name != '\0') ? std::string(name) : default_instance();
+    std::string chosen = (name != nullptr && *name != '\0') ? std::string(name) : default_instance();
+    {
+        Instance& i = instance_state();
+        const std::lock_guard lock(i.mu);
+        i.name = std::move(chosen);
+    }
     dev::reconnect();
 }
 
@@ -461,7 +495,7 @@ int ipp_lipc_listen(uint16_t node, uint16_t port) {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     sockaddr_un sun{};
-    const socklen_t n = endpoint_addr(node, port, &sun);
+    const socklen_t n = endpoint_addr(resolve_node(node), port, &sun);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&sun), n) != 0 || ::listen(fd, 64) != 0) {
         ::close(fd);
         return -1;

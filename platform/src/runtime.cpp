@@ -14,6 +14,7 @@
 #include <span>
 #include <string>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -24,7 +25,7 @@ std::atomic<bool> g_virtual_sleep{false};
 std::atomic<std::uint64_t> g_slept{0};
 
 struct Redirects {
-    std::mutex mu;
+    LeafMutex mu;
     std::map<std::string, std::optional<std::string>> map;
 };
 

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
 
@@ -22,7 +23,7 @@ struct Service {
 };
 
 struct Services {
-    std::mutex mu;
+    LeafMutex mu;
     std::map<std::pair<std::uint16_t, std::string>, Service> by_key;
     std::map<std::string, std::vector<std::uint16_t>> last_batch;
 };
