@@ -34,10 +34,10 @@ struct Sim {
 // stays bounded over a long run, and later inputs meet a device as it starts too.
 constexpr std::uint64_t kFreshEvery = 20000;
 
-Sim& the_sim() {
+Sim& the_sim(bool renew = false) {
     static std::unique_ptr<Sim> s;
     static std::uint64_t exchanges = 0;
-    if (!s || ++exchanges % kFreshEvery == 0) {
+    if (!s || ++exchanges % kFreshEvery == 0 || renew) {
         s.reset();
         s = std::make_unique<Sim>();
     }
@@ -78,6 +78,16 @@ void exchange(Socket where, const std::vector<Bytes>& msgs, const Bytes& first) 
     }
     ::close(fd);
     settle(s, -1);
+}
+
+std::string control(std::string_view request) {
+    static bool renew = false;
+    Sim& s = the_sim(renew);
+    std::string answer = s.daemon.context().control.answer(request);
+    settle(s, -1);
+    const sim::NeighTable& neighs = s.daemon.context().neighs;
+    renew = neighs.size(2) + neighs.size(10) > kControlTableBound;
+    return answer;
 }
 
 std::vector<Bytes> messages(FuzzedDataProvider& in, std::size_t max, std::size_t cap) {

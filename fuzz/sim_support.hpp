@@ -6,6 +6,8 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace ipfuzz::simfuzz {
@@ -22,6 +24,13 @@ struct Socket {
 // tested). Connects to the socket, sends `first` then each message, lets the daemon handle
 // them and reads what it answers, then closes the connection and lets the daemon see that.
 void exchange(Socket where, const std::vector<Bytes>& messages, const Bytes& first = {});
+
+// One request to the daemon's control channel, handed to its Control as a connection to
+// "ipclient/<instance>/control" hands it over; the answer. The daemon then runs until it has
+// nothing left to do (the events a change makes). A daemon whose neighbour tables passed
+// kControlTableBound entries is made anew before the next request.
+inline constexpr std::size_t kControlTableBound = 50000;
+std::string control(std::string_view request);
 
 // Up to `max` messages of lengths the fuzzer picks (0 to cap bytes).
 std::vector<Bytes> messages(FuzzedDataProvider& in, std::size_t max, std::size_t cap);

@@ -96,7 +96,7 @@ std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t co
                               std::uint32_t* returned);
 
 // Answers requests on the control channel (control/control.cpp).
-std::unique_ptr<Conn> make_control_conn(const Control& control, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+std::unique_ptr<Conn> make_control_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 
 // Answers platform calls on the device channel (device/backend.cpp).
 std::unique_ptr<Conn> make_device_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);

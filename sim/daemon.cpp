@@ -120,11 +120,31 @@ void Daemon::persist(const AddrChange& change) {
     } else {
         store_.put("addr", key, records::encode_addr(change.info));
     }
+    // Should the request's work be rolled back, the table gets back what it held.
+    store_.on_rollback([this, ifindex = k.uiIfIndex, addr = k.uiAddr, before = change.before] {
+        if (before) {
+            addrs_.put(*before, false);
+        } else {
+            addrs_.remove(ifindex, addr, false);
+        }
+    });
+}
+
+void Daemon::persist_settings(std::uint32_t ifindex, const IfSettings& s) {
+    const auto key = records::settings_key(ifindex);
+    store_.put("ifset", key, records::encode_settings(s));
+    // Rolled back: the settings as the store keeps them (none kept: the defaults).
+    store_.on_rollback([this, ifindex, key] {
+        const auto row = store_.get("ifset", key);
+        const auto kept = row && *row ? records::decode_settings(**row) : std::nullopt;
+        addrs_.settings(ifindex) = kept ? *kept : IfSettings{};
+    });
 }
 
 std::optional<std::string> Daemon::restore() {
     if (opts_.state_dir.empty()) return std::nullopt;
     if (auto err = store_.open(opts_.state_dir)) return err;
+    for (const auto& w : store_.warnings()) SIM_LOG(kWarn, "state: %s", w.c_str());
     // The whole load is refused on one bad row: a half-restored device would be worse.
     std::string bad;
     const bool addrs_ok = store_.each("addr", [&](std::span<const std::uint8_t> key, const std::vector<std::uint8_t>* value) {
@@ -153,23 +173,37 @@ std::optional<std::string> Daemon::restore() {
     return std::nullopt;
 }
 
+namespace {
+
+// What to say of a name that could not be bound.
+std::string held_by(const std::string& holder, const std::string& instance) {
+    if (holder.empty()) return " (is another ipsimd running for instance " + instance + "?)";
+    return " (held by " + holder + ")";
+}
+
+}  // namespace
+
 bool Daemon::listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make) {
     sockaddr_un sun{};
     const socklen_t n = ipc::names::endpoint(opts_.instance, node, port, &sun);
-    if (!loop_.listen(&sun, n, Endpoint{node, port, "lipc"}, std::move(make))) {
-        SIM_LOG(kError, "cannot listen on node %u port %u (is another ipsimd running for instance %s?)",
-                static_cast<unsigned>(node), static_cast<unsigned>(port), opts_.instance.c_str());
+    std::string holder;
+    if (!loop_.listen(&sun, n, Endpoint{node, port, "lipc"}, std::move(make), &holder)) {
+        SIM_LOG(kError, "cannot listen on node %u port %u%s", static_cast<unsigned>(node), static_cast<unsigned>(port),
+                held_by(holder, opts_.instance).c_str());
         return false;
     }
     return true;
 }
 
 std::optional<std::string> Daemon::start() {
-    if (!opts_.capture.empty() && !capture_.open(opts_.capture)) return opts_.capture + ": cannot open the capture file";
+    if (!opts_.capture.empty()) {
+        if (auto err = capture_.open(opts_.capture)) return "cannot open the capture file " + *err;
+    }
     if (auto err = restore()) return err;
     addrs_.set_observer([this](const AddrChange& c) {
         persist(c);
-        publish_addr_change(ctx_, c);
+        // Announced once the request's change is stored.
+        store_.after_commit([this, c] { publish_addr_change(ctx_, c); });
     });
     ctx_.neighs.add_observer([this](const NeighChange& c) { publish_neigh_change(ctx_, c); });
     register_adj_control(ctx_);
@@ -181,23 +215,23 @@ std::optional<std::string> Daemon::start() {
     register_arp_controls(ctx_);
     ctx_.nd.attach(ctx_);
     if (auto err = ctx_.ipstat.attach(ctx_)) return opts_.state_dir + "/ipsimd.db: " + *err;
-    addrs_.set_settings_observer([this](std::uint32_t ifindex, const IfSettings& s) {
-        store_.put("ifset", records::settings_key(ifindex), records::encode_settings(s));
-    });
+    addrs_.set_settings_observer([this](std::uint32_t ifindex, const IfSettings& s) { persist_settings(ifindex, s); });
 
     sockaddr_un sun{};
     const socklen_t n = ipc::names::device(opts_.instance, &sun);
-    if (!loop_.listen(&sun, n, Endpoint{0, 0, "device"}, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-            return make_device_conn(ctx_, l, fd, w, pid);
-        })) {
-        return "cannot listen on the device channel of instance " + opts_.instance +
-               " (is another ipsimd running for it?)";
+    std::string holder;
+    if (!loop_.listen(
+            &sun, n, Endpoint{0, 0, "device"},
+            [this](Loop& l, int fd, const Endpoint& w, pid_t pid) { return make_device_conn(ctx_, l, fd, w, pid); },
+            &holder)) {
+        return "cannot listen on the device channel of instance " + opts_.instance + held_by(holder, opts_.instance);
     }
     const socklen_t cn = ipc::names::control(opts_.instance, &sun);
-    if (!loop_.listen(&sun, cn, Endpoint{0, 0, "control"}, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-            return make_control_conn(ctx_.control, l, fd, w, pid);
-        })) {
-        return "cannot listen on the control channel of instance " + opts_.instance;
+    if (!loop_.listen(
+            &sun, cn, Endpoint{0, 0, "control"},
+            [this](Loop& l, int fd, const Endpoint& w, pid_t pid) { return make_control_conn(ctx_, l, fd, w, pid); },
+            &holder)) {
+        return "cannot listen on the control channel of instance " + opts_.instance + held_by(holder, opts_.instance);
     }
     listening_ = true;
     for (const auto& [node, state] : device_.nodes()) {

@@ -27,6 +27,8 @@ public:
     // Runs until stop().
     void run();
     void stop() noexcept { loop_.stop(); }
+    // A hang-up signal came (safe from a signal handler).
+    void hangup() noexcept { loop_.hangup(); }
     // One round of the loop (see Loop::step), for a caller that drives the daemon itself.
     int step(int timeout_ms) { return loop_.step(timeout_ms); }
     std::size_t node_count() const noexcept { return device_.nodes().size(); }
@@ -37,6 +39,7 @@ private:
     std::optional<std::string> restore();
     bool listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make);
     void persist(const AddrChange& change);
+    void persist_settings(std::uint32_t ifindex, const IfSettings& s);
     void load_routes(const scenario::Scenario& s);
     void load_neighbours(const scenario::Scenario& s);
 

@@ -3,7 +3,8 @@
 # @GLIBC, @GLIBCXX, @CXXABI or @GCC, or weak) or a name that a public header declares with
 # IPCLIENT_API (include/ipclient/*.h), or one of the platform's directory calls: the node,
 # device-context and interface calls (LIP_, DEV_, MDC_, IF_) that
-# platform/include/ipplat/platform.h declares with IPPLAT_API.
+# platform/include/ipplat/platform.h declares with IPPLAT_API, or what the host's platform
+# tells of the simulated device it reaches (platform/include/ipplat/host.h).
 #
 #   cmake -DTOOL=<ipctl binary> -DSOURCE_DIR=<source tree> "-DLIBS=<libipclient>;<platform library>"
 #         -P check_ipctl_symbols.cmake
@@ -29,6 +30,11 @@ foreach(d IN LISTS decls)
   if(name MATCHES "^(LIP|DEV|MDC|IF)_")
     list(APPEND directory ${name})
   endif()
+endforeach()
+file(STRINGS ${SOURCE_DIR}/platform/include/ipplat/host.h decls REGEX "^IPPLAT_API ")
+foreach(d IN LISTS decls)
+  string(REGEX REPLACE "^IPPLAT_API [^(;[]*[ *]([A-Za-z_][A-Za-z0-9_]*)[ ]*[(;[].*$" "\\1" name "${d}")
+  list(APPEND directory ${name})
 endforeach()
 list(LENGTH allowed n_api)
 list(LENGTH directory n_dir)

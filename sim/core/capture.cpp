@@ -1,16 +1,56 @@
 #include "core/capture.hpp"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "core/log.hpp"
 
 namespace sim {
 
 Capture::~Capture() {
-    if (file_ != nullptr) std::fclose(file_);
+    if (fd_ >= 0) ::close(fd_);
 }
 
-bool Capture::open(const std::string& path) {
-    file_ = std::fopen(path.c_str(), "ae");
-    return file_ != nullptr;
+std::optional<std::string> Capture::open(const std::string& path) {
+    path_ = path;
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0 && errno == EEXIST) fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        const int err = errno;
+        return path + ": " + (err == ELOOP ? std::string("is a symbolic link; give the file itself") : std::strerror(err));
+    }
+    struct stat st {};
+    std::optional<std::string> refused;
+    if (::fstat(fd, &st) != 0) {
+        refused = path + ": " + std::strerror(errno);
+    } else if (!S_ISREG(st.st_mode) && !S_ISFIFO(st.st_mode)) {
+        refused = path + ": not a regular file or a FIFO";
+    } else if (S_ISREG(st.st_mode) && st.st_uid != ::geteuid()) {
+        refused = path + ": belongs to uid " + std::to_string(st.st_uid) + ", not to this user";
+    } else if (S_ISREG(st.st_mode) && (st.st_mode & 077) != 0 && ::fchmod(fd, 0600) != 0) {
+        refused = path + ": " + std::strerror(errno);
+    }
+    if (refused) {
+        ::close(fd);
+        return refused;
+    }
+    // A FIFO's reader may be slow: the simulator waits for it rather than lose lines.
+    if (S_ISFIFO(st.st_mode)) ::fcntl(fd, F_SETFL, O_WRONLY | O_APPEND);
+    regular_ = S_ISREG(st.st_mode);
+    fd_ = fd;
+    return std::nullopt;
+}
+
+void Capture::stop(int err) noexcept {
+    SIM_LOG(kError, "capture: %s: %s; the capture stops here (the file ends with the last whole line)", path_.c_str(),
+            std::strerror(err));
+    ::close(fd_);
+    fd_ = -1;
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
@@ -24,7 +64,7 @@ std::string hex(std::span<const std::uint8_t> bytes) {
 }
 
 void Capture::record(const Where& where, std::span<const std::uint8_t> bytes, nlohmann::json fields) {
-    if (file_ == nullptr) return;
+    if (fd_ < 0) return;
     timespec ts{};
     ::clock_gettime(CLOCK_REALTIME, &ts);
     nlohmann::json line;
@@ -41,10 +81,25 @@ void Capture::record(const Where& where, std::span<const std::uint8_t> bytes, nl
     line["pid"] = where.pid;
     line["bytes"] = hex(bytes);
     if (!fields.is_null()) line["fields"] = std::move(fields);
-    const std::string text = line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    std::fwrite(text.data(), 1, text.size(), file_);
-    std::fputc('\n', file_);
-    std::fflush(file_);
+    std::string text = line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    text.push_back('\n');
+    // The line goes whole or not at all: a part written before the file system filled up
+    // is cut off again.
+    const off_t before = regular_ ? ::lseek(fd_, 0, SEEK_END) : 0;
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::write(fd_, text.data() + done, text.size() - done);
+        if (n > 0) {
+            done += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        const int err = n < 0 ? errno : ENOSPC;
+        if (regular_ && before >= 0 && done > 0) {
+            [[maybe_unused]] const int rc = ::ftruncate(fd_, before);
+        }
+        return stop(err);
+    }
 }
 
 }  // namespace sim

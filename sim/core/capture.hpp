@@ -3,10 +3,17 @@
 //    "node": N, "channel": "device"|"kernel"|"lipc", "port": P | "command": "0x260001",
 //    "pid": client pid, "bytes": "<hex>", "fields": {decoded fields}}
 // Applications cannot see these bytes on a device; here they can.
+//
+// The file holds all traffic, so it is private: a new one is created 0600 (never through a
+// symbolic link, never one that appears meanwhile); an existing one must be this user's
+// regular file (or a FIFO, for a reader that follows along) and is made 0600. Each line is
+// written whole or not at all: when the file cannot take one (a full file system), the
+// capture stops with one log line and the file ends with the last whole line.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -21,9 +28,9 @@ public:
     Capture(const Capture&) = delete;
     Capture& operator=(const Capture&) = delete;
 
-    // Opens (appends to) the capture file; false when it cannot be opened.
-    bool open(const std::string& path);
-    bool on() const noexcept { return file_ != nullptr; }
+    // Opens (appends to) the capture file; an error text when it cannot be opened.
+    std::optional<std::string> open(const std::string& path);
+    bool on() const noexcept { return fd_ >= 0; }
 
     struct Where {
         const char* dir;       // "request", "answer" or "event"
@@ -36,7 +43,11 @@ public:
     void record(const Where& where, std::span<const std::uint8_t> bytes, nlohmann::json fields);
 
 private:
-    std::FILE* file_ = nullptr;
+    void stop(int err) noexcept;
+
+    int fd_ = -1;
+    bool regular_ = false;
+    std::string path_;
 };
 
 // Lowercase hex of bytes.

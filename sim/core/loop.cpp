@@ -6,12 +6,29 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <sys/un.h>
+
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "common/device_proto.hpp"
 #include "core/log.hpp"
 
 namespace sim {
+
+class Loop::Hangup : public Watch {
+public:
+    explicit Hangup(int fd) : fd_(fd) {}
+    void ready(std::uint32_t) override {
+        std::uint64_t n = 0;
+        if (::read(fd_, &n, sizeof n) != static_cast<ssize_t>(sizeof n)) return;
+        SIM_LOG(kInfo, "SIGHUP received: ignored (the log is standard error; there is nothing to reopen)");
+    }
+
+private:
+    int fd_;
+};
 
 class Loop::Listener : public Watch {
 public:
@@ -69,14 +86,30 @@ void Conn::flush() {
         outbox_bytes_ -= m.size();
         outbox_.pop_front();
     }
+    if (close_when_sent_) return shut();
     want_out_ = false;
     loop_.modify(fd_, EPOLLIN, this);
+    drained();
+}
+
+void Conn::wait_writable() {
+    if (fd_ < 0 || want_out_) return;
+    want_out_ = true;
+    loop_.modify(fd_, EPOLLIN | EPOLLOUT, this);
 }
 
 void Conn::close() {
     if (fd_ < 0) return;
     shut();
 }
+
+void Conn::close_when_sent() {
+    if (fd_ < 0) return;
+    if (outbox_.empty()) return shut();
+    close_when_sent_ = true;
+}
+
+void Conn::oversized(std::span<const std::uint8_t> cut, std::size_t) { message(cut); }
 
 void Conn::shut() {
     loop_.unwatch(fd_);
@@ -97,7 +130,12 @@ void Conn::ready(std::uint32_t events) {
     // holds the loop.
     for (int i = 0; i < 64 && fd_ >= 0; ++i) {
         auto buf = loop_.scratch();
-        const ssize_t n = ::recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT);
+        // With MSG_TRUNC the length of the whole message comes back, also when it was cut.
+        const ssize_t n = ::recv(fd_, buf.data(), buf.size(), MSG_DONTWAIT | MSG_TRUNC);
+        if (n > 0 && static_cast<std::size_t>(n) > buf.size()) {
+            oversized(buf, static_cast<std::size_t>(n));
+            continue;
+        }
         if (n > 0) {
             message(buf.first(static_cast<std::size_t>(n)));
             continue;
@@ -109,12 +147,18 @@ void Conn::ready(std::uint32_t events) {
     }
 }
 
-Loop::Loop() : epfd_(::epoll_create1(EPOLL_CLOEXEC)), stop_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-               scratch_(kMaxMessage), answer_(new std::uint8_t[kMaxMessage]) {
+Loop::Loop()
+    : epfd_(::epoll_create1(EPOLL_CLOEXEC)),
+      stop_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      hup_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      hup_watch_(std::make_unique<Hangup>(hup_fd_)),
+      scratch_(kMaxMessage),
+      answer_(new std::uint8_t[kMaxMessage]) {
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.ptr = nullptr;
     ::epoll_ctl(epfd_, EPOLL_CTL_ADD, stop_fd_, &ev);
+    watch(hup_fd_, EPOLLIN, hup_watch_.get());
 }
 
 void Loop::close_all() {
@@ -125,15 +169,50 @@ void Loop::close_all() {
 
 Loop::~Loop() {
     close_all();
+    ::close(hup_fd_);
     ::close(stop_fd_);
     ::close(epfd_);
 }
 
-bool Loop::listen(const void* addr, unsigned addr_len, Endpoint where, ConnFactory make) {
+namespace {
+
+// Who holds an abstract address that could not be bound: the credentials its listener
+// had, as a connection to it reports them.
+std::string holder_of(const void* addr, unsigned addr_len) {
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return {};
+    std::string out;
+    if (::connect(fd, static_cast<const sockaddr*>(addr), addr_len) == 0) {
+        ucred cred{};
+        socklen_t len = sizeof cred;
+        if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
+            out = "pid " + std::to_string(cred.pid) + ", uid " + std::to_string(cred.uid);
+            // Named when the holder is a simulator too (the usual case: one already runs).
+            char comm[32] = {};
+            const std::string path = "/proc/" + std::to_string(cred.pid) + "/comm";
+            if (FILE* f = std::fopen(path.c_str(), "re")) {
+                if (std::fgets(comm, sizeof comm, f) != nullptr && std::string(comm) == "ipsimd\n") {
+                    out = "another ipsimd, " + out;
+                }
+                std::fclose(f);
+            }
+        }
+    } else if (errno == ECONNREFUSED) {
+        out = "a socket that does not listen";
+    }
+    ::close(fd);
+    return out;
+}
+
+}  // namespace
+
+bool Loop::listen(const void* addr, unsigned addr_len, Endpoint where, ConnFactory make, std::string* held) {
     const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return false;
-    if (::bind(fd, static_cast<const sockaddr*>(addr), addr_len) != 0 || ::listen(fd, 1024) != 0) {
+    if (addr_len == 0 || ::bind(fd, static_cast<const sockaddr*>(addr), addr_len) != 0 || ::listen(fd, 1024) != 0) {
+        const int err = errno;
         ::close(fd);
+        if (held != nullptr && addr_len != 0 && err == EADDRINUSE) *held = holder_of(addr, addr_len);
         return false;
     }
     listeners_.push_back(std::make_unique<Listener>(*this, fd, std::move(where), std::move(make)));
@@ -144,7 +223,11 @@ bool Loop::listen(const void* addr, unsigned addr_len, Endpoint where, ConnFacto
 void Loop::accept_on(Listener& l) {
     for (;;) {
         const int fd = ::accept4(l.fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0) return;
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) pause_accepting(errno);
+            return;
+        }
         ucred cred{};
         socklen_t len = sizeof cred;
         if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != ::getuid()) {
@@ -163,6 +246,26 @@ void Loop::accept_on(Listener& l) {
         }
         adopt(std::move(c));
     }
+}
+
+void Loop::pause_accepting(int err) {
+    ++starved_since_log_;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - last_starved_log_ >= std::chrono::seconds(1)) {
+        SIM_LOG(kWarn, "cannot accept connections: %s (%zu connections open); pausing %lld ms (%llu times since the last line)",
+                std::strerror(err), conns_.size(), static_cast<long long>(kAcceptPause.count()),
+                static_cast<unsigned long long>(starved_since_log_));
+        last_starved_log_ = now;
+        starved_since_log_ = 0;
+    }
+    if (accept_paused_) return;
+    // Waiting peers stay in the listeners' queues until descriptors are free again.
+    accept_paused_ = true;
+    for (const auto& l : listeners_) modify(l->fd_, 0, l.get());
+    after(kAcceptPause, [this] {
+        accept_paused_ = false;
+        for (const auto& l : listeners_) modify(l->fd_, EPOLLIN, l.get());
+    });
 }
 
 void Loop::adopt(std::unique_ptr<Conn> c) {
@@ -205,6 +308,11 @@ void Loop::run_timers() {
 void Loop::stop() noexcept {
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t n = ::write(stop_fd_, &one, sizeof one);
+}
+
+void Loop::hangup() noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t n = ::write(hup_fd_, &one, sizeof one);
 }
 
 void Loop::run() {

@@ -5,6 +5,11 @@
 // uid (SO_PEERCRED); any other peer is closed and logged. A connection reads whole
 // messages and hands each to its owner; what it sends waits in an outbox while the peer's
 // receive queue is full, and a peer whose outbox grows past kMaxOutbox is dropped.
+//
+// When the process runs out of descriptors, the listeners stop accepting for a while
+// (kAcceptPause) instead of waking the loop again and again for connections they cannot
+// take, and say so in the log at most once a second; they accept again once descriptors
+// are free.
 #pragma once
 
 #include <sys/types.h>
@@ -58,8 +63,18 @@ public:
     void ready(std::uint32_t events) final;
 
 protected:
-    // One message as it was received (at most kMaxMessage bytes; a longer one is cut).
+    // One message as it was received (at most kMaxMessage bytes).
     virtual void message(std::span<const std::uint8_t> msg) = 0;
+    // A message longer than kMaxMessage arrived (`length` bytes): it is handed on cut to
+    // message() unless the connection says otherwise.
+    virtual void oversized(std::span<const std::uint8_t> cut, std::size_t length);
+    // Closes the connection once everything it sent has left.
+    void close_when_sent();
+    // Everything sent so far has left: the connection may send more (see wait_writable).
+    virtual void drained() {}
+    // Asks for drained() once the peer can take more (at the latest in the next round).
+    void wait_writable();
+    std::size_t outbox_bytes() const noexcept { return outbox_bytes_; }
     // The connection ended (peer closed, error, or close()).
     virtual void closed() {}
     Loop& loop() noexcept { return loop_; }
@@ -75,6 +90,7 @@ private:
     std::deque<std::vector<std::uint8_t>> outbox_;
     std::size_t outbox_bytes_ = 0;
     bool want_out_ = false;
+    bool close_when_sent_ = false;
 };
 
 // Makes the connection object for an accepted descriptor.
@@ -84,14 +100,16 @@ class Loop {
 public:
     static constexpr std::size_t kMaxMessage = (1u << 20) + 64;
     static constexpr std::size_t kMaxOutbox = 64u << 20;
+    static constexpr std::chrono::milliseconds kAcceptPause{100};
 
     Loop();
     ~Loop();
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
 
-    // Listens on an abstract socket address; false when it cannot be bound.
-    bool listen(const void* addr, unsigned addr_len, Endpoint where, ConnFactory make);
+    // Listens on an abstract socket address; false when it cannot be bound. *held (when
+    // given) then says who holds the address, where that can be told ("pid P, uid U").
+    bool listen(const void* addr, unsigned addr_len, Endpoint where, ConnFactory make, std::string* held = nullptr);
     void watch(int fd, std::uint32_t events, Watch* w);
     void modify(int fd, std::uint32_t events, Watch* w);
     void unwatch(int fd);
@@ -106,6 +124,8 @@ public:
     // the timers that are due. The events handled, or -1 once stopped (or on an epoll error).
     int step(int timeout_ms);
     void stop() noexcept;
+    // A hang-up signal came (safe from a signal handler): logged by the loop.
+    void hangup() noexcept;
 
     // A scratch buffer for received messages.
     std::span<std::uint8_t> scratch() noexcept { return scratch_; }
@@ -120,11 +140,18 @@ public:
 
 private:
     class Listener;
+    class Hangup;
     void accept_on(Listener& l);
+    void pause_accepting(int err);
     void run_timers();
 
     int epfd_;
     int stop_fd_;
+    int hup_fd_;
+    std::unique_ptr<Hangup> hup_watch_;
+    bool accept_paused_ = false;
+    std::chrono::steady_clock::time_point last_starved_log_{};
+    std::uint64_t starved_since_log_ = 0;
     std::vector<std::uint8_t> scratch_;
     std::unique_ptr<std::uint8_t[]> answer_;
     std::vector<std::unique_ptr<Listener>> listeners_;

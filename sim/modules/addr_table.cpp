@@ -43,7 +43,9 @@ void AddrTable::put(const IPAddrInfo& info, bool notify) {
     const Key key{k.uiIfIndex, ip_host(k.uiAddr)};
     const auto it = by_key_.find(key);
     const bool existed = it != by_key_.end();
+    std::optional<IPAddrInfo> before;
     if (existed) {
+        before = it->second;
         unindex(it->second);
         it->second = info;
     } else {
@@ -51,7 +53,7 @@ void AddrTable::put(const IPAddrInfo& info, bool notify) {
     }
     index(info);
     ++epoch_;
-    if (notify && observer_) observer_({existed ? AddrChange::kModify : AddrChange::kAdd, info});
+    if (notify && observer_) observer_({existed ? AddrChange::kModify : AddrChange::kAdd, info, before});
 }
 
 bool AddrTable::remove(std::uint32_t ifindex, std::uint32_t addr, bool notify) {
@@ -61,7 +63,7 @@ bool AddrTable::remove(std::uint32_t ifindex, std::uint32_t addr, bool notify) {
     unindex(gone);
     by_key_.erase(it);
     ++epoch_;
-    if (notify && observer_) observer_({AddrChange::kDelete, gone});
+    if (notify && observer_) observer_({AddrChange::kDelete, gone, gone});
     return true;
 }
 

@@ -52,6 +52,9 @@ struct IfSettings {
 struct AddrChange {
     enum Kind : std::uint32_t { kAdd = 1, kDelete = 2, kModify = 3 } kind;
     IPAddrInfo info;
+    // What the table held for the key before the change (a modify's old record, a
+    // delete's removed one): what putting the change back restores.
+    std::optional<IPAddrInfo> before;
 };
 
 class AddrTable {

@@ -11,6 +11,7 @@
 
 #include "common/wire.hpp"
 #include "context.hpp"
+#include "control/args.hpp"
 #include "modules/resolver.hpp"
 
 namespace sim {
@@ -145,29 +146,12 @@ std::string mac_text(const std::array<std::uint8_t, 6>& mac) {
     return buf;
 }
 
-std::uint32_t interface_named(const Context& ctx, const nlohmann::json& v) {
-    const std::uint32_t ifindex =
-        v.is_string() ? ctx.device.find_interface(v.get<std::string>()) : v.get<std::uint32_t>();
-    if (ctx.device.interface(ifindex) == nullptr) {
-        throw std::invalid_argument("interface: the device has no " + v.dump());
-    }
-    return ifindex;
-}
-
 nlohmann::json entry_json(const Context& ctx, const Neighbour& n) {
     return {{"family", n.family},  {"interface", n.ifindex},       {"address", address_text(n)},
             {"mac", mac_text(n.mac)}, {"state", state_name(n.state)}, {"kind", kind_name(n.kind)},
             {"vlan", n.vlan},      {"vrf", n.vrf},                 {"port", n.port},
             {"node", n.node},      {"aging", n.aging},             {"age", age_of(ctx, n)},
             {"vsi", n.vsi},        {"link", n.link}};
-}
-
-template <class T>
-T bounded(const nlohmann::json& req, const char* key, T fallback, std::uint64_t most) {
-    if (!req.contains(key)) return fallback;
-    const auto v = req.at(key).get<std::uint64_t>();
-    if (v > most) throw std::invalid_argument(std::string(key) + ": out of range");
-    return static_cast<T>(v);
 }
 
 }  // namespace
@@ -367,53 +351,81 @@ std::uint32_t ArpModule::send(Context& ctx, std::uint16_t node, std::uint8_t sub
     return 0;
 }
 
+// Ranges of the control operations' values:
+//   neigh.list: "family" 2 or 10 (default both); "interface" an index (1-4294967295) or name
+//     of the device's;
+//   arp.counters: "node" 1-32767 and a node of the device; "selector" 0-255 (default 0);
+//     "alarm" and the four "attack" counters 0-18446744073709551615; "interface" as above;
+//     the four "packets" counters 0-4294967295 (the module counts in 32 bits).
 void register_arp_controls(Context& ctx) {
-    ctx.control.on("neigh.list", [&ctx](const nlohmann::json& req) {
-        const auto family = bounded<std::uint8_t>(req, "family", 0, 255);
-        if (family != 0 && family != 2 && family != 10) throw std::invalid_argument("family: 2 or 10");
-        std::optional<std::uint32_t> only;
-        if (req.contains("interface")) only = interface_named(ctx, req.at("interface"));
-        nlohmann::json entries = nlohmann::json::array();
+    // A listing may hold every entry of both tables: it is given piece by piece, in table
+    // order, each piece going on after the last entry given (the tables may change
+    // meanwhile).
+    ctx.control.on_stream("neigh.list", [&ctx](const nlohmann::json& req) -> Control::Stream {
+        struct Walk {
+            std::vector<std::uint8_t> families;
+            std::size_t family = 0;
+            std::optional<NeighTable::Key> after;
+            std::optional<std::uint32_t> only;
+            bool begun = false;
+            bool first = true;
+        };
+        auto walk = std::make_shared<Walk>();
+        const auto only_family = arg::number_if(req, "family", {2, 10});
+        walk->only = arg::interface_if(ctx, req);
         for (const std::uint8_t f : {std::uint8_t{2}, std::uint8_t{10}}) {
-            if (family != 0 && family != f) continue;
-            ctx.neighs.each(f, [&](const Neighbour& n) {
-                if (!only || n.ifindex == *only) entries.push_back(entry_json(ctx, n));
-            });
+            if (!only_family || *only_family == f) walk->families.push_back(f);
         }
-        return nlohmann::json{{"entries", std::move(entries)}};
+        return [&ctx, walk](std::string& out, std::size_t room) {
+            const std::size_t until = out.size() + room;
+            if (!walk->begun) {
+                out += R"({"entries":[)";
+                walk->begun = true;
+            }
+            while (walk->family < walk->families.size()) {
+                const Neighbour* n = ctx.neighs.next(walk->families[walk->family], walk->after);
+                if (n == nullptr) {
+                    ++walk->family;
+                    walk->after.reset();
+                    continue;
+                }
+                walk->after = NeighTable::key_of(*n);
+                if (walk->only && n->ifindex != *walk->only) continue;
+                if (!walk->first) out += ',';
+                walk->first = false;
+                out += entry_json(ctx, *n).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+                if (out.size() >= until) return true;
+            }
+            out += R"(],"ok":true})";
+            return false;
+        };
     });
 
     ctx.control.on("arp.counters", [&ctx](const nlohmann::json& req) {
-        const auto node = req.at("node").get<std::uint16_t>();
-        if (ctx.device.node(node) == nullptr) {
-            throw std::invalid_argument("node: the device has no node " + std::to_string(node));
-        }
-        const auto selector = bounded<std::uint8_t>(req, "selector", 0, 255);
+        constexpr std::uint64_t kMost = ~std::uint64_t{0};
+        // Everything is read first: a refused request changes nothing.
+        const std::uint16_t node = arg::node(ctx, req);
+        const auto selector = arg::whole<std::uint8_t, 0, 0xFF>(req, "selector", 0);
+        const auto alarm = arg::whole_if<std::uint64_t, 0, kMost>(req, "alarm");
+        const auto attack = arg::wholes_if<std::uint64_t, 0, kMost, ArpModule::kAttackCounters>(req, "attack");
+        const std::optional<std::uint32_t> ifindex = arg::interface_if(ctx, req);
+        const auto packets = arg::wholes_if<std::uint32_t, 0, 0xFFFFFFFF, 4>(req, "packets");
+        if (packets && !ifindex) throw std::invalid_argument("\"packets\" goes with \"interface\"");
+
         ArpModule& arp = ctx.arp;
         ArpModule::NodeCounters& nc = arp.node_counters(node);
-        if (req.contains("alarm")) nc.alarm[selector] = req.at("alarm").get<std::uint64_t>();
-        if (req.contains("attack")) {
-            const auto values = req.at("attack").get<std::vector<std::uint64_t>>();
-            if (values.size() != ArpModule::kAttackCounters) throw std::invalid_argument("attack: four counters");
-            std::copy(values.begin(), values.end(), nc.attack[selector].begin());
-        }
+        if (alarm) nc.alarm[selector] = *alarm;
+        if (attack) nc.attack[selector] = *attack;
         nlohmann::json out{{"node", node}, {"selector", selector}};
-        const auto alarm = nc.alarm.find(selector);
-        out["alarm"] = alarm != nc.alarm.end() ? alarm->second : 0;
-        const auto attack = nc.attack.find(selector);
+        const auto a = nc.alarm.find(selector);
+        out["alarm"] = a != nc.alarm.end() ? a->second : 0;
+        const auto at = nc.attack.find(selector);
         using Attack = std::array<std::uint64_t, ArpModule::kAttackCounters>;
-        out["attack"] = attack != nc.attack.end() ? attack->second : Attack{};
-        if (req.contains("interface")) {
-            const std::uint32_t ifindex = interface_named(ctx, req.at("interface"));
-            ArpModule::IfCounters& c = arp.if_counters(node, ifindex);
-            if (req.contains("packets")) {
-                const auto values = req.at("packets").get<std::vector<std::uint32_t>>();
-                if (values.size() != 4) {
-                    throw std::invalid_argument("packets: four counters (in, requests, replies, unknown)");
-                }
-                c = ArpModule::IfCounters{values[0], values[1], values[2], values[3]};
-            }
-            out["interface"] = ifindex;
+        out["attack"] = at != nc.attack.end() ? at->second : Attack{};
+        if (ifindex) {
+            ArpModule::IfCounters& c = arp.if_counters(node, *ifindex);
+            if (packets) c = ArpModule::IfCounters{(*packets)[0], (*packets)[1], (*packets)[2], (*packets)[3]};
+            out["interface"] = *ifindex;
             out["packets"] = std::array<std::uint32_t, 4>{c.in, c.requests, c.replies, c.unknown};
         }
         return out;

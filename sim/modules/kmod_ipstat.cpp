@@ -4,6 +4,7 @@
 
 #include "common/wire.hpp"
 #include "context.hpp"
+#include "control/args.hpp"
 #include "ipstat/ops.hpp"
 
 namespace sim {
@@ -65,43 +66,8 @@ private:
 
 // ---- Control operations -------------------------------------------------------------------
 
-std::uint64_t whole(const json& v, const std::string& key, std::uint64_t most = ~std::uint64_t{0}) {
-    if (!v.is_number_unsigned() || v.get<std::uint64_t>() > most) {
-        throw std::invalid_argument(key + ": a whole number from 0 to " + std::to_string(most));
-    }
-    return v.get<std::uint64_t>();
-}
-
-bool on_off(const json& v, const std::string& key) {
-    if (v.is_boolean()) return v.get<bool>();
-    return whole(v, key, 1) == 1;
-}
-
-std::uint32_t interface_of(const Context& ctx, const json& v) {
-    std::uint32_t ifindex = 0;
-    if (v.is_string()) {
-        ifindex = ctx.device.find_interface(v.get<std::string>());
-    } else {
-        ifindex = static_cast<std::uint32_t>(whole(v, "interface", 0xFFFFFFFFu));
-    }
-    if (ctx.device.interface(ifindex) == nullptr) throw std::invalid_argument("interface: the device has no " + v.dump());
-    return ifindex;
-}
-
-std::uint16_t node_of(const Context& ctx, const json& v) {
-    const auto node = static_cast<std::uint16_t>(whole(v, "node", 0xFFFF));
-    if (ctx.device.node(node) == nullptr) throw std::invalid_argument("node: the device has no node " + std::to_string(node));
-    return node;
-}
-
-void only_keys(const json& req, std::initializer_list<std::string_view> known) {
-    for (const auto& [key, value] : req.items()) {
-        if (key == "op") continue;
-        bool found = false;
-        for (const std::string_view k : known) found = found || k == key;
-        if (!found) throw std::invalid_argument("unknown key " + key);
-    }
-}
+// Counts of packets and counters: any 64-bit number.
+constexpr std::uint64_t kCountMost = ~std::uint64_t{0};
 
 template <class U, std::size_t N>
 json named(const std::array<std::string_view, N>& names, const std::array<U, N>& values) {
@@ -112,14 +78,19 @@ json named(const std::array<std::string_view, N>& names, const std::array<U, N>&
 
 // {"name": count, ...} as (counter, count) pairs; throws on a name the set does not have.
 template <std::size_t N>
-std::vector<std::pair<std::size_t, std::uint64_t>> raw_counts(const json& v, const char* set,
+std::vector<std::pair<std::size_t, std::uint64_t>> raw_counts(const json& req, const char* set,
                                                               const std::array<std::string_view, N>& names) {
-    if (!v.is_object()) throw std::invalid_argument(std::string(set) + ": an object of counter names and counts");
     std::vector<std::pair<std::size_t, std::uint64_t>> out;
-    for (const auto& [key, count] : v.items()) {
+    const json* v = arg::find(req, set);
+    if (v == nullptr) return out;
+    if (!v->is_object()) {
+        throw std::invalid_argument(arg::label(set) + " must be an object of counter names and counts, got " +
+                                    arg::shown(*v));
+    }
+    for (const auto& [key, count] : v->items()) {
         const auto at = index_of(names, key);
-        if (!at) throw std::invalid_argument(std::string(set) + ": no counter named " + key);
-        out.emplace_back(*at, whole(count, std::string(set) + "." + key));
+        if (!at) throw std::invalid_argument(arg::label(set) + " has no counter named " + arg::label(key));
+        out.emplace_back(*at, arg::whole_value(count, arg::label(set) + "." + arg::label(key), 0, kCountMost));
     }
     return out;
 }
@@ -164,14 +135,32 @@ std::uint32_t IpStatModule::mtu(const Context& ctx, std::uint32_t ifindex) const
 }
 
 void IpStatModule::set_settings(Context& ctx, std::uint16_t node, const Settings& s) {
+    const auto it = settings_.find(node);
+    const std::optional<Settings> before = it != settings_.end() ? std::optional<Settings>(it->second) : std::nullopt;
     settings_[node] = s;
-    // Written before the change is acknowledged.
+    // Stored before the change is acknowledged; put back as it was when it cannot be.
     ctx.store.put(kSettingsTable, settings_key(node), encode_settings(s));
+    ctx.store.on_rollback([this, node, before] {
+        if (before) {
+            settings_[node] = *before;
+        } else {
+            settings_.erase(node);
+        }
+    });
 }
 
 void IpStatModule::set_mtu(Context& ctx, std::uint32_t ifindex, std::uint32_t value) {
+    const auto it = mtu_.find(ifindex);
+    const std::optional<std::uint32_t> before = it != mtu_.end() ? std::optional<std::uint32_t>(it->second) : std::nullopt;
     mtu_[ifindex] = value;
     ctx.store.put(kMtuTable, mtu_key(ifindex), encode_mtu(value));
+    ctx.store.on_rollback([this, ifindex, before] {
+        if (before) {
+            mtu_[ifindex] = *before;
+        } else {
+            mtu_.erase(ifindex);
+        }
+    });
 }
 
 BpaRecords IpStatModule::bpa_of(std::uint16_t node, std::uint32_t ifindex) const {
@@ -324,24 +313,44 @@ std::optional<std::string> IpStatModule::attach(Context& ctx) {
         out["bpa"] = std::move(bpa);
         return out;
     };
-    // The node a request names: "node", else the interface's owner, else the master.
+    // The node a request names: "node" (a node of the device), else the interface's owner,
+    // else the master.
     auto node_arg = [&ctx](const json& req, std::optional<std::uint32_t> ifindex) {
-        if (req.contains("node")) return node_of(ctx, req.at("node"));
+        if (const auto node = arg::node_if(ctx, req)) return *node;
         if (ifindex) return ctx.device.interface(*ifindex)->node;
         return ctx.device.master();
     };
+    // "node", else every node of the device.
+    auto nodes_arg = [&ctx](const json& req) {
+        std::vector<std::uint16_t> nodes;
+        if (const auto node = arg::node_if(ctx, req)) {
+            nodes.push_back(*node);
+        } else {
+            for (const auto& [number, state] : ctx.device.nodes()) nodes.push_back(number);
+        }
+        return nodes;
+    };
 
+    // Ranges of the operations' values (each also where it is read):
+    //   ipstat.traffic: "node" 1-32767 and a node of the device; "interface" an index
+    //     (1-4294967295) or name of the device's; the packet counts and the counts of "ip",
+    //     "mib", "fw", "icmp" and "bpa" 0-18446744073709551615; "size" 1-65535 bytes;
+    //     "icmp_type" a name or 0-255; a "bpa" record's "index" 1-64;
+    //   ipstat.show, ipstat.reset: "node", "interface" as above;
+    //   ipstat.set: "ttl" 1-255, "ecmp_paths" 1-64, "ecmp_mode" 0-2, "load_sharing" 0-1,
+    //     "hash_fields" 0-31, "hash_seed" 0-4294967295, "mtu" 0-65535; "forwarding",
+    //     "directed_broadcast", "local_first" true or false.
     ctx.control.on("ipstat.traffic", [this, &ctx, show, node_arg](const json& req) {
-        only_keys(req, {"node", "interface", "in", "out", "forwarded", "no_route", "ttl_exceeded", "dropped",
-                        "bad_header", "icmp_in", "icmp_out", "icmp_type", "size", "ip", "mib", "fw", "icmp", "bpa"});
-        std::optional<std::uint32_t> ifindex;
-        if (req.contains("interface")) ifindex = interface_of(ctx, req.at("interface"));
+        arg::only_keys(req, {"node", "interface", "in", "out", "forwarded", "no_route", "ttl_exceeded", "dropped",
+                             "bad_header", "icmp_in", "icmp_out", "icmp_type", "size", "ip", "mib", "fw", "icmp",
+                             "bpa"});
+        const std::optional<std::uint32_t> ifindex = arg::interface_if(ctx, req);
         const std::uint16_t node = node_arg(req, ifindex);
         if (!ctx.device.node_up(node)) throw std::invalid_argument("node " + std::to_string(node) + " is down");
         // Everything is read first: a refused request changes nothing.
         Traffic t;
         auto packets = [&req](const char* key, std::uint64_t& field) {
-            if (req.contains(key)) field = whole(req.at(key), key);
+            field = arg::whole<std::uint64_t, 0, kCountMost>(req, key, 0);
         };
         packets("in", t.in);
         packets("out", t.out);
@@ -352,43 +361,46 @@ std::optional<std::string> IpStatModule::attach(Context& ctx) {
         packets("bad_header", t.bad_header);
         packets("icmp_in", t.icmp_in);
         packets("icmp_out", t.icmp_out);
-        if (req.contains("size")) {
-            t.size = whole(req.at("size"), "size", 65535);
-            if (t.size == 0) throw std::invalid_argument("size: a packet has at least one byte");
-        }
-        if (req.contains("icmp_type")) {
-            const json& v = req.at("icmp_type");
-            if (v.is_string()) {
-                const auto type = icmp_type_named(v.get<std::string>());
-                if (!type) throw std::invalid_argument("icmp_type: no ICMP type named " + v.get<std::string>());
+        t.size = arg::whole<std::uint64_t, 1, 65535>(req, "size", t.size);
+        if (const json* v = arg::find(req, "icmp_type")) {
+            if (v->is_string()) {
+                const auto type = icmp_type_named(v->get_ref<const std::string&>());
+                if (!type) {
+                    throw std::invalid_argument("\"icmp_type\" must be the name of an ICMP type or a number from 0 "
+                                                "to 255, got " + arg::shown(*v));
+                }
                 t.icmp_type = *type;
             } else {
-                t.icmp_type = static_cast<std::uint8_t>(whole(v, "icmp_type", 255));
+                t.icmp_type = static_cast<std::uint8_t>(arg::whole_value(*v, "\"icmp_type\"", 0, 255));
             }
         }
         using Counts = std::vector<std::pair<std::size_t, std::uint64_t>>;
-        const Counts ip_raw = req.contains("ip") ? raw_counts(req.at("ip"), "ip", kIpNames) : Counts{};
-        const Counts mib_raw = req.contains("mib") ? raw_counts(req.at("mib"), "mib", kMibNames) : Counts{};
-        const Counts fw_raw = req.contains("fw") ? raw_counts(req.at("fw"), "fw", kFwNames) : Counts{};
-        const Counts icmp_raw = req.contains("icmp") ? raw_counts(req.at("icmp"), "icmp", kIcmpNames) : Counts{};
+        const Counts ip_raw = raw_counts(req, "ip", kIpNames);
+        const Counts mib_raw = raw_counts(req, "mib", kMibNames);
+        const Counts fw_raw = raw_counts(req, "fw", kFwNames);
+        const Counts icmp_raw = raw_counts(req, "icmp", kIcmpNames);
         std::vector<BpaCount> bpa;
-        if (req.contains("bpa")) {
-            const json& list = req.at("bpa");
-            if (!list.is_array()) throw std::invalid_argument("bpa: a list of records");
-            for (const json& rec : list) {
-                if (!rec.is_object()) throw std::invalid_argument("bpa: each record is an object");
+        if (const json* list = arg::find(req, "bpa")) {
+            if (!list->is_array()) {
+                throw std::invalid_argument("\"bpa\" must be a list of records, got " + arg::shown(*list));
+            }
+            for (std::size_t i = 0; i < list->size(); ++i) {
+                const json& rec = (*list)[i];
+                const std::string at = "\"bpa\"[" + std::to_string(i) + "]";
+                if (!rec.is_object()) throw std::invalid_argument(at + " must be an object, got " + arg::shown(rec));
                 BpaCount c;
-                c.record = static_cast<std::size_t>(whole(rec.value("index", json(0)), "bpa.index", kBpaRecords));
-                if (c.record == 0) throw std::invalid_argument("bpa.index: a traffic index from 1 to 64");
-                --c.record;
+                const json* index = arg::find(rec, "index");
+                if (index == nullptr) throw std::invalid_argument(at + ".\"index\" is missing");
+                c.record = static_cast<std::size_t>(arg::whole_value(*index, at + ".\"index\"", 1, kBpaRecords)) - 1;
                 for (const auto& [key, v] : rec.items()) {
                     if (key == "index") continue;
-                    const auto at = index_of(kBpaNames, key);
-                    if (!at) throw std::invalid_argument("bpa: no counter named " + key);
-                    if (*at == kBpaCounters - 1) {
-                        c.stamp = whole(v, "bpa.stamp");
+                    const auto counter = index_of(kBpaNames, key);
+                    if (!counter) throw std::invalid_argument(at + " has no counter named " + arg::label(key));
+                    const std::uint64_t n = arg::whole_value(v, at + "." + arg::label(key), 0, kCountMost);
+                    if (*counter == kBpaCounters - 1) {
+                        c.stamp = n;
                     } else {
-                        c.add[*at] = whole(v, "bpa." + key);
+                        c.add[*counter] = n;
                     }
                 }
                 bpa.push_back(c);
@@ -396,7 +408,7 @@ std::optional<std::string> IpStatModule::attach(Context& ctx) {
         }
         const bool per_interface = t.icmp_in != 0 || t.icmp_out != 0 || req.contains("icmp") || req.contains("mib") ||
                                    req.contains("fw") || req.contains("bpa");
-        if (per_interface && !ifindex) throw std::invalid_argument("interface: these counters are an interface's");
+        if (per_interface && !ifindex) throw std::invalid_argument("\"interface\": these counters are an interface's");
 
         Counted c{&ip_[node].total, nullptr, nullptr, nullptr};
         if (ifindex) {
@@ -423,72 +435,54 @@ std::optional<std::string> IpStatModule::attach(Context& ctx) {
     });
 
     ctx.control.on("ipstat.show", [&ctx, show, node_arg](const json& req) {
-        only_keys(req, {"node", "interface"});
-        std::optional<std::uint32_t> ifindex;
-        if (req.contains("interface")) ifindex = interface_of(ctx, req.at("interface"));
+        arg::only_keys(req, {"node", "interface"});
+        const std::optional<std::uint32_t> ifindex = arg::interface_if(ctx, req);
         return show(node_arg(req, ifindex), ifindex);
     });
 
-    ctx.control.on("ipstat.reset", [this, &ctx](const json& req) {
-        only_keys(req, {"node"});
-        std::vector<std::uint16_t> nodes;
-        if (req.contains("node")) {
-            nodes.push_back(node_of(ctx, req.at("node")));
-        } else {
-            for (const auto& [number, state] : ctx.device.nodes()) nodes.push_back(number);
-        }
+    ctx.control.on("ipstat.reset", [this, nodes_arg](const json& req) {
+        arg::only_keys(req, {"node"});
+        const std::vector<std::uint16_t> nodes = nodes_arg(req);
         for (const std::uint16_t n : nodes) ip_[n].at_reset = ip_[n].total;
         return json{{"nodes", nodes}};
     });
 
-    ctx.control.on("ipstat.set", [this, &ctx](const json& req) {
-        only_keys(req, {"node", "ttl", "forwarding", "directed_broadcast", "ecmp_paths", "ecmp_mode", "load_sharing",
-                        "hash_fields", "hash_seed", "local_first", "interface", "mtu"});
-        std::vector<std::uint16_t> nodes;
-        if (req.contains("node")) {
-            nodes.push_back(node_of(ctx, req.at("node")));
-        } else {
-            for (const auto& [number, state] : ctx.device.nodes()) nodes.push_back(number);
-        }
-        // A node's settings with the request's changes; throws on a value out of range.
-        auto changed = [&req](Settings s) {
-            auto in_range = [&req](const char* key, std::uint64_t least, std::uint64_t most, std::uint32_t& field) {
-                if (!req.contains(key)) return;
-                const auto v = whole(req.at(key), key, most);
-                if (v < least) throw std::invalid_argument(std::string(key) + ": at least " + std::to_string(least));
-                field = static_cast<std::uint32_t>(v);
-            };
-            in_range("ttl", 1, 255, s.ttl);
-            in_range("ecmp_paths", 1, kEcmpBound, s.ecmp_paths);
-            in_range("ecmp_mode", 0, kEcmpModeMax, s.ecmp_mode);
-            in_range("load_sharing", 0, kLoadSharingMax, s.load_sharing);
-            in_range("hash_fields", 0, kHashFieldsAll, s.hash_fields);
-            in_range("hash_seed", 0, 0xFFFFFFFFu, s.hash_seed);
-            if (req.contains("forwarding")) s.forwarding = on_off(req.at("forwarding"), "forwarding");
-            if (req.contains("directed_broadcast")) {
-                s.directed_broadcast = on_off(req.at("directed_broadcast"), "directed_broadcast");
-            }
-            if (req.contains("local_first")) s.local_first = on_off(req.at("local_first"), "local_first");
+    ctx.control.on("ipstat.set", [this, &ctx, nodes_arg](const json& req) {
+        arg::only_keys(req, {"node", "ttl", "forwarding", "directed_broadcast", "ecmp_paths", "ecmp_mode",
+                             "load_sharing", "hash_fields", "hash_seed", "local_first", "interface", "mtu"});
+        const std::vector<std::uint16_t> nodes = nodes_arg(req);
+        // The request's changes, read once; each node's settings with them.
+        const auto ttl = arg::whole_if<std::uint32_t, 1, 255>(req, "ttl");
+        const auto ecmp_paths = arg::whole_if<std::uint32_t, 1, kEcmpBound>(req, "ecmp_paths");
+        const auto ecmp_mode = arg::whole_if<std::uint32_t, 0, kEcmpModeMax>(req, "ecmp_mode");
+        const auto load_sharing = arg::whole_if<std::uint32_t, 0, kLoadSharingMax>(req, "load_sharing");
+        const auto hash_fields = arg::whole_if<std::uint32_t, 0, kHashFieldsAll>(req, "hash_fields");
+        const auto hash_seed = arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "hash_seed");
+        const auto forwarding = arg::flag_if(req, "forwarding");
+        const auto directed_broadcast = arg::flag_if(req, "directed_broadcast");
+        const auto local_first = arg::flag_if(req, "local_first");
+        auto changed = [&](Settings s) {
+            s.ttl = ttl.value_or(s.ttl);
+            s.ecmp_paths = ecmp_paths.value_or(s.ecmp_paths);
+            s.ecmp_mode = ecmp_mode.value_or(s.ecmp_mode);
+            s.load_sharing = load_sharing.value_or(s.load_sharing);
+            s.hash_fields = hash_fields.value_or(s.hash_fields);
+            s.hash_seed = hash_seed.value_or(s.hash_seed);
+            s.forwarding = forwarding.value_or(s.forwarding);
+            s.directed_broadcast = directed_broadcast.value_or(s.directed_broadcast);
+            s.local_first = local_first.value_or(s.local_first);
             return s;
         };
-        std::optional<std::uint32_t> ifindex;
-        std::optional<std::uint32_t> new_mtu;
         if (req.contains("mtu") != req.contains("interface")) {
-            throw std::invalid_argument("mtu and interface go together");
+            throw std::invalid_argument("\"mtu\" and \"interface\" go together");
         }
-        if (req.contains("interface")) {
-            ifindex = interface_of(ctx, req.at("interface"));
-            new_mtu = static_cast<std::uint32_t>(whole(req.at("mtu"), "mtu", 0xFFFF));
-        }
-        std::vector<std::pair<std::uint16_t, Settings>> updates;
-        for (const std::uint16_t n : nodes) updates.emplace_back(n, changed(settings(n)));
-        const bool changes_node = req.contains("ttl") || req.contains("forwarding") ||
-                                  req.contains("directed_broadcast") || req.contains("ecmp_paths") ||
-                                  req.contains("ecmp_mode") || req.contains("load_sharing") ||
-                                  req.contains("hash_fields") || req.contains("hash_seed") ||
-                                  req.contains("local_first");
+        const std::optional<std::uint32_t> ifindex = arg::interface_if(ctx, req);
+        const std::optional<std::uint32_t> new_mtu = arg::whole_if<std::uint32_t, 0, 0xFFFF>(req, "mtu");
+        const bool changes_node = ttl || ecmp_paths || ecmp_mode || load_sharing || hash_fields || hash_seed ||
+                                  forwarding || directed_broadcast || local_first;
         json out{{"nodes", json::array()}};
-        for (const auto& [n, s] : updates) {
+        for (const std::uint16_t n : nodes) {
+            const Settings s = changed(settings(n));
             if (changes_node) set_settings(ctx, n, s);
             json one = settings_json(s);
             one["node"] = n;

@@ -364,17 +364,10 @@ private:
 
 // ---- Control operations -------------------------------------------------------------------
 
-std::uint64_t number(const json& req, const char* key, std::uint64_t max) {
-    const json& v = req.at(key);
-    if (!v.is_number_unsigned() || v.get<std::uint64_t>() > max) {
-        throw std::invalid_argument(std::string(key) + " must be a whole number from 0 to " + std::to_string(max));
-    }
-    return v.get<std::uint64_t>();
-}
-
+// Sets a field from the request's key when it has one.
 template <class T>
-void set_if(const json& req, const char* key, T& field) {
-    if (req.contains(key)) field = static_cast<T>(number(req, key, std::numeric_limits<T>::max()));
+void set_if(const std::optional<T>& v, T& field) {
+    if (v) field = *v;
 }
 
 std::string hex(const std::uint8_t* p, std::size_t n) {
@@ -397,21 +390,6 @@ std::string addr_text(const NeighAddr& a) {
     char b[INET6_ADDRSTRLEN] = {};
     ::inet_ntop(AF_INET6, a.data(), b, sizeof b);
     return b;
-}
-
-NeighAddr parse_addr(const json& req) {
-    NeighAddr a{};
-    const json& v = req.at("address");
-    if (!v.is_string() || ::inet_pton(AF_INET6, v.get_ref<const std::string&>().c_str(), a.data()) != 1) {
-        throw std::invalid_argument("address must be an IPv6 address");
-    }
-    return a;
-}
-
-std::uint32_t interface_arg(const Context& ctx, const json& req) {
-    const auto ifindex = static_cast<std::uint32_t>(number(req, "ifindex", 0xFFFFFFFFu));
-    if (ctx.device.interface(ifindex) == nullptr) throw std::invalid_argument("no interface " + std::to_string(ifindex));
-    return ifindex;
 }
 
 json params_json(const NdParams& p) {
@@ -450,29 +428,6 @@ json sent_json(const NdSent& s) {
     return out;
 }
 
-NeighState state_arg(const json& req) {
-    static const std::map<std::string, NeighState, std::less<>> kStates{{"incomplete", NeighState::kIncomplete},
-                                                                        {"reachable", NeighState::kReachable},
-                                                                        {"stale", NeighState::kStale},
-                                                                        {"delay", NeighState::kDelay},
-                                                                        {"probe", NeighState::kProbe}};
-    const json& v = req.at("state");
-    const auto it = v.is_string() ? kStates.find(v.get_ref<const std::string&>()) : kStates.end();
-    if (it == kStates.end()) throw std::invalid_argument("state must be incomplete, reachable, stale, delay or probe");
-    return it->second;
-}
-
-NeighKind kind_arg(const json& req) {
-    static const std::map<std::string, NeighKind, std::less<>> kKinds{{"dynamic", NeighKind::kDynamic},
-                                                                      {"static", NeighKind::kStatic},
-                                                                      {"openflow", NeighKind::kOpenFlow},
-                                                                      {"rule", NeighKind::kRule}};
-    const json& v = req.at("kind");
-    const auto it = v.is_string() ? kKinds.find(v.get_ref<const std::string&>()) : kKinds.end();
-    if (it == kKinds.end()) throw std::invalid_argument("kind must be dynamic, static, openflow or rule");
-    return it->second;
-}
-
 }  // namespace
 
 bool NdModule::l3_type(std::uint32_t type) noexcept {
@@ -499,75 +454,79 @@ std::uint32_t NdModule::handle(Context& ctx, std::uint16_t node, std::uint32_t c
     return status;
 }
 
+// Control operations and the ranges of their values (each also where it is read):
+//   nd.params: "hop_limit" 1-255; "stale_aging_unit" 0 (seconds) or 1 (minutes);
+//     "link_local_flags", "log_flags", "conflict_flags" 0-255; the others 0-4294967295;
+//   nd.counters: "node" 1-32767 and a node of the device; "selector" 0-255 (default 0);
+//     "alarm" and the four "attack" counters 0-18446744073709551615;
+//   nd.if_config: "interface" or "ifindex", an index (1-4294967295) or name of the
+//     device's; "ra_hop_limit" 0-255, "ra_lifetime" 0-65535, "ra_preference" 0-3 (as an RA
+//     carries them); the others 0-4294967295;
+//   nd.sent: "interface" or "ifindex";
+//   nd.entry: "interface" or "ifindex"; "address" IPv6; "port" 0 or an interface; "vlan"
+//     0-4095; "vsi" and "aging" 0-4294967295; "remove" true or false.
 void NdModule::attach(Context& ctx) {
+    // Every value is read before anything changes: a refused request changes nothing.
     ctx.control.on("nd.params", [this](const json& req) {
         NdParams p = params;
-        set_if(req, "hop_limit", p.hop_limit);
-        set_if(req, "stale_aging", p.stale_aging);
-        set_if(req, "stale_aging_unit", p.stale_aging_unit);
-        set_if(req, "link_local_flags", p.link_local_flags);
-        set_if(req, "log_flags", p.log_flags);
-        set_if(req, "conflict_flags", p.conflict_flags);
-        set_if(req, "snp_dad_retrans", p.snp_dad_retrans);
-        set_if(req, "snp_invalid", p.snp_invalid);
-        set_if(req, "snp_valid", p.snp_valid);
-        set_if(req, "rate", p.rate);
-        set_if(req, "ext3_bitmap", p.ext3_bitmap);
+        set_if(arg::whole_if<std::uint8_t, 1, 255>(req, "hop_limit"), p.hop_limit);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "stale_aging"), p.stale_aging);
+        set_if(arg::whole_if<std::uint32_t, 0, 1>(req, "stale_aging_unit"), p.stale_aging_unit);
+        set_if(arg::whole_if<std::uint8_t, 0, 0xFF>(req, "link_local_flags"), p.link_local_flags);
+        set_if(arg::whole_if<std::uint8_t, 0, 0xFF>(req, "log_flags"), p.log_flags);
+        set_if(arg::whole_if<std::uint8_t, 0, 0xFF>(req, "conflict_flags"), p.conflict_flags);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "snp_dad_retrans"), p.snp_dad_retrans);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "snp_invalid"), p.snp_invalid);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "snp_valid"), p.snp_valid);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "rate"), p.rate);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "ext3_bitmap"), p.ext3_bitmap);
         params = p;
         return params_json(params);
     });
     ctx.control.on("nd.counters", [this, &ctx](const json& req) {
-        const auto node = static_cast<std::uint16_t>(number(req, "node", 0xFFFF));
-        if (ctx.device.node(node) == nullptr) throw std::invalid_argument("no node " + std::to_string(node));
-        const auto selector = req.contains("selector") ? static_cast<std::uint8_t>(number(req, "selector", 0xFF))
-                                                       : std::uint8_t{0};
-        const std::pair<std::uint16_t, std::uint8_t> key{node, selector};
-        if (req.contains("attack")) {
-            const json& a = req.at("attack");
-            if (!a.is_array() || a.size() != 4) throw std::invalid_argument("attack must list four counters");
-            std::array<std::uint64_t, 4> v{};
-            for (std::size_t i = 0; i < v.size(); ++i) {
-                if (!a[i].is_number_unsigned()) throw std::invalid_argument("attack counters are whole numbers");
-                v[i] = a[i].get<std::uint64_t>();
-            }
-            attack[key] = v;
-        }
-        if (req.contains("alarm")) alarm[key] = number(req, "alarm", ~std::uint64_t{0});
+        const std::uint16_t node = arg::node(ctx, req);
+        const std::pair<std::uint16_t, std::uint8_t> key{node, arg::whole<std::uint8_t, 0, 0xFF>(req, "selector", 0)};
+        constexpr std::uint64_t kMost = ~std::uint64_t{0};
+        const auto new_attack = arg::wholes_if<std::uint64_t, 0, kMost, 4>(req, "attack");
+        const auto new_alarm = arg::whole_if<std::uint64_t, 0, kMost>(req, "alarm");
+        if (new_attack) attack[key] = *new_attack;
+        if (new_alarm) alarm[key] = *new_alarm;
         const auto a = attack.find(key);
         const auto al = alarm.find(key);
         return json{{"alarm", al != alarm.end() ? al->second : 0},
                     {"attack", a != attack.end() ? a->second : std::array<std::uint64_t, 4>{}}};
     });
     ctx.control.on("nd.if_config", [this, &ctx](const json& req) {
-        const std::uint32_t ifindex = interface_arg(ctx, req);
+        const std::uint32_t ifindex = arg::interface_or_ifindex(ctx, req);
         if (!l3_type(ctx.device.interface(ifindex)->type)) {
             throw std::invalid_argument("interface " + std::to_string(ifindex) + " is not of an ND layer-3 type");
         }
         NdIfConfig c = if_config.count(ifindex) != 0 ? if_config.at(ifindex) : NdIfConfig{};
-        set_if(req, "retransmit", c.retransmit_ms);
-        set_if(req, "reachable", c.reachable_ms);
-        set_if(req, "ra_min_interval", c.ra_min_interval);
-        set_if(req, "dad_attempts", c.dad_attempts);
-        set_if(req, "ra_interval", c.ra_interval);
-        set_if(req, "ra_hop_limit", c.ra_hop_limit);
-        set_if(req, "ra_lifetime", c.ra_lifetime);
-        set_if(req, "ra_preference", c.ra_preference);
-        set_if(req, "flags", c.flags);
-        set_if(req, "dest_guard", c.dest_guard);
-        set_if(req, "entry_limit", c.entry_limit);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "retransmit"), c.retransmit_ms);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "reachable"), c.reachable_ms);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "ra_min_interval"), c.ra_min_interval);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "dad_attempts"), c.dad_attempts);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "ra_interval"), c.ra_interval);
+        // An RA carries its hop limit in a byte, its lifetime in 16 bits, its preference in 2.
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFF>(req, "ra_hop_limit"), c.ra_hop_limit);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFF>(req, "ra_lifetime"), c.ra_lifetime);
+        set_if(arg::whole_if<std::uint32_t, 0, 3>(req, "ra_preference"), c.ra_preference);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "flags"), c.flags);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "dest_guard"), c.dest_guard);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "entry_limit"), c.entry_limit);
         if_config[ifindex] = c;
         return if_config_json(c);
     });
     ctx.control.on("nd.sent", [this, &ctx](const json& req) {
-        const std::uint32_t ifindex = interface_arg(ctx, req);
+        const std::uint32_t ifindex = arg::interface_or_ifindex(ctx, req);
         const auto it = sent.find(ifindex);
         return sent_json(it != sent.end() ? it->second : NdSent{});
     });
     ctx.control.on("nd.entry", [&ctx](const json& req) {
-        const std::uint32_t ifindex = interface_arg(ctx, req);
-        const NeighAddr addr = parse_addr(req);
+        const std::uint32_t ifindex = arg::interface_or_ifindex(ctx, req);
+        const NeighAddr addr = arg::address6(req, "address").bytes;
         if (addr == NeighAddr{}) throw std::invalid_argument("the address :: is no neighbour");
-        if (req.contains("remove")) {
+        if (arg::flag(req, "remove", false)) {
             if (!ctx.neighs.remove(kFamily, ifindex, addr)) throw std::invalid_argument("no such entry");
             return json::object();
         }
@@ -579,19 +538,30 @@ void NdModule::attach(Context& ctx) {
         n.addr = addr;
         n.vrf = itf->vrf;
         n.node = itf->node;
-        if (req.contains("mac")) n.mac = mac_arg(req.at("mac"));
-        if (req.contains("state")) n.state = state_arg(req);
-        if (req.contains("kind")) n.kind = kind_arg(req);
-        if (req.contains("port")) {
-            n.port = static_cast<std::uint32_t>(number(req, "port", 0xFFFFFFFFu));
-            if (n.port != 0 && ctx.device.interface(n.port) == nullptr) {
-                throw std::invalid_argument("no interface " + std::to_string(n.port));
-            }
+        set_if(arg::mac_if(req, "mac"), n.mac);
+        set_if(arg::word_if<NeighState>(req, "state",
+                            {{"incomplete", NeighState::kIncomplete},
+                             {"reachable", NeighState::kReachable},
+                             {"stale", NeighState::kStale},
+                             {"delay", NeighState::kDelay},
+                             {"probe", NeighState::kProbe}}),
+               n.state);
+        set_if(arg::word_if<NeighKind>(req, "kind",
+                            {{"dynamic", NeighKind::kDynamic},
+                             {"static", NeighKind::kStatic},
+                             {"openflow", NeighKind::kOpenFlow},
+                             {"rule", NeighKind::kRule}}),
+               n.kind);
+        // The member interface of an aggregate: 0 (none) or an interface of the device.
+        if (const json* port = arg::find(req, "port")) {
+            n.port = port->is_number_unsigned() && port->get<std::uint64_t>() == 0
+                         ? 0
+                         : arg::interface_value(ctx, *port, "port");
         }
-        set_if(req, "vlan", n.vlan);
-        set_if(req, "vsi", n.vsi);
+        set_if(arg::whole_if<std::uint16_t, 0, 4095>(req, "vlan"), n.vlan);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "vsi"), n.vsi);
         n.aging = n.kind == NeighKind::kStatic ? 0 : (had != nullptr && had->aging != 0 ? had->aging : 1200);
-        set_if(req, "aging", n.aging);
+        set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "aging"), n.aging);
         n.updated = ctx.uptime();
         ctx.neighs.put(n);
         return json::object();

@@ -1,14 +1,22 @@
 // Control operations that change the neighbour tables while the device runs:
-//   "neigh.add"   {"interface": index or name, "address": text, "mac": "aa:bb:cc:dd:ee:ff",
-//                  "state": "reachable"|"stale"|"incomplete"|"delay"|"probe",
-//                  "kind": "dynamic"|"static", "vlan": n, "vsi": n, "link": n}
+//   "neigh.add"   {"interface": index or name, "address": IPv4 or IPv6 text,
+//                  "mac": "aa:bb:cc:dd:ee:ff" (default 00:00:00:00:00:00),
+//                  "state": "reachable" (default)|"stale"|"incomplete"|"delay"|"probe",
+//                  "kind": "dynamic" (default)|"static", "vlan": 0-4095 (default 0),
+//                  "vsi": 0-4294967295 (default 4294967295: none),
+//                  "link": 0-65535 (default 65535: none)}
 //                 adds or changes an entry (family from the address);
 //   "neigh.del"   {"interface", "address"} removes one; {"removed": true|false};
-//   "neigh.burst" {"interface", "first": address, "count": n, "action": "add"|"del"} adds (or
-//                 removes) n (at most 4,000,000) entries whose address and MAC count up from the first, each
-//                 one change of the table: the way to make a burst of events.
+//   "neigh.burst" {"interface", "first": address, "count": 1-4000000, "action": "add"
+//                 (default)|"del", and the fields of neigh.add} adds (or removes) `count`
+//                 entries whose address and MAC count up from the first, each one change of
+//                 the table: the way to make a burst of events; {"changed": n}. The count goes
+//                 up in the last 32 bits of the address (all of an IPv4 address) and of the MAC:
+//                 a burst that would run past the last of them is refused before anything
+//                 changes.
 #include <arpa/inet.h>
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 
@@ -23,45 +31,43 @@ namespace {
 // Most changes one burst makes (as many as one scenario line may stand for).
 constexpr std::uint32_t kMaxBurst = 4'000'000;
 
-std::uint32_t interface_of(const Context& ctx, const nlohmann::json& req) {
-    if (!req.contains("interface")) throw std::invalid_argument("interface is missing");
-    return interface_value(ctx, req["interface"]);
-}
-
-std::uint8_t address_of(const std::string& text, NeighAddr* out) {
-    *out = {};
-    if (::inet_pton(AF_INET, text.c_str(), out->data()) == 1) return 2;
-    if (::inet_pton(AF_INET6, text.c_str(), out->data()) == 1) return 10;
-    throw std::invalid_argument("bad address " + text);
-}
-
-NeighState state_of(const std::string& s) {
-    if (s == "incomplete") return NeighState::kIncomplete;
-    if (s == "reachable") return NeighState::kReachable;
-    if (s == "stale") return NeighState::kStale;
-    if (s == "delay") return NeighState::kDelay;
-    if (s == "probe") return NeighState::kProbe;
-    throw std::invalid_argument("bad state " + s);
-}
-
-Neighbour entry_of(const Context& ctx, const nlohmann::json& req, const std::string& address_key) {
+Neighbour entry_of(const Context& ctx, const nlohmann::json& req, std::string_view address_key) {
     Neighbour n;
-    n.ifindex = interface_of(ctx, req);
-    n.family = address_of(req.at(address_key).get<std::string>(), &n.addr);
+    n.ifindex = arg::interface(ctx, req);
+    const arg::Address a = arg::address(req, address_key);
+    n.family = a.family;
+    n.addr = a.bytes;
     const auto& itf = *ctx.device.interface(n.ifindex);
     n.vrf = itf.vrf;
     n.node = itf.node;
-    if (req.contains("mac")) n.mac = mac_arg(req["mac"]);
-    n.state = state_of(req.value("state", std::string("reachable")));
-    if (req.value("kind", std::string("dynamic")) == "static") {
-        n.kind = NeighKind::kStatic;
-        n.aging = 0;
-    }
-    n.vlan = req.value("vlan", std::uint16_t{0});
-    n.vsi = req.value("vsi", 0xFFFFFFFFu);
-    n.link = req.value("link", std::uint16_t{0xFFFF});
+    n.mac = arg::mac(req, "mac", arg::Mac{});
+    n.state = arg::word(req, "state",
+                        {{"reachable", NeighState::kReachable},
+                         {"stale", NeighState::kStale},
+                         {"incomplete", NeighState::kIncomplete},
+                         {"delay", NeighState::kDelay},
+                         {"probe", NeighState::kProbe}},
+                        NeighState::kReachable);
+    n.kind = arg::word(req, "kind", {{"dynamic", NeighKind::kDynamic}, {"static", NeighKind::kStatic}},
+                       NeighKind::kDynamic);
+    if (n.kind == NeighKind::kStatic) n.aging = 0;
+    n.vlan = arg::whole<std::uint16_t, 0, 4095>(req, "vlan", 0);
+    n.vsi = arg::whole<std::uint32_t, 0, 0xFFFFFFFF>(req, "vsi", 0xFFFFFFFFu);
+    n.link = arg::whole<std::uint16_t, 0, 0xFFFF>(req, "link", 0xFFFF);
     n.updated = ctx.uptime();
     return n;
+}
+
+std::string address_text(const Neighbour& n) {
+    char buf[INET6_ADDRSTRLEN] = {};
+    ::inet_ntop(n.family == 10 ? AF_INET6 : AF_INET, n.addr.data(), buf, sizeof buf);
+    return buf;
+}
+
+std::string mac_text(const arg::Mac& m) {
+    char buf[18];
+    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
+    return buf;
 }
 
 }  // namespace
@@ -72,18 +78,33 @@ void register_neigh_control(Context& ctx) {
         return nlohmann::json::object();
     });
     ctx.control.on("neigh.del", [&ctx](const nlohmann::json& req) {
-        NeighAddr addr{};
-        const std::uint8_t family = address_of(req.at("address").get<std::string>(), &addr);
-        return nlohmann::json{{"removed", ctx.neighs.remove(family, interface_of(ctx, req), addr)}};
+        const std::uint32_t ifindex = arg::interface(ctx, req);
+        const arg::Address a = arg::address(req, "address");
+        return nlohmann::json{{"removed", ctx.neighs.remove(a.family, ifindex, a.bytes)}};
     });
     ctx.control.on("neigh.burst", [&ctx](const nlohmann::json& req) {
         Neighbour n = entry_of(ctx, req, "first");
-        const auto count = req.at("count").get<std::uint32_t>();
-        if (count > kMaxBurst) throw std::invalid_argument("count is at most 4000000");
-        const bool add = req.value("action", std::string("add")) == "add";
+        const auto count = arg::whole<std::uint32_t, 1, kMaxBurst>(req, "count");
+        const bool add = arg::word(req, "action", {{"add", true}, {"del", false}}, true);
         const std::size_t at = n.family == 10 ? 12 : 0;
         const auto first = ipc::wire::load_be<std::uint32_t>(n.addr.data() + at);
         const auto mac_first = ipc::wire::load_be<std::uint32_t>(n.mac.data() + 2);
+        // Everything is checked before the first change: a refused burst changes nothing.
+        const std::uint64_t last_step = count - 1;
+        if (first + last_step > 0xFFFFFFFFu) {
+            Neighbour last = n;
+            ipc::wire::store_be(last.addr.data() + at, std::uint32_t{0xFFFFFFFFu});
+            throw std::invalid_argument("\"count\": a burst of " + std::to_string(count) + " from " +
+                                        address_text(n) + " runs past the last " +
+                                        (n.family == 10 ? "IPv6 address it counts to, " : "IPv4 address, ") +
+                                        address_text(last));
+        }
+        if (mac_first + last_step > 0xFFFFFFFFu) {
+            arg::Mac last = n.mac;
+            ipc::wire::store_be(last.data() + 2, std::uint32_t{0xFFFFFFFFu});
+            throw std::invalid_argument("\"count\": a burst of " + std::to_string(count) + " from MAC " +
+                                        mac_text(n.mac) + " runs past the last MAC it counts to, " + mac_text(last));
+        }
         std::uint32_t changed = 0;
         for (std::uint32_t i = 0; i < count; ++i) {
             ipc::wire::store_be(n.addr.data() + at, first + i);

@@ -6,19 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "control/args.hpp"
+
 namespace sim {
 namespace {
 
 using nlohmann::json;
-
-// An unsigned field of a request, at most `max`.
-std::uint32_t field(const json& req, const char* key, std::uint32_t max) {
-    const json& v = req.at(key);
-    if (!v.is_number_integer() || v.get<std::int64_t>() < 0 || v.get<std::int64_t>() > max) {
-        throw std::invalid_argument(std::string("\"") + key + "\" must be an integer 0.." + std::to_string(max));
-    }
-    return static_cast<std::uint32_t>(v.get<std::int64_t>());
-}
 
 json number_or_null(const std::optional<std::uint32_t>& v) {
     return v ? json(*v) : json(nullptr);
@@ -45,28 +38,33 @@ json describe(const scenario::Vsi& vsi) {
 void register_vpn(Context& ctx, const scenario::Scenario& s) {
     const auto vsis = std::make_shared<const std::vector<scenario::Vsi>>(s.vsis);
 
+    // Ranges: a VSI "index" 0-4294967295 (the scenario's VSIs use 0-4294967294), a circuit's
+    // "interface" an index (1-4294967295) or name of the device's and its "service" 1-4096, a
+    // VRF "index" 0-65535.
     ctx.control.on("vpn.vsi", [vsis](const json& req) -> json {
-        if (req.contains("name")) {
-            const auto name = req.at("name").get<std::string>();
+        if (const auto name = arg::text_if(req, "name")) {
             for (const auto& vsi : *vsis) {
-                if (vsi.name == name) return describe(vsi);
+                if (vsi.name == *name) return describe(vsi);
             }
-            throw std::invalid_argument("no VSI named " + name);
+            throw std::invalid_argument("no VSI named " + arg::excerpt(*name));
         }
         if (!req.contains("index")) throw std::invalid_argument("vpn.vsi takes a \"name\" or an \"index\"");
-        const auto index = field(req, "index", 0xFFFFFFFFu);
+        const auto index = arg::whole<std::uint32_t, 0, 0xFFFFFFFF>(req, "index");
         for (const auto& vsi : *vsis) {
             if (vsi.index == index) return describe(vsi);
         }
         throw std::invalid_argument("no VSI " + std::to_string(index));
     });
 
-    ctx.control.on("vpn.circuit", [vsis](const json& req) -> json {
-        const auto ifindex = field(req, "interface", 0xFFFFFFFFu);
-        const auto service = field(req, "service", 0xFFFFFFFFu);
+    const Context& c = ctx;
+    ctx.control.on("vpn.circuit", [vsis, &c](const json& req) -> json {
+        const std::uint32_t ifindex = arg::interface(c, req);
+        const auto service = arg::whole<std::uint32_t, 1, 4096>(req, "service");
         for (const auto& vsi : *vsis) {
-            for (const auto& c : vsi.circuits) {
-                if (c.ifindex == ifindex && c.service == service) return {{"vsi", vsi.index}, {"link", link_of(c)}};
+            for (const auto& circuit : vsi.circuits) {
+                if (circuit.ifindex == ifindex && circuit.service == service) {
+                    return {{"vsi", vsi.index}, {"link", link_of(circuit)}};
+                }
             }
         }
         throw std::invalid_argument("no circuit of service " + std::to_string(service) + " on interface " +
@@ -75,7 +73,7 @@ void register_vpn(Context& ctx, const scenario::Scenario& s) {
 
     const Device& device = ctx.device;
     ctx.control.on("vpn.vrf", [&device](const json& req) -> json {
-        const auto index = static_cast<std::uint16_t>(field(req, "index", 0xFFFFu));
+        const auto index = arg::whole<std::uint16_t, 0, 0xFFFF>(req, "index");
         const auto it = device.vrfs().find(index);
         if (it == device.vrfs().end()) throw std::invalid_argument("no VRF " + std::to_string(index));
         return {{"index", index}, {"name", it->second}};

@@ -75,7 +75,26 @@ public:
     }
 
 protected:
+    // Every request is one unit of work of the store: what it changes is stored before its
+    // answer leaves (stored(): kStoreFailed, everything undone, when it could not be).
     void message(std::span<const std::uint8_t> msg) override {
+        Store::Work work(ctx_.store);
+        work_ = &work;
+        handle(msg);
+        work_ = nullptr;
+        work.commit();
+    }
+
+private:
+    // The result a request answers: its own, or kStoreFailed when its change could not be
+    // stored (the change is then undone).
+    std::uint32_t stored(std::uint32_t result) {
+        if (work_ == nullptr) return result;
+        if (result != kOk) return result;
+        return work_->commit() ? result : kStoreFailed;
+    }
+
+    void handle(std::span<const std::uint8_t> msg) {
         ipc::wire::Reader r(msg.data(), msg.size());
         const std::uint32_t op = r.be<std::uint32_t>();
         const std::uint32_t len = r.be<std::uint32_t>();
@@ -97,8 +116,8 @@ protected:
         }
     }
 
-private:
     void answer_control(std::uint32_t result) {
+        result = stored(result);
         std::uint8_t out[12];
         ipc::wire::Writer w(out);
         w.be(std::uint32_t{1}).be(std::uint32_t{4}).be(result);
@@ -107,6 +126,7 @@ private:
     }
 
     void answer_config(std::uint32_t result, std::uint32_t value, std::uint16_t vrf) {
+        result = stored(result);
         std::uint8_t out[20];
         ipc::wire::Writer w(out);
         w.be(std::uint32_t{1}).be(std::uint32_t{12}).be(result).be(value).be(vrf).be(std::uint16_t{0});
@@ -393,17 +413,21 @@ private:
     }
 
     Context& ctx_;
+    Store::Work* work_ = nullptr;
     std::set<std::pair<std::uint32_t, std::uint32_t>> marked_;
 };
 
 void publish_ifcfg(Context& ctx, std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint16_t d) {
-    if (ctx.ifcfg_subscribers.empty()) return;
-    std::array<std::uint8_t, kIfCfgMessageLen> out;
-    const auto msg = ifcfg_message(out, a, b, c, d);
-    const std::vector<AddrCfgConn*> subs(ctx.ifcfg_subscribers.begin(), ctx.ifcfg_subscribers.end());
-    for (AddrCfgConn* s : subs) {
-        if (ctx.ifcfg_subscribers.count(s) != 0) s->push_ifcfg(msg);
-    }
+    // Sent once the request's change is stored; never for a change that was rolled back.
+    ctx.store.after_commit([&ctx, a, b, c, d] {
+        if (ctx.ifcfg_subscribers.empty()) return;
+        std::array<std::uint8_t, kIfCfgMessageLen> out;
+        const auto msg = ifcfg_message(out, a, b, c, d);
+        const std::vector<AddrCfgConn*> subs(ctx.ifcfg_subscribers.begin(), ctx.ifcfg_subscribers.end());
+        for (AddrCfgConn* s : subs) {
+            if (ctx.ifcfg_subscribers.count(s) != 0) s->push_ifcfg(msg);
+        }
+    });
 }
 
 std::unique_ptr<Conn> make_addrcfg_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {

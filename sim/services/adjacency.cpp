@@ -9,6 +9,7 @@
 
 #include "common/wire.hpp"
 #include "context.hpp"
+#include "control/args.hpp"
 #include "core/log.hpp"
 #include "services/services.hpp"
 
@@ -416,10 +417,10 @@ void publish_neigh_change(Context& ctx, const NeighChange& change) {
     });
 }
 
+// "adj.tables" takes "family" 4 or 6 (default 4).
 void register_adj_control(Context& ctx) {
     ctx.control.on("adj.tables", [&ctx](const nlohmann::json& req) {
-        const int family = req.value("family", 4);
-        if (family != 4 && family != 6) throw std::invalid_argument("family is 4 or 6");
+        const auto family = arg::number(req, "family", {4, 6}, 4);
         AdjState& st = ctx.adj.of(family == 6);
         nlohmann::json out;
         for (const SmoothTable& t : st.tables) {

@@ -3,6 +3,7 @@
 #include "services/proen.hpp"
 
 #include "common/wire.hpp"
+#include "control/args.hpp"
 #include "core/log.hpp"
 #include "services/services.hpp"
 
@@ -139,10 +140,10 @@ std::unique_ptr<Conn> make_proen_conn(Context& ctx, Loop& loop, int fd, const En
     return std::make_unique<ProenConn>(ctx, loop, fd, where, pid);
 }
 
+// "proen.list" takes "node" 1-32767, a node of the device (default: every node).
 void register_proen(Context& ctx) {
     ctx.control.on("proen.list", [&ctx](const nlohmann::json& req) {
-        std::optional<std::uint16_t> node;
-        if (req.contains("node")) node = req.at("node").get<std::uint16_t>();
+        const std::optional<std::uint16_t> node = arg::node_if(ctx, req);
         nlohmann::json entries = nlohmann::json::array();
         ctx.proen.each([&](const ProenEntry& e) {
             if (node && e.node != *node) return;

@@ -19,7 +19,7 @@
 // The entries removed by one delete by interface travel together, as many records a
 // datagram as fit (18).
 //
-// Control operations:
+// Control operations ("node": 1-32767, a node of the device):
 //   "wlan.list" {"node": N optional} -> {"entries": [{"node", "first", "ifindex", "vlan",
 //     "entry": 400 hex digits}], "subscribers": number of subscribed connections};
 //   "wlan.clear" {"node": N optional} -> {"removed": number of entries}; every node that had
@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "common/wire.hpp"
+#include "control/args.hpp"
 #include "core/log.hpp"
 #include "services/services.hpp"
 
@@ -115,11 +116,6 @@ void publish_wlan_change(Context& ctx, const WlanChange& c) {
     }
 }
 
-std::optional<std::uint16_t> node_of(const nlohmann::json& req) {
-    if (!req.contains("node")) return std::nullopt;
-    return req.at("node").get<std::uint16_t>();
-}
-
 }  // namespace
 
 std::unique_ptr<Conn> make_wlan_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
@@ -129,7 +125,7 @@ std::unique_ptr<Conn> make_wlan_conn(Context& ctx, Loop& loop, int fd, const End
 void register_wlan(Context& ctx) {
     ctx.wlan.add_observer([&ctx](const WlanChange& c) { publish_wlan_change(ctx, c); });
     ctx.control.on("wlan.list", [&ctx](const nlohmann::json& req) {
-        const auto node = node_of(req);
+        const auto node = arg::node_if(ctx, req);
         nlohmann::json entries = nlohmann::json::array();
         ctx.wlan.each([&](const WlanEntry& e) {
             if (node && e.node != *node) return;
@@ -142,7 +138,7 @@ void register_wlan(Context& ctx) {
         return nlohmann::json{{"entries", entries}, {"subscribers", ctx.wlan_subscribers.size()}};
     });
     ctx.control.on("wlan.clear", [&ctx](const nlohmann::json& req) {
-        return nlohmann::json{{"removed", ctx.wlan.clear(node_of(req))}};
+        return nlohmann::json{{"removed", ctx.wlan.clear(arg::node_if(ctx, req))}};
     });
 }
 

@@ -14,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "common/control_channel.hpp"
 #include "common/endpoint_names.hpp"
 #include "common/raii.hpp"
 
@@ -89,21 +90,9 @@ bool read_line(int fd, std::string* buf, std::string* out, std::chrono::millisec
 }
 
 nlohmann::json control(const nlohmann::json& request) {
-    const ipc::Fd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    sockaddr_un sun{};
-    const socklen_t n = ipc::names::control(instance(), &sun);
-    if (!fd.valid() || ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&sun), n) != 0) {
-        return {{"ok", false}, {"error", "no control channel"}};
-    }
-    const std::string text = request.dump();
-    if (::send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
-        return {{"ok", false}, {"error", "send failed"}};
-    }
-    std::string reply(1u << 20, '\0');
-    const ssize_t got = ::recv(fd.get(), reply.data(), reply.size(), 0);
-    if (got <= 0) return {{"ok", false}, {"error", "no answer"}};
-    reply.resize(static_cast<std::size_t>(got));
-    return nlohmann::json::parse(reply, nullptr, false);
+    const auto x = ipc::control::ask(instance(), request.dump(), 30000);
+    if (x.outcome != ipc::control::Exchange::kAnswered) return {{"ok", false}, {"error", x.detail}};
+    return nlohmann::json::parse(x.answer, nullptr, false);
 }
 
 SimProcess::~SimProcess() {
@@ -123,7 +112,7 @@ bool SimProcess::start(const std::vector<std::string>& args) {
     argv.insert(argv.end(), args.begin(), args.end());
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) return false;
-    log_path_ = state_dir() + "/ipsimd.log";
+    if (log_path_.empty()) log_path_ = state_dir() + "/ipsimd.log";
     const int err = ::open(log_path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     pid_ = spawn(argv, out[1], err);
     ::close(out[1]);

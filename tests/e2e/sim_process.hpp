@@ -36,6 +36,10 @@ public:
     pid_t pid() const noexcept { return pid_; }
     const std::string& ready_line() const noexcept { return ready_; }
     const std::string& state_dir();
+    // Runs the next start on this state directory instead of a temporary one of its own.
+    void use_state_dir(std::string dir) { state_ = std::move(dir); }
+    // Where the simulator's standard error goes (the default: the state directory).
+    void use_log(std::string path) { log_path_ = std::move(path); }
     // What the simulator wrote on standard error so far.
     std::string log() const;
     // Resident memory of the simulator in KiB (VmRSS).

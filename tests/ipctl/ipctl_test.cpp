@@ -897,8 +897,7 @@ TEST_F(IpctlWithoutDevice, DeviceShowWithoutASimulatorFails) {
 }
 
 TEST_F(IpctlWithoutDevice, ReadersWithoutASimulatorFailRatherThanShowNothing) {
-    const std::string message =
-        "ipctl: the device does not answer (is a simulator running for instance \"" + e2e::instance() + "\"?)\n";
+    const std::string message = "ipctl: no simulator answers for instance \"" + e2e::instance() + "\"\n";
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {"addr", "show"}, {"-j", "neigh", "show"}, {"stats", "ttl"}, {"stats", "show"}}) {
         const Result r = ipctl(args);
@@ -906,6 +905,23 @@ TEST_F(IpctlWithoutDevice, ReadersWithoutASimulatorFailRatherThanShowNothing) {
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err, message);
     }
+}
+
+TEST_F(IpctlWithoutDevice, InterfaceNameWithoutASimulatorNamesTheMissingSimulator) {
+    const Result r = ipctl({"addr", "add", "10.9.9.9/24", "dev", "LoopBack0"});
+    EXPECT_EQ(r.code, 1) << describe(r);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "ipctl: no simulator answers for instance \"" + e2e::instance() + "\"\n");
+}
+
+TEST_F(IpctlWithoutDevice, StoppedSimulatorIsNamedAsNotAnswering) {
+    ASSERT_TRUE(sim.start()) << sim.log();
+    ASSERT_EQ(::kill(sim.pid(), SIGSTOP), 0);
+    Result r;
+    r.code = e2e::run({"/usr/bin/env", "IPCLIENT_DEVICE_TIMEOUT_MS=300", IPCTL_PATH, "addr", "show"}, &r.out, &r.err);
+    ::kill(sim.pid(), SIGCONT);
+    EXPECT_EQ(r.code, 1) << describe(r);
+    EXPECT_EQ(r.err, "ipctl: the simulator of instance \"" + e2e::instance() + "\" does not answer (is it stopped?)\n");
 }
 
 TEST_F(IpctlWithoutDevice, MonitorWithoutASimulatorFails) {

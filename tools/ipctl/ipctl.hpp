@@ -43,7 +43,10 @@ struct Context {
 [[noreturn]] void status_error(std::string_view what, std::uint32_t status);
 // "ipctl: <message>" on standard error, then exit 1.
 [[noreturn]] void failure(std::string_view message);
-// A failure (exit 1) when no device answers for the instance. Walks and readers whose
+// The instance the tool talks to.
+std::string instance_name();
+// A failure (exit 1) when no device answers for the instance, saying why: no simulator,
+// another user's simulator, a simulator that does not answer. Walks and readers whose
 // library calls end quietly without a device (an empty table, a default value) call it
 // once their arguments are read, so that nothing is mistaken for an empty table.
 void require_device();

@@ -14,6 +14,7 @@
 
 #include "ipclient/kernel.h"
 #include "ipctl.hpp"
+#include "ipplat/host.h"
 #include "ipplat/platform.h"
 #include "status_names.hpp"
 
@@ -37,13 +38,29 @@ void failure(std::string_view message) {
     throw Exit{kExitFailed};
 }
 
+std::string instance_name() {
+    char name[128] = {};
+    ipp_instance_name(name, sizeof name);
+    return name;
+}
+
 void require_device() {
-    // The address module answers on every device, so its epoch request is the probe.
-    std::uint8_t epoch = 0;
-    if (IPAddr_Drvk_GetAddrGlobalEpoch(0, 0, &epoch) == 0) return;
-    const char* env = std::getenv("IPCLIENT_INSTANCE");
-    failure(std::string("the device does not answer (is a simulator running for instance \"") +
-            (env != nullptr && *env != '\0' ? env : "default") + "\"?)");
+    std::uint32_t owner = 0;
+    const int state = ipp_device_state(&owner);
+    const std::string instance = "instance \"" + instance_name() + "\"";
+    switch (state) {
+        case IPP_DEVICE_ATTACHED: {
+            // The address module answers on every device, so its epoch request is the probe.
+            std::uint8_t epoch = 0;
+            if (IPAddr_Drvk_GetAddrGlobalEpoch(0, 0, &epoch) == 0) return;
+            failure("the device of " + instance + " does not answer");
+        }
+        case IPP_DEVICE_FOREIGN:
+            failure("refused by the simulator: it runs as uid " + std::to_string(owner) + " (" + instance + ")");
+        case IPP_DEVICE_SILENT: failure("the simulator of " + instance + " does not answer (is it stopped?)");
+        case IPP_DEVICE_NO_RESOURCES: failure("cannot reach the simulator of " + instance + ": no descriptor is free");
+        default: failure("no simulator answers for " + instance);
+    }
 }
 
 std::string Words::next() {
@@ -91,7 +108,11 @@ std::uint32_t interface_index(const CLI::App& verb, const std::string& name) {
         if (n <= UINT32_MAX && IF_IsValidIfIndex(static_cast<std::uint32_t>(n)) != 0)
             index = static_cast<std::uint32_t>(n);
     }
-    if (index == 0) usage_error(verb, "no interface \"" + name + "\"");
+    if (index == 0) {
+        // Without a device no interface is known: say that, not that the name is wrong.
+        require_device();
+        usage_error(verb, "no interface \"" + name + "\"");
+    }
     return index;
 }
 
@@ -153,7 +174,12 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
     // The platform reads the instance and the node when the first call reaches the device.
-    if (!instance.empty()) ::setenv("IPCLIENT_INSTANCE", instance.c_str(), 1);
+    const char* env = std::getenv("IPCLIENT_INSTANCE");
+    if (!instance.empty()) {
+        ::setenv("IPCLIENT_INSTANCE", instance.c_str(), 1);
+    } else if (env == nullptr || *env == '\0') {
+        ::setenv("IPCLIENT_INSTANCE", "default", 1);
+    }
     if (node > 0) {
         ::setenv("IPCLIENT_NODE", std::to_string(node).c_str(), 1);
         ctx.node = static_cast<std::uint16_t>(node);

@@ -33,8 +33,7 @@ void status_show(Context& ctx, Words words, double wait_seconds) {
         ::nanosleep(&pause, nullptr);
         up = device_answers();
     }
-    const char* env = std::getenv("IPCLIENT_INSTANCE");
-    const std::string instance = env != nullptr && *env != '\0' ? env : "default";
+    const std::string instance = instance_name();
     Record r;
     r.add("instance", instance, instance, "instance");
     r.add("answering", up, up ? "answering" : "not answering");

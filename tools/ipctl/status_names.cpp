@@ -5,6 +5,7 @@
 
 #include "ipclient/ipaddr.h"
 #include "ipclient/nd.h"
+#include "common/device_status.hpp"
 #include "ipclient/status.h"
 
 namespace ipctl {
@@ -27,6 +28,8 @@ constexpr std::array kNames{
     IPCTL_STATUS(IPSTATUS_DAEMON_EXCHANGE),
     IPCTL_STATUS(IPADDR_LAST_BATCH),
     IPCTL_STATUS(ND_OPENFLOW_SMOOTH_NO_REPLY),
+    // Given by a simulated device whose store failed.
+    std::pair<std::uint32_t, std::string_view>{ipc::device_status::kStoreFailed, "STORE_FAILED"},
 };
 #undef IPCTL_STATUS
 
