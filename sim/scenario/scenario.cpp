@@ -1,9 +1,11 @@
 // Scenario loading: YAML text to a checked Scenario.
 //
-// The document is read whole by yaml-cpp, then walked section by section in dependency
-// order (nodes, VRFs, interfaces, then everything that refers to them, then the device
-// section). Every value carries its dotted key and its line, so the first problem found is
-// reported exactly where it sits in the file.
+// The text is first held to the limits (limits.hpp, bounded.cpp): its size, then its
+// nesting and number of values, counted on the text and on the YAML reader's events before
+// any node is built. The document is then read whole by yaml-cpp, and walked section by
+// section in dependency order (nodes, VRFs, interfaces, then everything that refers to
+// them, then the device section). Every value carries its dotted key and its line, so the
+// first problem found is reported exactly where it sits in the file.
 #include "scenario/scenario.hpp"
 
 #include <arpa/inet.h>
@@ -13,15 +15,16 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 #include <span>
 #include <string_view>
 #include <utility>
 
 #include "common/wire.hpp"
+#include "scenario/bounded.hpp"
+#include "scenario/limits.hpp"
 
 namespace sim::scenario {
 namespace {
@@ -52,8 +55,9 @@ std::string item_key(const std::string& parent, std::size_t i) {
     return parent + "[" + std::to_string(i) + "]";
 }
 
+// A value as error texts quote it: an excerpt (bounded.hpp) in double quotes.
 std::string quoted(std::string_view s) {
-    return "\"" + std::string(s) + "\"";
+    return "\"" + excerpt(s) + "\"";
 }
 
 // Throws the error for one value; every check ends here.
@@ -99,7 +103,7 @@ private:
         const int key_line = line_of(k);
         if (!k.IsScalar()) r_.fail(key_line, self_.key.empty() ? "<document>" : self_.key, "expected a key name");
         const std::string& name = k.Scalar();
-        const std::string key = join(self_.key, name);
+        const std::string key = join(self_.key, excerpt(name));
         if (std::find(known.begin(), known.end(), name) == known.end()) r_.fail(key_line, key, "unknown key");
         for (const auto& [seen, at] : entries_) {
             if (seen == name) {
@@ -120,9 +124,9 @@ std::vector<Value> items(const Reporter& r, const std::optional<Value>& section)
     std::vector<Value> out;
     if (!section || section->node.IsNull()) return out;
     if (!section->node.IsSequence()) r.fail(*section, "expected a list");
-    for (std::size_t i = 0; i < section->node.size(); ++i) {
-        const YAML::Node n = section->node[i];
-        out.push_back(Value{n, item_key(section->key, i), n.IsNull() ? section->line : line_of(n)});
+    std::size_t i = 0;
+    for (const YAML::Node& n : section->node) {
+        out.push_back(Value{n, item_key(section->key, i++), n.IsNull() ? section->line : line_of(n)});
     }
     return out;
 }
@@ -187,7 +191,7 @@ std::uint64_t integer(const Reporter& r, const Value& v, std::uint64_t lo, std::
     if (!p) r.fail(v, "expected an integer, got " + quoted(s));
     const bool zero = p->magnitude == 0 && !p->overflow;
     if (p->overflow || (p->negative && !zero) || p->magnitude < lo || p->magnitude > hi) {
-        r.fail(v, "must be between " + std::to_string(lo) + " and " + std::to_string(hi) + ", got " + s);
+        r.fail(v, "must be between " + std::to_string(lo) + " and " + std::to_string(hi) + ", got " + excerpt(s));
     }
     return p->magnitude;
 }
@@ -358,9 +362,6 @@ std::uint32_t ipv4_word(const Ip& ip) {
 // ---------------------------------------------------------------------------------------
 // The loader
 
-// Most neighbours one scenario line may stand for.
-constexpr std::uint32_t kNeighbourRunMax = 4'000'000;
-
 constexpr auto kRoles = std::to_array<Name<Role>>(
     {{"member", Role::kMember}, {"master", Role::kMaster}, {"standby", Role::kStandby}});
 constexpr auto kNodeStates = std::to_array<Name<bool>>({{"up", true}, {"down", false}});
@@ -481,41 +482,36 @@ private:
             listed.push_back(std::move(l));
         }
         const bool public_listed = index_lines.contains(0);
-        if (!public_listed) s_.vrfs.push_back(Vrf{0, "public"});
-        for (Listed& l : listed) add_vrf(std::move(l), public_listed);
+        if (!public_listed) add_vrf(Vrf{0, "public"});
+        for (Listed& l : listed) {
+            if (const auto seen = vrf_by_name_.find(l.vrf.name); seen != vrf_by_name_.end()) {
+                const std::string where = seen->second == 0 && !public_listed
+                                              ? "the public VRF's name"
+                                              : "also the name of VRF " + std::to_string(seen->second);
+                r_.fail(l.name, "duplicate VRF name " + quoted(l.vrf.name) + " (" + where + ")");
+            }
+            add_vrf(std::move(l.vrf));
+        }
         std::stable_partition(s_.vrfs.begin(), s_.vrfs.end(), [](const Vrf& v) { return v.index == 0; });
     }
 
-    void add_vrf(Listed l, bool public_listed) {
-        for (const Vrf& seen : s_.vrfs) {
-            if (seen.name != l.vrf.name) continue;
-            const std::string where = seen.index == 0 && !public_listed
-                                          ? "the public VRF's name"
-                                          : "also the name of VRF " + std::to_string(seen.index);
-            r_.fail(l.name, "duplicate VRF name " + quoted(l.vrf.name) + " (" + where + ")");
-        }
-        s_.vrfs.push_back(std::move(l.vrf));
+    void add_vrf(Vrf vrf) {
+        vrf_indexes_.insert(vrf.index);
+        vrf_by_name_.emplace(vrf.name, vrf.index);
+        s_.vrfs.push_back(std::move(vrf));
     }
 
     // A VRF by index (a plain integer) or by name.
     std::uint16_t vrf_ref(const Value& v) {
         if (integer_like(v)) {
             const auto index = number<std::uint16_t>(r_, v, 0, 0xFFFF);
-            if (!find_vrf([&](const Vrf& x) { return x.index == index; })) {
-                r_.fail(v, "no VRF " + std::to_string(index));
-            }
+            if (!vrf_indexes_.contains(index)) r_.fail(v, "no VRF " + std::to_string(index));
             return index;
         }
         const std::string& name = text(r_, v);
-        const Vrf* found = find_vrf([&](const Vrf& x) { return x.name == name; });
-        if (found == nullptr) r_.fail(v, "no VRF named " + quoted(name));
-        return found->index;
-    }
-
-    template <typename Pred>
-    const Vrf* find_vrf(Pred pred) const {
-        const auto it = std::find_if(s_.vrfs.begin(), s_.vrfs.end(), pred);
-        return it == s_.vrfs.end() ? nullptr : &*it;
+        const auto found = vrf_by_name_.find(name);
+        if (found == vrf_by_name_.end()) r_.fail(v, "no VRF named " + quoted(name));
+        return found->second;
     }
 
     // Interfaces ---------------------------------------------------------------------
@@ -538,6 +534,8 @@ private:
             }
             index_lines[i.index] = index_v.line;
             name_lines[i.name] = name_v.line;
+            interface_by_index_.emplace(i.index, s_.interfaces.size());
+            interface_by_name_.emplace(i.name, s_.interfaces.size());
             s_.interfaces.push_back(std::move(i));
         }
     }
@@ -569,19 +567,16 @@ private:
 
     // An interface by index (a plain integer) or by name.
     const Interface& interface_ref(const Value& v) {
-        const auto matches = [&](auto pred) {
-            return std::find_if(s_.interfaces.begin(), s_.interfaces.end(), pred);
-        };
         if (integer_like(v)) {
             const auto index = number<std::uint32_t>(r_, v, 1, 0xFFFFFFFF);
-            const auto it = matches([&](const Interface& i) { return i.index == index; });
-            if (it == s_.interfaces.end()) r_.fail(v, "no interface " + std::to_string(index));
-            return *it;
+            const auto it = interface_by_index_.find(index);
+            if (it == interface_by_index_.end()) r_.fail(v, "no interface " + std::to_string(index));
+            return s_.interfaces[it->second];
         }
         const std::string& name = text(r_, v);
-        const auto it = matches([&](const Interface& i) { return i.name == name; });
-        if (it == s_.interfaces.end()) r_.fail(v, "no interface named " + quoted(name));
-        return *it;
+        const auto it = interface_by_name_.find(name);
+        if (it == interface_by_name_.end()) r_.fail(v, "no interface named " + quoted(name));
+        return s_.interfaces[it->second];
     }
 
     // Addresses, services, routes, neighbours ----------------------------------------
@@ -674,13 +669,22 @@ private:
             read_mac(r_, m.need("mac"), n.mac);
         }
         if (auto x = m.find("vlan")) n.vlan = number<std::uint16_t>(r_, *x, 0, 4094);
-        if (auto x = m.find("count")) {
-            n.count = number<std::uint32_t>(r_, *x, 1, kNeighbourRunMax);
+        const std::optional<Value> count_v = m.find("count");
+        if (count_v) n.count = number<std::uint32_t>(r_, *count_v, 1, 0xFFFFFFFF);
+        // The entries of all the file's items together are bounded, before any is made.
+        neighbour_entries_ += n.count;
+        if (neighbour_entries_ > kNeighbourEntriesMax) {
+            r_.fail(count_v ? *count_v : v, "the file's neighbours would make " + std::to_string(neighbour_entries_) +
+                                                " entries; at most " + std::to_string(kNeighbourEntriesMax));
+        }
+        if (count_v) {
             // The run must not wrap the address: IPv4 within 32 bits, IPv6 within its
             // last 32 bits.
             const std::size_t at = ip.family == AF_INET ? 0 : 12;
             const auto last = ipc::wire::load_be<std::uint32_t>(n.addr + at);
-            if (std::uint64_t{last} + n.count - 1 > 0xFFFFFFFFull) r_.fail(*x, "the run passes the end of the address space");
+            if (std::uint64_t{last} + n.count - 1 > 0xFFFFFFFFull) {
+                r_.fail(*count_v, "the run passes the end of the address space");
+            }
         }
         return n;
     }
@@ -768,17 +772,29 @@ private:
     Map root_;
     Scenario s_;
     std::map<std::uint16_t, int> node_lines_;
+    // The VRFs and interfaces listed so far, for the items that refer to them.
+    std::set<std::uint16_t> vrf_indexes_;
+    std::map<std::string, std::uint16_t, std::less<>> vrf_by_name_;
+    std::map<std::uint32_t, std::size_t> interface_by_index_;  // position in s_.interfaces
+    std::map<std::string, std::size_t, std::less<>> interface_by_name_;
+    std::uint64_t neighbour_entries_ = 0;  // made by the neighbour items so far
 };
 
 // ---------------------------------------------------------------------------------------
 // Documents
 
-YAML::Node parse_document(const std::string& text, const Reporter& r) {
+YAML::Node parse_document(const std::string& text, const std::string& name, const Reporter& r) {
+    // Its size, nesting and number of values are checked before the document is built.
+    if (text.size() > kFileBytesMax) {
+        r.fail(1, "<document>", "the text is " + std::to_string(text.size()) + " bytes; at most " +
+                                    std::to_string(kFileBytesMax));
+    }
+    check_shape(text, name);
     std::vector<YAML::Node> docs;
     try {
         docs = YAML::LoadAll(text);
     } catch (const YAML::Exception& e) {
-        r.fail(e.mark.is_null() ? 1 : e.mark.line + 1, "<document>", e.msg);
+        yaml_error(e, name);
     }
     if (docs.empty()) r.fail(1, "<document>", "empty document");
     if (docs.size() > 1) r.fail(line_of(docs[1]), "<document>", "more than one document");
@@ -790,27 +806,17 @@ YAML::Node parse_document(const std::string& text, const Reporter& r) {
 
 Scenario load_text(const std::string& text, const std::string& name) {
     const Reporter r(name);
-    const YAML::Node root = parse_document(text, r);
+    const YAML::Node root = parse_document(text, name, r);
     try {
         return Loader(r, root).run(name);
     } catch (const YAML::Exception& e) {
         // Not expected once the document parsed; kept so that only Error leaves this file.
-        r.fail(e.mark.is_null() ? 0 : e.mark.line + 1, "<document>", e.msg);
+        yaml_error(e, name);
     }
 }
 
 Scenario load_file(const std::string& path) {
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (f == nullptr) throw Error(path, 0, "<file>", std::string("cannot open: ") + std::strerror(errno));
-    std::string text;
-    std::array<char, 4096> buf{};
-    std::size_t n = 0;
-    while ((n = std::fread(buf.data(), 1, buf.size(), f)) > 0) text.append(buf.data(), n);
-    const bool failed = std::ferror(f) != 0;
-    const int err = errno;
-    std::fclose(f);
-    if (failed) throw Error(path, 0, "<file>", std::string("cannot read: ") + std::strerror(err));
-    return load_text(text, path);
+    return load_text(read_file(path), path);
 }
 
 Scenario load_default() {

@@ -1,8 +1,8 @@
 // The scenario: what the simulated device holds when ipsimd starts.
 //
 // Loaded from a YAML file (docs/scenario.md) or from the bundled default scenario. Loading
-// validates the whole file; a wrong file is refused with an error that names the file, the
-// line and the key.
+// validates the whole file within the bounds of limits.hpp; a wrong file is refused with an
+// error that names the file, the line and the key.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "scenario/limits.hpp"
 
 namespace sim::scenario {
 
@@ -87,6 +89,7 @@ struct Neighbour {
     std::uint16_t vlan = 0;
     // A run of `count` neighbours: the address and the MAC address each count up by one
     // from the entry's own (large tables without a line per entry).
+    // All the items of a scenario together make at most kNeighbourEntriesMax entries.
     std::uint32_t count = 1;
 };
 
@@ -149,9 +152,11 @@ private:
     std::string key_;
 };
 
-// Loads and validates a scenario file; throws Error.
+// Loads and validates a scenario file; throws Error. The file must be a regular file of at
+// most kFileBytesMax bytes; it is read without blocking, then loaded as load_text() does.
 Scenario load_file(const std::string& path);
-// Loads and validates scenario text; `name` stands for the file in errors.
+// Loads and validates scenario text (at most kFileBytesMax bytes); `name` stands for the
+// file in errors.
 Scenario load_text(const std::string& text, const std::string& name);
 // The bundled default scenario.
 Scenario load_default();

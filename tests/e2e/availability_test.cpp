@@ -177,8 +177,19 @@ TEST(AvailabilityNamesE2E, TwoLongNamesThatShareTheirStartDoNotMeet) {
     EXPECT_EQ(wait_child(b, 2s), 0);
 }
 
+// Whether a process has a handler of its own for a signal (SigCgt of its status), that is:
+// whether it runs its own code yet.
+bool catches(pid_t pid, int sig) {
+    const std::string status = slurp("/proc/" + std::to_string(pid) + "/status");
+    const auto at = status.find("SigCgt:");
+    if (at == std::string::npos) return false;
+    const unsigned long long mask = std::stoull(status.substr(at + 7), nullptr, 16);
+    return (mask >> (sig - 1) & 1u) != 0;
+}
+
 TEST(AvailabilitySignalsE2E, SigtermWhileStartingEndsAtOnceWithZero) {
-    // A scenario with many entries takes a while to load; SIGTERM in the middle of it.
+    // A scenario with many entries takes a while to load; SIGTERM at several moments of it,
+    // from the first moment the program runs its own code.
     std::string scenario =
         "nodes:\n  - {number: 1, role: master}\n"
         "interfaces:\n  - {index: 2, name: GigabitEthernet1/0/1, node: 1, type: ethernet}\n"
@@ -188,9 +199,11 @@ TEST(AvailabilitySignalsE2E, SigtermWhileStartingEndsAtOnceWithZero) {
                     ".0.1, mac: 02:00:00:00:00:01, count: 200000}\n";
     }
     const std::string file = temp_file("big-neighbours.yaml", scenario);
-    for (const auto delay : {50ms, 150ms, 400ms}) {
+    for (const auto delay : {0ms, 20ms, 100ms, 300ms}) {
         const pid_t pid = spawn({IPSIMD_PATH, "--instance", instance(), "--scenario", file}, -1, -1);
         ASSERT_GT(pid, 0);
+        const auto until = std::chrono::steady_clock::now() + 5s;
+        while (!catches(pid, SIGTERM) && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(1ms);
         std::this_thread::sleep_for(delay);
         const auto sent = std::chrono::steady_clock::now();
         ASSERT_EQ(::kill(pid, SIGTERM), 0);

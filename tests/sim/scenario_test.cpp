@@ -1,14 +1,21 @@
 // The scenario loader: the bundled default scenario, defaults, and refused documents with
 // the line and key of their first problem.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <string>
 
 #include "scenario/scenario.hpp"
@@ -363,6 +370,308 @@ TEST(Scenario, MissingFileIsRefused) {
         EXPECT_EQ(e.line(), 0);
         EXPECT_EQ(e.key(), "<file>");
     }
+}
+
+// Limits ---------------------------------------------------------------------------------
+
+// The Error a file is refused with; fails the test when the file loads.
+Error file_refusal(const std::string& path) {
+    try {
+        load_file(path);
+    } catch (const Error& e) {
+        return e;
+    }
+    ADD_FAILURE() << "accepted: " << path;
+    return Error("", -1, "", "");
+}
+
+// A directory of its own under the test's temporary directory.
+std::string temp_dir() {
+    std::string dir = ::testing::TempDir() + "scenario_test_XXXXXX";
+    EXPECT_NE(::mkdtemp(dir.data()), nullptr) << std::strerror(errno);
+    return dir;
+}
+
+std::string write_file(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+// The largest size the process has had, in bytes.
+long peak_rss() {
+    rusage u{};
+    ::getrusage(RUSAGE_SELF, &u);
+    return u.ru_maxrss * 1024L;
+}
+
+std::string repeat(const std::string& s, std::size_t n) {
+    std::string out;
+    out.reserve(s.size() * n);
+    for (std::size_t i = 0; i < n; ++i) out += s;
+    return out;
+}
+
+TEST(Scenario, DevZeroIsRefusedAsNotARegularFile) {
+    const Error e = file_refusal("/dev/zero");
+    EXPECT_STREQ(e.what(), "/dev/zero:0: <file>: not a regular file (a character device)");
+    EXPECT_EQ(e.file(), "/dev/zero");
+    EXPECT_EQ(e.line(), 0);
+    EXPECT_EQ(e.key(), "<file>");
+}
+
+TEST(Scenario, DevUrandomIsRefused) {
+    const Error e = file_refusal("/dev/urandom");
+    EXPECT_STREQ(e.what(), "/dev/urandom:0: <file>: not a regular file (a character device)");
+}
+
+TEST(Scenario, FifoIsRefusedWithoutBlocking) {
+    const std::string dir = temp_dir();
+    const std::string fifo = dir + "/scenario.fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+    auto loading = std::async(std::launch::async, [&] { return file_refusal(fifo); });
+    if (loading.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
+        ADD_FAILURE() << "the load waits for a writer";
+        // Be that writer, so that the load ends and the test with it.
+        ::close(::open(fifo.c_str(), O_WRONLY | O_NONBLOCK));
+    }
+    const Error e = loading.get();
+    EXPECT_EQ(std::string(e.what()), fifo + ":0: <file>: not a regular file (a FIFO)");
+    ::unlink(fifo.c_str());
+    ::rmdir(dir.c_str());
+}
+
+TEST(Scenario, DirectoryIsRefused) {
+    const std::string dir = temp_dir();
+    const Error e = file_refusal(dir);
+    EXPECT_EQ(std::string(e.what()), dir + ":0: <file>: not a regular file (a directory)");
+    ::rmdir(dir.c_str());
+}
+
+TEST(Scenario, FileOverTheSizeLimitIsRefused) {
+    // A sparse file one byte past the limit: refused on its size, before it is read.
+    const std::string path = ::testing::TempDir() + "scenario_test_over.yaml";
+    write_file(path, kNodes + "interfaces: []\n");
+    ASSERT_EQ(::truncate(path.c_str(), static_cast<off_t>(kFileBytesMax + 1)), 0) << std::strerror(errno);
+    const Error e = file_refusal(path);
+    EXPECT_EQ(std::string(e.what()), path + ":0: <file>: the file is 16777217 bytes; at most 16777216");
+    EXPECT_EQ(e.key(), "<file>");
+    ::unlink(path.c_str());
+}
+
+TEST(Scenario, FileAtTheSizeLimitIsRead) {
+    // A small scenario and one comment line that fills the file up to the limit.
+    const std::string head = kNodes + "interfaces: []\n";
+    const std::string text = head + "#" + std::string(kFileBytesMax - head.size() - 2, 'x') + "\n";
+    ASSERT_EQ(text.size(), kFileBytesMax);
+    const std::string path = write_file(::testing::TempDir() + "scenario_test_at.yaml", text);
+    const Scenario s = load_file(path);
+    EXPECT_EQ(s.source, path);
+    EXPECT_EQ(s.nodes.size(), 1u);
+    ::unlink(path.c_str());
+}
+
+TEST(Scenario, TextOverTheSizeLimitIsRefused) {
+    const std::string text = kNodes + "interfaces: []\n#" + std::string(kFileBytesMax, 'x') + "\n";
+    EXPECT_EQ(std::string(refusal(text).what()),
+              "test.yaml:1: <document>: the text is " + std::to_string(text.size()) + " bytes; at most 16777216");
+}
+
+TEST(Scenario, NestingBeyondTheLimitIsRefusedWithItsLine) {
+    const char* const kDeep = "lists and mappings nested deeper than 64 levels";
+    const std::size_t n = 200'000;
+    // In brackets and in compact block lists, all on one line.
+    for (const std::string& deep : {repeat("[", n) + repeat("]", n), repeat("- ", n) + "x"}) {
+        const Error e = refusal("# deep\n" + deep + "\n");
+        EXPECT_EQ(e.line(), 2) << e.what();
+        EXPECT_EQ(e.key(), "<document>");
+        EXPECT_STREQ(e.what(), (std::string("test.yaml:2: <document>: ") + kDeep).c_str());
+    }
+    // One level a line: in brackets, a list entry indented one more each, a key each. The
+    // 65th level is on line 65.
+    std::string lists, keys;
+    for (std::size_t i = 0; i < 100; ++i) {
+        lists += std::string(i, ' ') + "-\n";
+        keys += std::string(i, ' ') + "k:\n";
+    }
+    for (const std::string& deep : {repeat("[\n", n) + repeat("]\n", n), lists, keys}) {
+        const Error e = refusal(deep);
+        EXPECT_EQ(e.line(), 65) << e.what();
+        EXPECT_EQ(e.key(), "<document>");
+    }
+    // Under the sections' mapping (level 1): the 64th bracket is the 65th level.
+    const Error e = refusal("nodes:\n" + repeat("  [\n", 100) + repeat("  ]\n", 100));
+    EXPECT_EQ(e.line(), 65) << e.what();
+    // Refused on the text, before the reader, which would hold every bracket of it (some
+    // 250 bytes each) before it reports the first.
+    const long peak = peak_rss();
+    EXPECT_EQ(refusal(repeat("[", 2'000'000)).line(), 1);
+    EXPECT_LT(peak_rss() - peak, 64L << 20);
+}
+
+TEST(Scenario, NestingWithinTheLimitIsRead) {
+    // 64 levels pass the limit's checks; the loader then finds what is wrong with them.
+    EXPECT_STREQ(refusal("nodes: " + repeat("[", 63) + repeat("]", 63) + "\n").what(),
+                 "test.yaml:1: nodes[0]: expected a mapping");
+    EXPECT_STREQ(refusal("nodes:\n  " + repeat("- ", 63) + "x\n").what(), "test.yaml:2: nodes[0]: expected a mapping");
+    EXPECT_STREQ(refusal(repeat("[", 64) + repeat("]", 64) + "\n").what(),
+                 "test.yaml:1: <document>: expected a mapping of sections");
+    std::string keys;
+    for (std::size_t i = 0; i < 64; ++i) keys += std::string(i, ' ') + "k:\n";
+    EXPECT_STREQ(refusal(keys).what(), "test.yaml:1: k: unknown key");
+    // The deepest sections of a real scenario: a VSI's circuits.
+    const Scenario s = load_text(kNodes +
+                                     "interfaces:\n"
+                                     "  - {index: 1, name: eth1, node: 1, type: ethernet}\n"
+                                     "vsis:\n"
+                                     "  - name: v\n"
+                                     "    index: 1\n"
+                                     "    circuits:\n"
+                                     "      - {interface: eth1, service: 10, link: 1}\n",
+                                 "vsi.yaml");
+    ASSERT_EQ(s.vsis.size(), 1u);
+    EXPECT_EQ(s.vsis[0].circuits.size(), 1u);
+}
+
+TEST(Scenario, QuotedBracketsDoNotCountAsNesting) {
+    // Brackets in quoted, plain (over two lines too) and block scalars and in comments, far
+    // more of them than the limit, in block and in bracketed sections.
+    const std::string b = repeat("[{", 100);
+    const Scenario s = load_text(kNodes +
+                                     "interfaces: []  # " + b + "\n"
+                                     "# " + b + "\n"
+                                     "services:\n"
+                                     "  - {node: 1, name: \"d\\\"" + b + "\"}\n"
+                                     "  - {node: 1, name: 's''" + b + "'}\n"
+                                     "  - node: 1\n"
+                                     "    name: p" + b + "\n"
+                                     "  - node: 1\n"
+                                     "    name: q\n"
+                                     "      " + b + "\n"
+                                     "  - node: 1\n"
+                                     "    name: |-\n"
+                                     "      " + b + "\n"
+                                     "routes: [{prefix: '0.0.0.0/0'}, {prefix: \"::/0\"}]  # " + b + "\n",
+                                 "quoted.yaml");
+    ASSERT_EQ(s.services.size(), 5u);
+    EXPECT_EQ(s.services[0].name, "d\"" + b);
+    EXPECT_EQ(s.services[1].name, "s'" + b);
+    EXPECT_EQ(s.services[2].name, "p" + b);
+    EXPECT_EQ(s.services[3].name, "q " + b);
+    EXPECT_EQ(s.services[4].name, b);
+    EXPECT_EQ(s.routes.size(), 2u);
+}
+
+TEST(Scenario, GeneratedEntriesBeyondTheMaximumAreRefused) {
+    const std::string head = kNodes +
+                             "interfaces:\n"
+                             "  - {index: 1, name: eth1, node: 1, type: ethernet}\n"
+                             "neighbours:\n";
+    const auto items = [&](std::size_t n, std::uint32_t count) {
+        std::string text = head;
+        for (std::size_t i = 0; i < n; ++i) {
+            text += "  - {interface: 1, address: 10." + std::to_string(i) + ".0.1, mac: 02:00:00:00:00:01, count: " +
+                    std::to_string(count) + "}\n";
+        }
+        return text;
+    };
+    // 16 runs of 4,000,000: refused at the first, at once, with nothing big allocated.
+    const long peak = peak_rss();
+    const auto start = std::chrono::steady_clock::now();
+    Error e = refusal(items(16, 4'000'000));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_LT(peak_rss() - peak, 64L << 20);
+    EXPECT_STREQ(e.what(),
+                 "test.yaml:6: neighbours[0].count: the file's neighbours would make 4000000 entries; at most 2000000");
+    // 16 runs of 200,000: the 11th passes the maximum.
+    e = refusal(items(16, 200'000));
+    EXPECT_STREQ(e.what(),
+                 "test.yaml:16: neighbours[10].count: the file's neighbours would make 2200000 entries; at most 2000000");
+    // One entry past it, made by an item without a count.
+    e = refusal(items(1, 2'000'000) + "  - {interface: 1, address: 10.9.0.1, mac: 02:00:00:00:00:01}\n");
+    EXPECT_STREQ(e.what(), "test.yaml:7: neighbours[1]: the file's neighbours would make 2000001 entries; at most 2000000");
+}
+
+TEST(Scenario, GeneratedEntriesAtTheMaximumAreAccepted) {
+    // Only loaded: the runs are not made into entries here.
+    std::string text = kNodes +
+                       "interfaces:\n"
+                       "  - {index: 1, name: eth1, node: 1, type: ethernet}\n"
+                       "neighbours:\n";
+    for (int i = 0; i < 10; ++i) {
+        text += "  - {interface: 1, address: 10." + std::to_string(i) + ".0.1, mac: 02:00:00:00:00:01, count: 200000}\n";
+    }
+    const Scenario s = load_text(text, "max.yaml");
+    ASSERT_EQ(s.neighbours.size(), 10u);
+    std::uint64_t total = 0;
+    for (const Neighbour& n : s.neighbours) total += n.count;
+    EXPECT_EQ(total, kNeighbourEntriesMax);
+    EXPECT_EQ(load_text(kNodes +
+                            "interfaces: [{index: 1, name: eth1, node: 1, type: ethernet}]\n"
+                            "neighbours: [{interface: 1, address: 10.0.0.1, mac: 02:00:00:00:00:01, count: 2000000}]\n",
+                        "one.yaml")
+                  .neighbours[0]
+                  .count,
+              2'000'000u);
+}
+
+TEST(Scenario, ValuesBeyondTheMaximumAreRefused) {
+    // In brackets under a block list: the commas are counted in the text...
+    Error e = refusal("nodes: [" + repeat("0,", kValuesMax + 1) + "]\n");
+    EXPECT_STREQ(e.what(), "test.yaml:1: <document>: more than 2000000 values");
+    // ... and the values on the reader's events, which are more. The sections' mapping,
+    // "nodes" and its list are the first three values, then each line holds a list and 19
+    // values in it: line L starts with value 4 + 20 * (L - 2).
+    const std::size_t lines = kValuesMax / 20 + 10;
+    e = refusal("nodes:\n" + repeat("- [0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0,0]\n", lines));
+    EXPECT_EQ(e.line(), static_cast<int>((kValuesMax + 1 - 4) / 20 + 2));
+    EXPECT_EQ(e.line(), 100'001);
+    EXPECT_EQ(e.key(), "<document>");
+    EXPECT_STREQ(e.what(), "test.yaml:100001: <document>: more than 2000000 values");
+}
+
+TEST(Scenario, LongValueIsQuotedAsAnExcerpt) {
+    // A name and a key of 10 MB (quoted: read faster than plain), an integer of 1 MB.
+    const std::string big(10'000'000, 'x');
+    const std::string xs(kExcerptMax, 'x');
+    Error e = refusal(kNodes + "interfaces:\n  - {index: 1, name: '" + big + "', node: 1, type: ethernet}\n");
+    EXPECT_LT(std::strlen(e.what()), 300u);
+    EXPECT_EQ(std::string(e.what()), "test.yaml:4: interfaces[0].name: must be 1 to 31 characters, got \"" + xs + "...\"");
+    e = refusal(kNodes + "interfaces: []\n? '" + big + "'\n: 1\n");
+    EXPECT_LT(std::strlen(e.what()), 300u);
+    EXPECT_EQ(std::string(e.what()), "test.yaml:4: " + xs + "...: unknown key");
+    EXPECT_EQ(e.key(), xs + "...");
+    e = refusal(kNodes + "  - {number: " + std::string(1'000'000, '7') + "}\ninterfaces: []\n");
+    EXPECT_LT(std::strlen(e.what()), 300u);
+    EXPECT_EQ(std::string(e.what()),
+              "test.yaml:3: nodes[1].number: must be between 1 and 32767, got " + std::string(kExcerptMax, '7') + "...");
+}
+
+TEST(Scenario, BytesOutsidePrintableAsciiAreEscapedInErrors) {
+    const Error e = refusal(kNodes + "interfaces:\n  - {index: 1, name: \"caf\\u00e9\\t\", node: 1, type: ethernet}\n");
+    EXPECT_STREQ(e.what(),
+                 "test.yaml:4: interfaces[0].name: must be printable characters without spaces, got \"caf\\xc3\\xa9\\x09\"");
+}
+
+TEST(Scenario, ControlCharactersAreRefused) {
+    EXPECT_STREQ(refusal(kNodes + "interfaces: []\n#\x04\n").what(),
+                 "test.yaml:4: <document>: a control character (\\x04); a scenario is text");
+    EXPECT_STREQ(refusal(kNodes + "interfaces: [] \r#\n").what(),
+                 "test.yaml:3: <document>: a control character (\\x0d); a scenario is text");
+    EXPECT_STREQ(refusal(std::string("nodes: \0", 8)).what(),
+                 "test.yaml:1: <document>: a control character (\\x00); a scenario is text");
+    EXPECT_STREQ(refusal("\xFF\xFEn\0o\0").what(), "test.yaml:1: <document>: UTF-16 or UTF-32 text; a scenario is UTF-8 text");
+    // Line ends of two characters are text.
+    EXPECT_EQ(load_text(kNodes + "interfaces: []\r\n", "crlf.yaml").nodes.size(), 1u);
+}
+
+TEST(Scenario, EndlessDocumentsEndAtTheSecond) {
+    // The reader finds a new empty document at every step of a text that starts with a
+    // comma, for ever; the load ends at the second.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_STREQ(refusal(", a\n").what(), "test.yaml:1: <document>: more than one document");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_STREQ(refusal(kNodes + "interfaces: []\n---\nnodes: []\n").what(),
+                 "test.yaml:5: <document>: more than one document");
 }
 
 }  // namespace
