@@ -2,6 +2,10 @@
 
 #include <sys/un.h>
 
+#include <array>
+#include <map>
+#include <tuple>
+
 #include "common/endpoint_names.hpp"
 #include "common/wire.hpp"
 #include "core/log.hpp"
@@ -50,6 +54,13 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
 }
 
 void Daemon::load_routes(const scenario::Scenario& s) {
+    // The MAC of each neighbour item by (interface, family, address), looked up once a route.
+    std::map<std::tuple<std::uint32_t, int, std::array<std::uint8_t, 16>>, const std::uint8_t*> macs;
+    for (const auto& n : s.neighbours) {
+        std::array<std::uint8_t, 16> addr{};
+        std::copy(std::begin(n.addr), std::end(n.addr), addr.begin());
+        macs[{n.ifindex, n.family, addr}] = n.mac;  // the last item of an address, as before
+    }
     for (const auto& sr : s.routes) {
         Route r;
         r.vrf = sr.vrf;
@@ -63,11 +74,10 @@ void Daemon::load_routes(const scenario::Scenario& s) {
         if (const auto* itf = device_.interface(sr.ifindex)) {
             std::copy(std::begin(itf->mac), std::end(itf->mac), r.own_mac.begin());
             // The next hop's MAC when the scenario lists it as a neighbour of the interface.
-            for (const auto& n : s.neighbours) {
-                if (n.ifindex == sr.ifindex && n.family == sr.family &&
-                    std::equal(std::begin(n.addr), std::end(n.addr), std::begin(sr.next_hop))) {
-                    std::copy(std::begin(n.mac), std::end(n.mac), r.mac.begin());
-                }
+            std::array<std::uint8_t, 16> hop{};
+            std::copy(std::begin(sr.next_hop), std::end(sr.next_hop), hop.begin());
+            if (const auto m = macs.find({sr.ifindex, sr.family, hop}); m != macs.end()) {
+                std::copy(m->second, m->second + r.mac.size(), r.mac.begin());
             }
         }
         fib_.put(r);
