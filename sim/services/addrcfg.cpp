@@ -63,10 +63,10 @@ std::uint32_t method_bits(std::uint32_t method) {
 
 }  // namespace
 
-class AddrCfgConn : public Conn {
+class AddrCfgConn : public StoringConn {
 public:
     AddrCfgConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid)
-        : Conn(loop, fd, where, pid), ctx_(ctx) {}
+        : StoringConn(ctx.store, loop, fd, where, pid), ctx_(ctx) {}
     ~AddrCfgConn() override { ctx_.ifcfg_subscribers.erase(this); }
 
     void push_ifcfg(std::span<const std::uint8_t> msg) {
@@ -75,26 +75,7 @@ public:
     }
 
 protected:
-    // Every request is one unit of work of the store: what it changes is stored before its
-    // answer leaves (stored(): kStoreFailed, everything undone, when it could not be).
-    void message(std::span<const std::uint8_t> msg) override {
-        Store::Work work(ctx_.store);
-        work_ = &work;
-        handle(msg);
-        work_ = nullptr;
-        work.commit();
-    }
-
-private:
-    // The result a request answers: its own, or kStoreFailed when its change could not be
-    // stored (the change is then undone).
-    std::uint32_t stored(std::uint32_t result) {
-        if (work_ == nullptr) return result;
-        if (result != kOk) return result;
-        return work_->commit() ? result : kStoreFailed;
-    }
-
-    void handle(std::span<const std::uint8_t> msg) {
+    void request(std::span<const std::uint8_t> msg) override {
         ipc::wire::Reader r(msg.data(), msg.size());
         const std::uint32_t op = r.be<std::uint32_t>();
         const std::uint32_t len = r.be<std::uint32_t>();
@@ -116,6 +97,7 @@ private:
         }
     }
 
+private:
     void answer_control(std::uint32_t result) {
         result = stored(result);
         std::uint8_t out[12];
@@ -413,7 +395,6 @@ private:
     }
 
     Context& ctx_;
-    Store::Work* work_ = nullptr;
     std::set<std::pair<std::uint32_t, std::uint32_t>> marked_;
 };
 

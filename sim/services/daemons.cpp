@@ -22,24 +22,14 @@ namespace {
 
 constexpr std::uint32_t kFailure = 0x40010001u;
 
-class DaemonConn : public Conn {
+// A setting is stored before it is acknowledged (kStoreFailed, and undone, when it cannot be).
+class DaemonConn : public StoringConn {
 public:
     DaemonConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid, bool port_attack)
-        : Conn(loop, fd, where, pid), ctx_(ctx), port_attack_(port_attack) {}
+        : StoringConn(ctx.store, loop, fd, where, pid), ctx_(ctx), port_attack_(port_attack) {}
 
 protected:
-    // One request, one unit of work of the store: a setting is stored before it is
-    // acknowledged (kStoreFailed, and undone, when it cannot be).
-    void message(std::span<const std::uint8_t> msg) override {
-        Store::Work work(ctx_.store);
-        work_ = &work;
-        handle(msg);
-        work_ = nullptr;
-        work.commit();
-    }
-
-private:
-    void handle(std::span<const std::uint8_t> msg) {
+    void request(std::span<const std::uint8_t> msg) override {
         ipc::wire::Reader r(msg.data(), msg.size());
         const std::uint16_t type = r.be<std::uint16_t>();
         const std::uint16_t total = r.be<std::uint16_t>();
@@ -52,8 +42,9 @@ private:
         ipstack(type, r);
     }
 
+private:
     void result(std::uint32_t value) {
-        if (work_ != nullptr && value == 0 && !work_->commit()) value = kStoreFailed;
+        value = stored(value);
         std::uint8_t out[8];
         ipc::wire::Writer w(out);
         w.be(value).be(std::uint32_t{0});
@@ -112,7 +103,6 @@ private:
 
     Context& ctx_;
     bool port_attack_;
-    Store::Work* work_ = nullptr;
 };
 
 }  // namespace

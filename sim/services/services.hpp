@@ -61,4 +61,35 @@ std::optional<AdjMessage> read_adj_message(std::span<const std::uint8_t> msg);
 // Answers with one big-endian 32-bit word (a status or a switch's state), captured.
 void answer_word(Context& ctx, Conn& conn, std::uint32_t word);
 
+// A connection of a service whose requests change what the store keeps. Every request is one
+// unit of work of the store (store/store.hpp): what it changes is stored before its answer
+// leaves; stored() gives the status to answer, kStoreFailed (with everything undone) when
+// the change could not be stored. A request that sends no answer is committed once handled.
+class StoringConn : public Conn {
+public:
+    StoringConn(Store& store, Loop& loop, int fd, const Endpoint& where, pid_t pid)
+        : Conn(loop, fd, where, pid), store_(store) {}
+
+protected:
+    virtual void request(std::span<const std::uint8_t> msg) = 0;
+    // The status to answer for a request that succeeded (0) or failed: a failure as it is,
+    // a success once the work is stored.
+    std::uint32_t stored(std::uint32_t status) {
+        if (work_ == nullptr || status != 0) return status;
+        return work_->commit() ? status : kStoreFailed;
+    }
+
+private:
+    void message(std::span<const std::uint8_t> msg) final {
+        Store::Work work(store_);
+        work_ = &work;
+        request(msg);
+        work_ = nullptr;
+        work.commit();
+    }
+
+    Store& store_;
+    Store::Work* work_ = nullptr;
+};
+
 }  // namespace sim

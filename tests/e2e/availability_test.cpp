@@ -28,20 +28,7 @@ namespace {
 using namespace std::chrono_literals;
 
 // Waits for a child process at most `limit`; its exit status, or -1 (it is then killed).
-int wait_child(pid_t pid, std::chrono::milliseconds limit) {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        int status = 0;
-        const pid_t r = ::waitpid(pid, &status, WNOHANG);
-        if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        if (std::chrono::steady_clock::now() >= until) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-}
+int wait_child(pid_t pid, std::chrono::milliseconds limit) { return wait_exit(pid, limit, true); }
 
 std::string slurp(const std::string& path) {
     std::ifstream in(path);

@@ -38,21 +38,27 @@ std::string temp_dir() {
     return d != nullptr ? d : "/tmp";
 }
 
-int wait_for(pid_t pid, std::chrono::milliseconds limit) {
+}  // namespace
+
+const std::string& instance() { return g_instance; }
+
+int wait_exit(pid_t pid, std::chrono::milliseconds limit, bool kill_late) {
     const auto until = std::chrono::steady_clock::now() + limit;
     for (;;) {
         int status = 0;
         const pid_t r = ::waitpid(pid, &status, WNOHANG);
         if (r == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
         if (r < 0) return -1;
-        if (std::chrono::steady_clock::now() >= until) return -1;
+        if (std::chrono::steady_clock::now() >= until) {
+            if (kill_late) {
+                ::kill(pid, SIGKILL);
+                ::waitpid(pid, nullptr, 0);
+            }
+            return -1;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
-
-}  // namespace
-
-const std::string& instance() { return g_instance; }
 
 pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd) {
     std::vector<char*> args;
@@ -126,7 +132,7 @@ bool SimProcess::start(const std::vector<std::string>& args) {
 int SimProcess::stop(std::chrono::milliseconds within) {
     if (pid_ <= 0) return -1;
     ::kill(pid_, SIGTERM);
-    const int rc = wait_for(pid_, within);
+    const int rc = wait_exit(pid_, within);
     if (rc < 0) {
         ::kill(pid_, SIGKILL);
         ::waitpid(pid_, nullptr, 0);
@@ -195,7 +201,7 @@ int run(const std::vector<std::string>& argv, std::string* out, std::string* err
     if (err != nullptr) *err = ebuf;
     if (pid <= 0) return -1;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
-    const int rc = wait_for(pid, std::max(left, std::chrono::milliseconds(100)));
+    const int rc = wait_exit(pid, std::max(left, std::chrono::milliseconds(100)));
     if (rc < 0) {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
@@ -223,7 +229,7 @@ bool Child::line(std::string* out, std::chrono::milliseconds limit) { return rea
 
 int Child::wait() {
     if (pid_ <= 0) return -1;
-    const int rc = wait_for(pid_, std::chrono::milliseconds(5000));
+    const int rc = wait_exit(pid_, std::chrono::milliseconds(5000));
     pid_ = -1;
     return rc;
 }

@@ -57,6 +57,10 @@ private:
 // The pid, or -1.
 pid_t spawn(const std::vector<std::string>& argv, int out_fd, int err_fd);
 
+// The exit status of a child process (128 + the signal for one killed), or -1 when it did not
+// end within `limit` (it is then killed with SIGKILL and reaped when kill_late).
+int wait_exit(pid_t pid, std::chrono::milliseconds limit, bool kill_late = false);
+
 // The next line from fd (without its newline), buffered in *buf across calls; false at the
 // end of the stream or after `limit`.
 bool read_line(int fd, std::string* buf, std::string* out, std::chrono::milliseconds limit);
