@@ -141,13 +141,13 @@ void Daemon::persist(const AddrChange& change) {
 }
 
 void Daemon::persist_settings(std::uint32_t ifindex, const IfSettings& s) {
-    const auto key = records::settings_key(ifindex);
-    store_.put("ifset", key, records::encode_settings(s));
-    // Rolled back: the settings as the store keeps them (none kept: the defaults).
-    store_.on_rollback([this, ifindex, key] {
-        const auto row = store_.get("ifset", key);
-        const auto kept = row && *row ? records::decode_settings(**row) : std::nullopt;
-        addrs_.settings(ifindex) = kept ? *kept : IfSettings{};
+    store_.put("ifset", records::settings_key(ifindex), records::encode_settings(s));
+    // Stored: the settings the store now has. Rolled back: the settings as the store has
+    // them (none stored: the defaults).
+    store_.after_commit([this, ifindex, s] { stored_settings_[ifindex] = s; });
+    store_.on_rollback([this, ifindex] {
+        const auto it = stored_settings_.find(ifindex);
+        addrs_.settings(ifindex) = it != stored_settings_.end() ? it->second : IfSettings{};
     });
 }
 
@@ -177,6 +177,7 @@ std::optional<std::string> Daemon::restore() {
         const auto s = value != nullptr ? records::decode_settings(*value) : std::nullopt;
         if (!ifindex || !s || device_.interface(*ifindex) == nullptr) return bad = "a bad settings row", false;
         addrs_.settings(*ifindex) = *s;
+        stored_settings_[*ifindex] = *s;
         return true;
     });
     if (!addrs_ok || !settings_ok) return opts_.state_dir + "/ipsimd.db: " + (bad.empty() ? "unreadable" : bad);

@@ -3,6 +3,7 @@
 // channel in the instance's namespace.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +58,8 @@ private:
     FibModule fib_module_;
     Dumps dumps_;
     Context ctx_;
+    // Each interface's settings as the store holds them: what a rolled-back change returns to.
+    std::map<std::uint32_t, IfSettings> stored_settings_;
     bool listening_ = false;
 };
 

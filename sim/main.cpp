@@ -98,8 +98,6 @@ int send_control(const std::string& instance, const std::string& request, double
 }  // namespace
 
 int main(int argc, char** argv) {
-    // First of all: a stop signal ends the process cleanly from here on, whatever it does.
-    install_signals();
     CLI::App app{"ipsimd: a simulated network device for the IP client library"};
     std::string scenario_file, level = "info";
     sim::Options opts;
@@ -161,6 +159,9 @@ int main(int argc, char** argv) {
         std::fputs(sim::scenario::default_text(), stdout);
         return 0;
     }
+    // A device from here on (or a check of one): a stop signal ends a device cleanly from
+    // now, whatever it does; a check interrupted is no check, and ends as the signal would.
+    if (!check) install_signals();
     sim::log::Level lv{};
     sim::log::parse_level(level, &lv);
     sim::log::set_level(lv);

@@ -38,7 +38,7 @@ std::atomic<std::uint32_t> g_generation{1};
 std::atomic<std::uint32_t> g_local{0};
 // Why the last attempt to reach the simulator failed, and whose socket it found.
 std::atomic<int> g_last_failure{IPP_DEVICE_ABSENT};
-std::atomic<std::uint32_t> g_foreign_uid{0};
+std::atomic<std::uint32_t> g_peer_uid{0};
 
 std::int64_t now_ns() noexcept {
     timespec ts{};
@@ -76,6 +76,12 @@ int open_device_socket() noexcept {
         g_last_failure.store(IPP_DEVICE_NO_RESOURCES, std::memory_order_relaxed);
         return -1;
     }
+    // The bound holds for the connection too: a simulator that accepts no one (stopped, or
+    // out of descriptors) leaves a full queue, where a connect would wait for good.
+    const long ms = reply_timeout_ms();
+    const timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>((ms % 1000) * 1000)};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     sockaddr_un sun{};
     const socklen_t n = ipc::names::device(current_instance(), &sun);
     int rc;
@@ -83,15 +89,15 @@ int open_device_socket() noexcept {
         rc = n == 0 ? -1 : ::connect(fd, reinterpret_cast<const sockaddr*>(&sun), n);
     } while (rc != 0 && errno == EINTR);
     if (rc != 0) {
-        g_last_failure.store(IPP_DEVICE_ABSENT, std::memory_order_relaxed);
+        g_last_failure.store(errno == EAGAIN ? IPP_DEVICE_SILENT : IPP_DEVICE_ABSENT, std::memory_order_relaxed);
         ::close(fd);
         return -1;
     }
     ucred cred{};
     socklen_t len = sizeof cred;
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 ||
-        (cred.uid != ::geteuid() && cred.uid != 0)) {
-        g_foreign_uid.store(cred.uid, std::memory_order_relaxed);
+    const bool known = ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0;
+    g_peer_uid.store(cred.uid, std::memory_order_relaxed);
+    if (!known || (cred.uid != ::geteuid() && cred.uid != 0)) {
         g_last_failure.store(IPP_DEVICE_FOREIGN, std::memory_order_relaxed);
         ::close(fd);
         return -1;
@@ -99,10 +105,6 @@ int open_device_socket() noexcept {
     const int buf = ipc::device::kSocketBuffer;
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &buf, sizeof buf);
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buf, sizeof buf);
-    const long ms = reply_timeout_ms();
-    const timeval tv{static_cast<time_t>(ms / 1000), static_cast<suseconds_t>((ms % 1000) * 1000)};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
     return fd;
 }
 
@@ -137,9 +139,14 @@ ssize_t hello(int fd, std::uint16_t* local) noexcept {
     iovec out{req.data(), req.size()};
     iovec in{ans, sizeof ans};
     bool sent = false;
+    errno = 0;
     const ssize_t n = exchange(fd, &out, 1, &in, 1, &sent);
     if (n < 6 || ipc::wire::load_be<std::uint32_t>(ans) != 0) {
-        g_last_failure.store(IPP_DEVICE_SILENT, std::memory_order_relaxed);
+        // No answer in time: a stopped or hung simulator. The connection closed at once, or a
+        // greeting refused: the simulator does not serve this process (another user, a node
+        // it does not have).
+        const bool silent = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        g_last_failure.store(silent ? IPP_DEVICE_SILENT : IPP_DEVICE_REFUSED, std::memory_order_relaxed);
         return -1;
     }
     *local = ipc::wire::load_be<std::uint16_t>(ans + 4);
@@ -228,12 +235,23 @@ int probe(std::uint32_t* owner_uid) noexcept {
     if (owner_uid != nullptr) *owner_uid = 0;
     const int mode = g_mode.load(std::memory_order_acquire);
     if (mode == kDisabled) return IPP_DEVICE_DISABLED;
-    if (mode == kDevice && t_conn.fd >= 0 && current_serial() != 0) return IPP_DEVICE_ATTACHED;
-    if (mode == kDevice) t_conn.drop();
-    if (try_attach(true) && thread_fd() >= 0) return IPP_DEVICE_ATTACHED;
-    const int why = g_last_failure.load(std::memory_order_relaxed);
-    if (why == IPP_DEVICE_FOREIGN && owner_uid != nullptr) *owner_uid = g_foreign_uid.load(std::memory_order_relaxed);
-    return why;
+    // An open connection is asked too: a simulator stopped since it answered last does not
+    // answer now.
+    if (mode != kDevice || t_conn.fd < 0 || t_conn.generation != g_generation.load(std::memory_order_acquire)) {
+        t_conn.drop();
+        if (!try_attach(true)) {
+            const int why = g_last_failure.load(std::memory_order_relaxed);
+            if ((why == IPP_DEVICE_FOREIGN || why == IPP_DEVICE_REFUSED) && owner_uid != nullptr) {
+                *owner_uid = g_peer_uid.load(std::memory_order_relaxed);
+            }
+            return why;
+        }
+    }
+    std::uint8_t echo[4] = {};
+    const std::uint8_t word[4] = {'p', 'i', 'n', 'g'};
+    const auto a = call(Call::kPing, word, {}, echo);
+    if (a && a->result == 0 && a->len == sizeof echo) return IPP_DEVICE_ATTACHED;
+    return IPP_DEVICE_SILENT;
 }
 
 std::uint64_t connection_serial() noexcept { return t_conn.opened; }

@@ -74,16 +74,20 @@ int32_t DUMP_Request(uint32_t node, uint32_t request_id, const void* request, ui
 
 uint32_t DUMP_Pull(int32_t handle, uint32_t cap, void* buf, uint32_t* len) {
     if (ipp::dev::active()) return ipp::dev::dump_pull(handle, cap, buf, len);
-    const std::lock_guard lock(dumps().mu);
+    std::unique_lock lock(dumps().mu);
     const auto it = dumps().open.find(handle);
     if (len != nullptr) *len = 0;
     if (it == dumps().open.end()) return 0x40010001u;
     ipp::Script& s = it->second;
     if (s.producer != nullptr) {
+        // The test's producer runs without the table's lock: it may call the platform.
+        const auto producer = s.producer;
+        void* const ctx = s.ctx;
+        const std::uint32_t index = s.next_index++;
+        const std::uint32_t final_status = s.final_status;
+        lock.unlock();
         std::uint32_t n = 0;
-        if (buf == nullptr || s.producer(s.ctx, s.next_index++, static_cast<std::uint8_t*>(buf), cap, &n) == 0) {
-            return s.final_status;
-        }
+        if (buf == nullptr || producer(ctx, index, static_cast<std::uint8_t*>(buf), cap, &n) == 0) return final_status;
         if (len != nullptr) *len = std::min(n, cap);
         return DUMP_MORE_DATA;
     }

@@ -50,7 +50,7 @@ Control::Reply Control::reply(std::string_view request) const {
             throw std::invalid_argument("a request is an object with a string \"op\"");
         }
         const auto& op = req["op"].get_ref<const std::string&>();
-        if (const auto s = streams_.find(op); s != streams_.end()) return Reply{{}, s->second(req)};
+        if (const auto s = streams_.find(op); s != streams_.end()) return Reply{{}, s->second(req), true};
         const auto it = handlers_.find(op);
         if (it == handlers_.end()) throw std::invalid_argument("unknown operation " + arg::label(op));
         out = it->second(req);
@@ -68,8 +68,8 @@ Control::Reply Control::reply(std::string_view request) const {
     } catch (const std::exception& e) {
         error = e.what();
     }
-    if (error) return Reply{refusal(*error), {}};
-    return Reply{out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace), {}};
+    if (error) return Reply{refusal(*error), {}, false};
+    return Reply{out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace), {}, true};
 }
 
 namespace {
@@ -90,19 +90,21 @@ protected:
     void message(std::span<const std::uint8_t> msg) override {
         // A long answer ends the connection: nothing more is read meanwhile.
         if (long_answer_) return;
-        if (msg.size() > kMaxRequest) return start({Control::refusal(too_long(msg.size())), {}});
+        if (msg.size() > kMaxRequest) return start({Control::refusal(too_long(msg.size())), {}, false});
+        // What the request changes is stored before the answer leaves; a refused request
+        // changes nothing (its work is rolled back).
         Store::Work work(ctx_.store);
         Control::Reply r =
             ctx_.control.reply(std::string_view(reinterpret_cast<const char*>(msg.data()), msg.size()));
-        if (!work.commit()) {
+        if (r.ok && !work.commit()) {
             r = {Control::refusal("the change could not be stored (the simulator's log says why); nothing was changed"),
-                 {}};
+                 {}, false};
         }
         start(std::move(r));
     }
 
     void oversized(std::span<const std::uint8_t>, std::size_t length) override {
-        if (!long_answer_) start({Control::refusal(too_long(length)), {}});
+        if (!long_answer_) start({Control::refusal(too_long(length)), {}, false});
     }
 
     void drained() override {
@@ -112,31 +114,35 @@ protected:
 private:
     // Pieces sent in one round of the loop at most, and the bytes a long answer may have
     // waiting for the peer: a long answer neither holds the loop nor fills memory.
-    static constexpr int kPiecesPerRound = 8;
-    static constexpr std::size_t kWaitingMost = 2 * kMaxPiece;
+    static constexpr int kPiecesPerRound = 16;
+    static constexpr std::size_t kWaitingMost = 8 * kMaxPiece;
 
     void send_text(std::string_view text) {
         send(std::span<const std::uint8_t>(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
     }
 
-    // Reads the stream until a piece's worth is pending or it ends.
-    void fill() {
+    // Reads the stream until a piece's worth is pending or it ends; false when it failed (the
+    // answer is then cut: the peer sees the connection end before the last piece).
+    bool fill() {
         while (stream_ && pending_.size() - at_ < kMaxPiece) {
             bool more = false;
             try {
                 more = stream_(pending_, kMaxPiece);
             } catch (const std::exception& e) {
                 SIM_LOG(kError, "control: a listing stopped: %s", e.what());
+                stream_ = nullptr;
+                return false;
             }
             if (!more) stream_ = nullptr;
         }
+        return true;
     }
 
     void start(Control::Reply r) {
         pending_ = std::move(r.text);
         at_ = 0;
         stream_ = std::move(r.stream);
-        fill();
+        if (!fill()) return close();
         if (!stream_ && pending_.size() <= kMaxPiece) {
             send_text(pending_);
             pending_.clear();
@@ -148,18 +154,22 @@ private:
     }
 
     void pump() {
+        std::string piece;
         for (int i = 0; i < kPiecesPerRound && open() && outbox_bytes() < kWaitingMost; ++i) {
-            fill();
+            if (!fill()) return close();
             const std::size_t n = std::min(kMaxPiece, pending_.size() - at_);
-            if (n == 0) {
+            const bool last = !stream_ && at_ + n == pending_.size();
+            piece.assign(1, last ? ipc::control::kLastPiece : ipc::control::kMorePiece);
+            piece.append(pending_, at_, n);
+            send_text(piece);
+            at_ += n;
+            if (last) {
                 long_answer_ = false;
                 pending_.clear();
                 return close_when_sent();
             }
-            send_text(std::string_view(pending_).substr(at_, n));
-            at_ += n;
             // What was sent is dropped now and then, not at every piece.
-            if (at_ >= 4 * kMaxPiece) {
+            if (at_ >= 16 * kMaxPiece) {
                 pending_.erase(0, at_);
                 at_ = 0;
             }

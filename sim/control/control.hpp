@@ -34,10 +34,11 @@ public:
     // stream of its answer.
     using StreamHandler = std::function<Stream(const nlohmann::json& request)>;
 
-    // The answer to a request: whole, or a stream.
+    // The answer to a request: whole, or a stream; ok false for a refusal.
     struct Reply {
         std::string text;
         Stream stream;
+        bool ok = false;
     };
 
     void on(const std::string& op, Handler h) { handlers_[op] = std::move(h); }

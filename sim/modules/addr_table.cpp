@@ -53,7 +53,7 @@ void AddrTable::put(const IPAddrInfo& info, bool notify) {
     }
     index(info);
     ++epoch_;
-    if (notify && observer_) observer_({existed ? AddrChange::kModify : AddrChange::kAdd, info, before});
+    if (notify && observer_) observer_({existed ? AddrChange::kModify : AddrChange::kAdd, info, before, epoch_});
 }
 
 bool AddrTable::remove(std::uint32_t ifindex, std::uint32_t addr, bool notify) {
@@ -63,7 +63,7 @@ bool AddrTable::remove(std::uint32_t ifindex, std::uint32_t addr, bool notify) {
     unindex(gone);
     by_key_.erase(it);
     ++epoch_;
-    if (notify && observer_) observer_({AddrChange::kDelete, gone, gone});
+    if (notify && observer_) observer_({AddrChange::kDelete, gone, gone, epoch_});
     return true;
 }
 

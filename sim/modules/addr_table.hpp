@@ -55,6 +55,8 @@ struct AddrChange {
     // What the table held for the key before the change (a modify's old record, a
     // delete's removed one): what putting the change back restores.
     std::optional<IPAddrInfo> before;
+    // The global epoch right after the change (events carry it, also when sent later).
+    std::uint32_t epoch = 0;
 };
 
 class AddrTable {

@@ -136,7 +136,7 @@ void publish_addr_change(Context& ctx, const AddrChange& change) {
     std::uint8_t rec[kRecordLen];
     ipc::wire::Writer w(rec);
     const auto* itf = ctx.device.interface(change.info.stEntry.stKey.uiIfIndex);
-    w.be(static_cast<std::uint32_t>(change.kind)).be(ctx.addrs.epoch());
+    w.be(static_cast<std::uint32_t>(change.kind)).be(change.epoch);
     w.be(static_cast<std::uint32_t>(itf != nullptr ? itf->node : 0));
     IPAddrEntry e = change.info.stEntry;
     ipc::wire::swap_fields(std::span<std::uint8_t>(reinterpret_cast<std::uint8_t*>(&e), sizeof e),

@@ -134,7 +134,13 @@ private:
         const auto* itf = ctx_.device.interface(ifindex);
         if (itf == nullptr || info.stEntry.stKey.uiAddr == 0 || info.stEntry.stKey.uiMask == 0) return kFailure;
         // A writable mirrored system carries the change out first; what it refuses is refused.
-        if (writes_through() && ctx_.mirror->add_address(info) != 0) return kFailure;
+        // Should the request not be stored after all, the system's change is taken back.
+        if (writes_through()) {
+            if (ctx_.mirror->add_address(info) != 0) return kFailure;
+            ctx_.store.on_rollback([m = ctx_.mirror, info] {
+                (void)m->delete_address(info.stEntry.stKey.uiIfIndex, info.stEntry.stKey.uiAddr, info.stEntry.stKey.uiMask);
+            });
+        }
         unmark(ifindex, info.stEntry.stKey.uiAddr);
         // A main address replaces the interface's main address of the same method.
         const bool sub = (info.stEntry.uiFlag & kFlagSub) != 0;
@@ -164,7 +170,10 @@ private:
             });
             for (const std::uint32_t a : replaced) {
                 const IPAddrInfo* old = ctx_.addrs.find(ifindex, a);
-                if (writes_through() && old != nullptr) (void)ctx_.mirror->delete_address(ifindex, a, old->stEntry.stKey.uiMask);
+                if (writes_through() && old != nullptr &&
+                    ctx_.mirror->delete_address(ifindex, a, old->stEntry.stKey.uiMask) == 0) {
+                    ctx_.store.on_rollback([m = ctx_.mirror, gone = *old] { (void)m->add_address(gone); });
+                }
                 ctx_.addrs.remove(ifindex, a);
             }
         }
@@ -175,8 +184,9 @@ private:
 
     std::uint32_t delete_address(std::uint32_t ifindex, std::uint32_t addr, std::uint32_t* value) {
         const IPAddrInfo* had = ctx_.addrs.find(ifindex, addr);
-        if (had != nullptr && writes_through() && ctx_.mirror->delete_address(ifindex, addr, had->stEntry.stKey.uiMask) != 0) {
-            return kFailure;
+        if (had != nullptr && writes_through()) {
+            if (ctx_.mirror->delete_address(ifindex, addr, had->stEntry.stKey.uiMask) != 0) return kFailure;
+            ctx_.store.on_rollback([m = ctx_.mirror, gone = *had] { (void)m->add_address(gone); });
         }
         if (!ctx_.addrs.remove(ifindex, addr)) return kFailure;
         if (value != nullptr) *value = ctx_.addrs.count(ifindex, 0, kAnyVrf);

@@ -64,7 +64,8 @@ void answer_word(Context& ctx, Conn& conn, std::uint32_t word);
 // A connection of a service whose requests change what the store keeps. Every request is one
 // unit of work of the store (store/store.hpp): what it changes is stored before its answer
 // leaves; stored() gives the status to answer, kStoreFailed (with everything undone) when
-// the change could not be stored. A request that sends no answer is committed once handled.
+// the change could not be stored. A request answered with a failure changes nothing (its
+// work is rolled back); one that sends no answer is committed once handled.
 class StoringConn : public Conn {
 public:
     StoringConn(Store& store, Loop& loop, int fd, const Endpoint& where, pid_t pid)
@@ -72,10 +73,14 @@ public:
 
 protected:
     virtual void request(std::span<const std::uint8_t> msg) = 0;
-    // The status to answer for a request that succeeded (0) or failed: a failure as it is,
-    // a success once the work is stored.
+    // The status to answer for a request that succeeded (0) or failed: a failure as it is
+    // (the request's work is then given up), a success once the work is stored.
     std::uint32_t stored(std::uint32_t status) {
-        if (work_ == nullptr || status != 0) return status;
+        if (work_ == nullptr) return status;
+        if (status != 0) {
+            refused_ = true;
+            return status;
+        }
         return work_->commit() ? status : kStoreFailed;
     }
 
@@ -83,13 +88,15 @@ private:
     void message(std::span<const std::uint8_t> msg) final {
         Store::Work work(store_);
         work_ = &work;
+        refused_ = false;
         request(msg);
         work_ = nullptr;
-        work.commit();
+        if (!refused_) work.commit();
     }
 
     Store& store_;
     Store::Work* work_ = nullptr;
+    bool refused_ = false;
 };
 
 }  // namespace sim

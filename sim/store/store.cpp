@@ -188,6 +188,10 @@ bool Store::exec(const char* sql) {
 
 bool Store::write(const char* table, std::span<const std::uint8_t> key, const std::span<const std::uint8_t>* value) {
     if (db_ == nullptr) return true;
+    if (broken_) {
+        if (work_open_) work_failed_ = true;
+        return false;
+    }
     if (work_open_ && work_failed_) return false;
     // The work's transaction starts with its first write: requests that only read cost
     // nothing here.
@@ -223,28 +227,6 @@ bool Store::put(const char* table, std::span<const std::uint8_t> key, std::span<
 }
 
 bool Store::remove(const char* table, std::span<const std::uint8_t> key) { return write(table, key, nullptr); }
-
-std::optional<std::optional<std::vector<std::uint8_t>>> Store::get(const char* table,
-                                                                   std::span<const std::uint8_t> key) const {
-    if (db_ == nullptr) return std::nullopt;
-    sqlite3_stmt* q = nullptr;
-    if (sqlite3_prepare_v2(db_, "SELECT value FROM objects WHERE tbl = ?1 AND key = ?2;", -1, &q, nullptr) != SQLITE_OK) {
-        return std::nullopt;
-    }
-    sqlite3_bind_text(q, 1, table, -1, SQLITE_STATIC);
-    sqlite3_bind_blob(q, 2, key.data(), static_cast<int>(key.size()), SQLITE_TRANSIENT);
-    std::optional<std::optional<std::vector<std::uint8_t>>> out;
-    if (sqlite3_step(q) == SQLITE_ROW) {
-        if (sqlite3_column_type(q, 0) == SQLITE_NULL) {
-            out.emplace();
-        } else {
-            const auto* v = static_cast<const std::uint8_t*>(sqlite3_column_blob(q, 0));
-            out.emplace(std::vector<std::uint8_t>(v, v + sqlite3_column_bytes(q, 0)));
-        }
-    }
-    sqlite3_finalize(q);
-    return out;
-}
 
 bool Store::each(const char* table, const Row& fn) const {
     if (db_ == nullptr) return true;
@@ -308,7 +290,11 @@ bool Store::Work::commit() {
 
 void Store::rollback() {
     if (db_ != nullptr && sqlite3_get_autocommit(db_) == 0 && !exec("ROLLBACK;")) {
-        SIM_LOG(kError, "state: %s: rollback: %s", path_.c_str(), sqlite3_errmsg(db_));
+        // A transaction that cannot be ended would take in every later write: the store
+        // takes none from now on.
+        SIM_LOG(kError, "state: %s: rollback: %s; no change is stored any more (restart the simulator)", path_.c_str(),
+                sqlite3_errmsg(db_));
+        broken_ = true;
     }
 }
 

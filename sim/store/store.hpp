@@ -61,19 +61,15 @@ public:
     bool put(const char* table, std::span<const std::uint8_t> key, std::span<const std::uint8_t> value);
     bool remove(const char* table, std::span<const std::uint8_t> key);
 
-    // The committed value of a row: nothing when there is no row, an empty optional inside
-    // when the row records a removal.
-    std::optional<std::optional<std::vector<std::uint8_t>>> get(const char* table,
-                                                                std::span<const std::uint8_t> key) const;
-
     using Row = std::function<bool(std::span<const std::uint8_t> key, const std::vector<std::uint8_t>* value)>;
     // Calls fn for each row of a table in the order written; stops and returns false when
     // fn refuses a row or the table cannot be read.
     bool each(const char* table, const Row& fn) const;
 
     // The writes of one request. Opened on the stack around the handling of a request that
-    // may change stored state; a work opened inside another one joins it. Without a commit
-    // (an error answered, an exception) the work is rolled back when it ends.
+    // may change stored state. Without a commit (an error answered, an exception) the work
+    // is rolled back when it ends. A work opened inside another one joins it: its commit()
+    // only tells whether the outer work has failed so far, and the outer work decides.
     class Work {
     public:
         explicit Work(Store& store);
@@ -111,6 +107,7 @@ private:
     sqlite3_stmt* upsert_ = nullptr;
     int lock_fd_ = -1;
     std::vector<std::string> warnings_;
+    bool broken_ = false;  // a rollback failed: nothing is stored any more
     bool work_open_ = false;
     bool work_failed_ = false;
     bool work_wrote_ = false;

@@ -4,9 +4,12 @@
 // A request is one message holding one JSON object {"op": NAME, ...} of at most kMaxRequest
 // bytes; a longer one is answered {"ok": false, "error": "request too long ..."}. An answer
 // is one message holding one JSON object of at most kMaxPiece bytes. A longer answer (a long
-// listing) begins with the message kContinued; its text follows in pieces of at most
-// kMaxPiece bytes, and the simulator closes the connection after the last one: the pieces
-// put together are the answer's JSON object.
+// listing) begins with the message kContinued; its text follows in pieces, each one message
+// of a mark byte (kMorePiece, or kLastPiece for the last) and at most kMaxPiece bytes of text,
+// and the simulator closes the connection after the last one: the texts put together are the
+// answer's JSON object. A connection that ends before the last piece ends a cut answer, never
+// a whole one. Messages stay within what an AF_UNIX socket takes with the system's default
+// buffers (about 208 KiB).
 //
 // A client takes the channel only from a process of its own user or of root: another user's
 // process that holds the name is an impostor (or another user's simulator, which would refuse
@@ -30,8 +33,10 @@
 
 namespace ipc::control {
 
-inline constexpr std::size_t kMaxRequest = 1u << 20;
-inline constexpr std::size_t kMaxPiece = 1u << 20;
+inline constexpr std::size_t kMaxRequest = 64u << 10;
+inline constexpr std::size_t kMaxPiece = 64u << 10;
+inline constexpr char kMorePiece = '+';
+inline constexpr char kLastPiece = '.';
 // The longest answer a client puts together: more than the longest listing the simulator
 // can hold (its tables are bounded).
 inline constexpr std::size_t kMaxAnswer = 1u << 30;
@@ -118,6 +123,8 @@ inline Exchange ask(std::string_view instance, std::string_view request, int tim
         x.detail = std::string("cannot open a socket: ") + std::strerror(errno);
         return x;
     }
+    const int room = static_cast<int>(2 * kMaxRequest);
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
     sockaddr_un sun{};
     const socklen_t n = names::control(instance, &sun);
     if (n == 0) {
@@ -166,6 +173,7 @@ inline Exchange ask(std::string_view instance, std::string_view request, int tim
         return x;
     }
     auto failed = [&](ssize_t rc, bool timed_out, std::string_view what) {
+        x.answer.clear();
         if (timed_out) {
             x.outcome = Exchange::kTimedOut;
             x.detail = "no answer from the simulator of instance \"" + name + "\" within " +
@@ -191,16 +199,19 @@ inline Exchange ask(std::string_view instance, std::string_view request, int tim
     }
     std::string piece;
     for (;;) {
-        const ssize_t m = detail::receive(fd.get(), &piece, kMaxPiece, detail::now_ms() + timeout_ms, &timed_out);
-        if (m == 0) break;
+        const ssize_t m =
+            detail::receive(fd.get(), &piece, kMaxPiece + 1, detail::now_ms() + timeout_ms, &timed_out);
+        if (m == 0) return failed(-1, false, "the answer was cut: the connection ended before its last piece");
         if (m < 0) return failed(m, timed_out, "the simulator ended the connection in the middle of an answer");
-        if (x.answer.size() + piece.size() > kMaxAnswer) {
+        if (piece[0] != kMorePiece && piece[0] != kLastPiece) return failed(-1, false, "a piece of the answer is not marked");
+        if (x.answer.size() + piece.size() - 1 > kMaxAnswer) {
             x.outcome = Exchange::kTooLong;
             x.detail = "the answer is too long (over " + std::to_string(kMaxAnswer) + " bytes)";
             x.answer.clear();
             return x;
         }
-        x.answer += piece;
+        x.answer.append(piece, 1, std::string::npos);
+        if (piece[0] == kLastPiece) break;
     }
     x.outcome = Exchange::kAnswered;
     return x;

@@ -2,7 +2,6 @@
 // is there again (never a hang), the simulator neither spins nor dies when it has no
 // descriptor left, and it ends on SIGTERM at any moment.
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -151,17 +150,15 @@ TEST(AvailabilityNamesE2E, InstanceNameLongerThanTheLimitIsRefusedAtStart) {
 }
 
 TEST(AvailabilityNamesE2E, TwoLongNamesThatShareTheirStartDoNotMeet) {
-    // 64 characters each, the same but for the last: both fit, and both run.
+    // 64 characters each, the same but for the last: both fit, and both serve.
     const std::string stem(63, 'k');
-    const pid_t a = spawn({IPSIMD_PATH, "--instance", stem + "a"}, -1, -1);
-    const pid_t b = spawn({IPSIMD_PATH, "--instance", stem + "b"}, -1, -1);
-    std::this_thread::sleep_for(700ms);
-    EXPECT_EQ(::kill(a, 0), 0) << "the first did not stay up";
-    EXPECT_EQ(::kill(b, 0), 0) << "the second did not stay up";
-    ::kill(a, SIGTERM);
-    ::kill(b, SIGTERM);
-    EXPECT_EQ(wait_child(a, 2s), 0);
-    EXPECT_EQ(wait_child(b, 2s), 0);
+    Child a({IPSIMD_PATH, "--instance", stem + "a"});
+    Child b({IPSIMD_PATH, "--instance", stem + "b"});
+    std::string line;
+    ASSERT_TRUE(a.line(&line)) << "the first did not become ready";
+    EXPECT_EQ(line, "ready instance=" + stem + "a nodes=2");
+    ASSERT_TRUE(b.line(&line)) << "the second did not become ready";
+    EXPECT_EQ(line, "ready instance=" + stem + "b nodes=2");
 }
 
 // Whether a process has a handler of its own for a signal (SigCgt of its status), that is:
@@ -209,15 +206,9 @@ TEST_F(AvailabilityE2E, SighupIsLoggedAndChangesNothing) {
 }
 
 TEST(AvailabilityCaptureE2E, CaptureOnAFullFileSystemStopsWithOneLineAndWholeLines) {
-    char tmpl[] = "/tmp/ipsim-cap-XXXXXX";
-    const char* d = ::mkdtemp(tmpl);
-    ASSERT_NE(d, nullptr);
-    const std::string dir = d;
-    if (::mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=64k") != 0) {
-        ::rmdir(dir.c_str());
-        GTEST_SKIP() << "cannot mount a small file system here: " << std::strerror(errno);
-    }
-    const std::string capture = dir + "/capture.jsonl";
+    SmallFs fs("64k");
+    if (!fs.ok()) GTEST_SKIP() << "cannot mount a small file system here: " << fs.why();
+    const std::string capture = fs.dir() + "/capture.jsonl";
     {
         SimProcess sim;
         ASSERT_TRUE(sim.start({"--capture", capture})) << sim.log();
@@ -239,8 +230,6 @@ TEST(AvailabilityCaptureE2E, CaptureOnAFullFileSystemStopsWithOneLineAndWholeLin
         ++n;
     }
     EXPECT_GT(n, 10u);
-    ::umount2(dir.c_str(), MNT_DETACH);
-    ::rmdir(dir.c_str());
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <string>
+#include <thread>
 
 #include "common/control_channel.hpp"
 #include "common/endpoint_names.hpp"
@@ -50,10 +51,10 @@ TEST_F(ControlClientE2E, EmptyRequestIsAUsageError) {
 
 // (A command line cannot carry a request that long: the client's check is the exchange's.)
 TEST_F(ControlClientE2E, RequestOverTheLimitIsRefusedBeforeItIsSent) {
-    const std::string request = R"({"op": "neigh.list", "pad": ")" + std::string(2u << 20, 'x') + "\"}";
+    const std::string request = R"({"op": "neigh.list", "pad": ")" + std::string(100u << 10, 'x') + "\"}";
     const auto x = ipc::control::ask(instance(), request, 1000);
     EXPECT_EQ(x.outcome, ipc::control::Exchange::kTooLong);
-    EXPECT_EQ(x.detail, "the request is too long (" + std::to_string(request.size()) + " bytes; at most 1048576)");
+    EXPECT_EQ(x.detail, "the request is too long (" + std::to_string(request.size()) + " bytes; at most 65536)");
     EXPECT_EQ(x.answer, "");
 }
 
@@ -62,9 +63,7 @@ TEST_F(ControlClientE2E, SimulatorAnswersARequestOverTheLimitAsTooLong) {
     sockaddr_un sun{};
     const socklen_t n = ipc::names::control(instance(), &sun);
     ASSERT_EQ(::connect(fd.get(), reinterpret_cast<const sockaddr*>(&sun), n), 0);
-    const int buf = 8 << 20;
-    ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &buf, sizeof buf);
-    const std::string request = R"({"op": "neigh.list", "pad": ")" + std::string(3u << 20, 'x') + "\"}";
+    const std::string request = R"({"op": "neigh.list", "pad": ")" + std::string(100u << 10, 'x') + "\"}";
     ASSERT_EQ(::send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL), static_cast<ssize_t>(request.size()));
     std::string answer(4096, '\0');
     const ssize_t got = ::recv(fd.get(), answer.data(), answer.size(), 0);
@@ -73,7 +72,7 @@ TEST_F(ControlClientE2E, SimulatorAnswersARequestOverTheLimitAsTooLong) {
     const auto j = nlohmann::json::parse(answer, nullptr, false);
     ASSERT_TRUE(j.is_object()) << answer;
     EXPECT_EQ(j.value("ok", true), false);
-    EXPECT_EQ(j.value("error", ""), "request too long (" + std::to_string(request.size()) + " bytes; at most 1048576)");
+    EXPECT_EQ(j.value("error", ""), "request too long (" + std::to_string(request.size()) + " bytes; at most 65536)");
     // The channel goes on serving.
     EXPECT_EQ(control({{"op", "neigh.list"}, {"family", 2}}).value("ok", false), true);
 }
@@ -88,12 +87,37 @@ TEST_F(ControlClientE2E, AnswerLongerThanOneMessageArrivesWhole) {
     std::string out, err;
     const int rc = control_cli({"--control", R"({"op": "neigh.list", "family": 2})"}, &out, &err, 30s);
     ASSERT_EQ(rc, 0) << err;
-    EXPECT_GT(out.size(), 2u << 20) << "a listing longer than one message";
+    EXPECT_GT(out.size(), 2u << 20) << "a listing of many pieces";
     const auto j = nlohmann::json::parse(out, nullptr, false);
     ASSERT_TRUE(j.is_object()) << out.substr(0, 200);
     EXPECT_TRUE(j.value("ok", false));
     ASSERT_TRUE(j.contains("entries"));
     EXPECT_GE(j["entries"].size(), 20000u);
+}
+
+// A simulator (or an impostor of this user) that ends the connection in the middle of a long
+// answer gives a cut answer, not a whole one.
+TEST(ControlClientCutE2E, AnswerCutBeforeItsLastPieceIsNotTakenAsWhole) {
+    const std::string name = instance() + "-cut";
+    sockaddr_un sun{};
+    const socklen_t n = ipc::names::control(name, &sun);
+    const ipc::Fd listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::bind(listener.get(), reinterpret_cast<const sockaddr*>(&sun), n), 0);
+    ASSERT_EQ(::listen(listener.get(), 4), 0);
+    std::thread server([&] {
+        const ipc::Fd c(::accept(listener.get(), nullptr, nullptr));
+        char buf[1024];
+        (void)::recv(c.get(), buf, sizeof buf, 0);
+        const std::string_view head = ipc::control::kContinued;
+        (void)::send(c.get(), head.data(), head.size(), MSG_NOSIGNAL);
+        const std::string piece = std::string(1, ipc::control::kMorePiece) + R"({"entries":[{"a":1},)";
+        (void)::send(c.get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+    });
+    const auto x = ipc::control::ask(name, R"({"op": "neigh.list"})", 2000);
+    server.join();
+    EXPECT_EQ(x.outcome, ipc::control::Exchange::kFailed);
+    EXPECT_EQ(x.detail, "the answer was cut: the connection ended before its last piece");
+    EXPECT_EQ(x.answer, "");
 }
 
 TEST_F(ControlClientE2E, NoSimulatorIsNamedAsSuch) {

@@ -3,8 +3,14 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "e2e/sim_process.hpp"
@@ -33,6 +39,56 @@ inline std::uint32_t lookup_any(std::uint32_t addr, IPAddrInfo* info) {
     key.stKey.uiAddr = addr;
     return IPAddr_Drvk_LookupAddr(0x8000, &key, info);
 }
+
+// A directory of the test's own, made with a mode and removed with all it holds.
+class TempDir {
+public:
+    explicit TempDir(mode_t mode = 0700) {
+        char tmpl[] = "/tmp/ipsim-dir-XXXXXX";
+        if (const char* d = ::mkdtemp(tmpl)) {
+            path_ = d;
+            ::chmod(d, mode);
+        }
+    }
+    ~TempDir() {
+        std::error_code ec;
+        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const noexcept { return path_; }
+
+private:
+    std::string path_;
+};
+
+// A tmpfs of a given size on a directory of its own (needs the right to mount), unmounted
+// and removed at the end.
+class SmallFs {
+public:
+    explicit SmallFs(const char* size) {
+        const std::string opts = std::string("size=") + size + ",mode=0700";
+        mounted_ = !dir_.path().empty() && ::mount("tmpfs", dir_.path().c_str(), "tmpfs", 0, opts.c_str()) == 0;
+        if (!mounted_) why_ = std::strerror(errno);
+    }
+    ~SmallFs() {
+        if (mounted_) ::umount2(dir_.path().c_str(), MNT_DETACH);
+    }
+    SmallFs(const SmallFs&) = delete;
+    SmallFs& operator=(const SmallFs&) = delete;
+    bool ok() const { return mounted_; }
+    const std::string& why() const { return why_; }
+    const std::string& dir() const { return dir_.path(); }
+    bool grow(const char* size) {
+        const std::string opts = std::string("size=") + size;
+        return ::mount("tmpfs", dir_.path().c_str(), "tmpfs", MS_REMOUNT, opts.c_str()) == 0;
+    }
+
+private:
+    TempDir dir_;
+    std::string why_;
+    bool mounted_ = false;
+};
 
 // Interfaces of the bundled default scenario.
 inline constexpr std::uint32_t kMgmt = 1;       // M-GigabitEthernet0/0/0, node 1

@@ -1,6 +1,7 @@
 // Who may answer for an instance and who may read what the simulator writes: clients take
 // a channel only from their own user (or root), the simulator says who holds a name it
 // cannot take, and its files are private and never reached through a link.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,12 +23,11 @@ mode_t mode_of(const std::string& path) {
     return st.st_mode & 07777;
 }
 
-std::string fresh_dir(mode_t mode) {
-    char tmpl[] = "/tmp/ipsim-own-XXXXXX";
-    const char* d = ::mkdtemp(tmpl);
-    if (d == nullptr) return {};
-    ::chmod(d, mode);
-    return d;
+// A file as another program would have left it: world-readable.
+void open_file(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd >= 0) ::close(fd);
+    ::chmod(path.c_str(), 0644);
 }
 
 bool can_be_nobody() { return ::getuid() == 0 && ::access("/usr/bin/setpriv", X_OK) == 0; }
@@ -35,14 +35,21 @@ bool can_be_nobody() { return ::getuid() == 0 && ::access("/usr/bin/setpriv", X_
 TEST(OwnershipE2E, CaptureFileIsPrivate) {
     SimProcess sim;
     const std::string capture = sim.state_dir() + "/capture.jsonl";
+    const std::string earlier = sim.state_dir() + "/earlier.jsonl";
+    open_file(earlier);
     ASSERT_TRUE(sim.start({"--capture", capture})) << sim.log();
+    EXPECT_EQ(mode_of(capture), 0600u) << "a new capture";
+    ASSERT_EQ(sim.stop(), 0);
+    // One that another program left readable to all is made private.
+    ASSERT_TRUE(sim.start({"--capture", earlier})) << sim.log();
     IPAddrInfo info{};
     (void)lookup_any(ip("10.1.1.1"), &info);
-    EXPECT_EQ(mode_of(capture), 0600u);
+    EXPECT_EQ(mode_of(earlier), 0600u);
 }
 
 TEST(OwnershipE2E, CaptureThroughASymbolicLinkIsRefused) {
-    const std::string dir = fresh_dir(0700);
+    const TempDir tmp;
+    const std::string& dir = tmp.path();
     ASSERT_FALSE(dir.empty());
     const std::string target = dir + "/elsewhere";
     const std::string link = dir + "/capture.jsonl";
@@ -55,8 +62,12 @@ TEST(OwnershipE2E, CaptureThroughASymbolicLinkIsRefused) {
 }
 
 TEST(OwnershipE2E, StateFilesArePrivateInAnOpenDirectory) {
-    const std::string dir = fresh_dir(0755);
+    const TempDir tmp(0755);
+    const std::string& dir = tmp.path();
     ASSERT_FALSE(dir.empty());
+    // A database and a lock file left readable to all (an empty database is a new one).
+    open_file(dir + "/ipsimd.db");
+    open_file(dir + "/ipsimd.lock");
     SimProcess sim;
     sim.use_state_dir(dir);
     ASSERT_TRUE(sim.start()) << sim.log();
@@ -66,7 +77,8 @@ TEST(OwnershipE2E, StateFilesArePrivateInAnOpenDirectory) {
 }
 
 TEST(OwnershipE2E, StateDirectoryWritableByOthersIsRefused) {
-    const std::string dir = fresh_dir(0777);
+    const TempDir tmp(0777);
+    const std::string& dir = tmp.path();
     ASSERT_FALSE(dir.empty());
     ASSERT_EQ(::chmod(dir.c_str(), 0777), 0);
     std::string out, err;
@@ -78,8 +90,9 @@ TEST(OwnershipE2E, StateDirectoryWritableByOthersIsRefused) {
 
 TEST(OwnershipE2E, StateDirectoryOfAnotherUserWithALinkedDatabaseIsRefused) {
     if (::getuid() != 0) GTEST_SKIP() << "needs root to give a directory to another user";
-    const std::string dir = fresh_dir(0755);
-    const std::string target_dir = fresh_dir(0755);
+    const TempDir tmp(0755), elsewhere(0755);
+    const std::string& dir = tmp.path();
+    const std::string& target_dir = elsewhere.path();
     ASSERT_FALSE(dir.empty());
     const std::string target = target_dir + "/made-by-root";
     ASSERT_EQ(::symlink(target.c_str(), (dir + "/ipsimd.db").c_str()), 0);
@@ -92,8 +105,9 @@ TEST(OwnershipE2E, StateDirectoryOfAnotherUserWithALinkedDatabaseIsRefused) {
 }
 
 TEST(OwnershipE2E, LinkedDatabaseInOwnDirectoryIsNeverFollowed) {
-    const std::string dir = fresh_dir(0700);
-    const std::string target_dir = fresh_dir(0700);
+    const TempDir tmp, elsewhere;
+    const std::string& dir = tmp.path();
+    const std::string& target_dir = elsewhere.path();
     const std::string target = target_dir + "/made-through-a-link";
     ASSERT_EQ(::symlink(target.c_str(), (dir + "/ipsimd.db").c_str()), 0);
     std::string out, err;
@@ -152,6 +166,35 @@ TEST_F(ImpostorE2E, IpctlSaysTheSimulatorRunsAsAnotherUser) {
     const int rc = run({IPCTL_PATH, "addr", "show"}, &out, &err);
     EXPECT_EQ(rc, 1) << out << err;
     EXPECT_EQ(err, "ipctl: refused by the simulator: it runs as uid 65534 (instance \"" + instance() + "\")\n");
+}
+
+}  // namespace
+}  // namespace e2e
+
+namespace e2e {
+namespace {
+
+using RefusalE2E = SimTest;
+
+// The simulator serves its own user: another user's ipctl is told whose simulator it is.
+TEST_F(RefusalE2E, IpctlOfAnotherUserIsToldWhoseSimulatorItIs) {
+    if (!can_be_nobody()) GTEST_SKIP() << "needs root and setpriv to run a process as another user";
+    std::string out, err;
+    const int rc = run({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", IPCTL_PATH, "addr",
+                        "show"},
+                       &out, &err);
+    if (rc == 126 || rc == 127) GTEST_SKIP() << "ipctl cannot run as nobody here: " << err;
+    EXPECT_EQ(rc, 1) << out << err;
+    EXPECT_EQ(err, "ipctl: refused by the simulator: it runs as uid " + std::to_string(::geteuid()) +
+                       " (instance \"" + instance() + "\")\n");
+}
+
+TEST_F(RefusalE2E, IpctlOnANodeTheDeviceDoesNotHaveIsToldSo) {
+    std::string out, err;
+    const int rc = run({"/usr/bin/env", "IPCLIENT_NODE=99", IPCTL_PATH, "addr", "show"}, &out, &err);
+    EXPECT_EQ(rc, 1) << out << err;
+    EXPECT_EQ(err, "ipctl: the simulator of instance \"" + instance() +
+                       "\" refused this process (is IPCLIENT_NODE a node of the device?)\n");
 }
 
 }  // namespace

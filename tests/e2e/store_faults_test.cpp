@@ -3,12 +3,9 @@
 // damaged database is refused at start with the file named, an emptied database or a lost
 // write-ahead log is reported, and one state directory serves one simulator.
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include "e2e/e2e_support.hpp"
@@ -22,36 +19,6 @@ namespace {
 constexpr std::uint32_t kStoreFailed = 0x4001000Au;
 const std::uint32_t kMask32 = 0xFFFFFFFFu;
 
-// A tmpfs of a given size on a directory of its own; needs the right to mount.
-class SmallFs {
-public:
-    explicit SmallFs(const char* size) {
-        char tmpl[] = "/tmp/ipsim-fs-XXXXXX";
-        const char* d = ::mkdtemp(tmpl);
-        if (d == nullptr) return;
-        dir_ = d;
-        const std::string opts = std::string("size=") + size + ",mode=0700";
-        mounted_ = ::mount("tmpfs", dir_.c_str(), "tmpfs", 0, opts.c_str()) == 0;
-        if (!mounted_) why_ = std::strerror(errno);
-    }
-    ~SmallFs() {
-        if (mounted_) ::umount2(dir_.c_str(), MNT_DETACH);
-        if (!dir_.empty()) ::rmdir(dir_.c_str());
-    }
-    bool ok() const { return mounted_; }
-    const std::string& why() const { return why_; }
-    const std::string& dir() const { return dir_; }
-    bool grow(const char* size) {
-        const std::string opts = std::string("size=") + size;
-        return ::mount("tmpfs", dir_.c_str(), "tmpfs", MS_REMOUNT, opts.c_str()) == 0;
-    }
-
-private:
-    std::string dir_;
-    std::string why_;
-    bool mounted_ = false;
-};
-
 // The n-th address of a run of host addresses 10.200.0.1 onwards, in network order.
 std::uint32_t nth(std::uint32_t n) { return htonl(ntohl(ip("10.200.0.0")) + 1 + n); }
 
@@ -60,22 +27,14 @@ bool present(std::uint32_t addr) {
     return lookup_any(addr, &info) == 0;
 }
 
-// A log that the test keeps out of the state directory (which may be full).
-std::string outside_log() {
-    static const std::string dir = [] {
-        char tmpl[] = "/tmp/ipsim-log-XXXXXX";
-        const char* d = ::mkdtemp(tmpl);
-        return std::string(d != nullptr ? d : "/tmp");
-    }();
-    return dir + "/ipsimd.log";
-}
-
 TEST(StoreFaultsE2E, FullFileSystemRefusesTheChangeAndLosesNoAcknowledgedOne) {
     SmallFs fs("128k");
     if (!fs.ok()) GTEST_SKIP() << "cannot mount a small file system here: " << fs.why();
+    // The log stays out of the state's file system, which fills up.
+    const TempDir logs;
     SimProcess sim;
     sim.use_state_dir(fs.dir() + "/state");
-    sim.use_log(outside_log());
+    sim.use_log(logs.path() + "/ipsimd.log");
     ASSERT_TRUE(sim.start()) << sim.log();
 
     std::vector<std::uint32_t> acknowledged;

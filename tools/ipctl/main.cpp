@@ -5,6 +5,8 @@
 // The front end: global options, then one subcommand per object (device.cpp, addr.cpp,
 // neigh.cpp, route.cpp, stats.cpp, monitor.cpp, status.cpp). Exit status: 0 done, 1 the
 // library returned a status (printed with its name), 2 a usage error.
+#include <unistd.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -57,6 +59,11 @@ void require_device() {
         }
         case IPP_DEVICE_FOREIGN:
             failure("refused by the simulator: it runs as uid " + std::to_string(owner) + " (" + instance + ")");
+        case IPP_DEVICE_REFUSED:
+            if (owner != ::geteuid()) {
+                failure("refused by the simulator: it runs as uid " + std::to_string(owner) + " (" + instance + ")");
+            }
+            failure("the simulator of " + instance + " refused this process (is IPCLIENT_NODE a node of the device?)");
         case IPP_DEVICE_SILENT: failure("the simulator of " + instance + " does not answer (is it stopped?)");
         case IPP_DEVICE_NO_RESOURCES: failure("cannot reach the simulator of " + instance + ": no descriptor is free");
         default: failure("no simulator answers for " + instance);

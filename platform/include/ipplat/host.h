@@ -27,14 +27,18 @@ enum ipp_device_state_code {
     IPP_DEVICE_FOREIGN = 2,       /**< another user's process holds the instance's socket */
     IPP_DEVICE_SILENT = 3,        /**< a simulator listens but did not answer in time (stopped, hung) */
     IPP_DEVICE_NO_RESOURCES = 4,  /**< this process could not open a socket (descriptors) */
-    IPP_DEVICE_DISABLED = 5       /**< a test took the platform over (ipp_reset) */
+    IPP_DEVICE_DISABLED = 5,      /**< a test took the platform over (ipp_reset) */
+    IPP_DEVICE_REFUSED = 6        /**< the simulator closed the connection or refused the greeting
+                                       (it serves its own user only; IPCLIENT_NODE names no node of it) */
 };
 
 /**
  * Tries to reach the process's simulator now, whatever the pause between attempts, and says
- * how it went (an ipp_device_state_code). With IPP_DEVICE_FOREIGN, *owner_uid (when not null)
- * receives the uid of the process that holds the socket; otherwise 0. A process waits for an
- * answer at most IPCLIENT_DEVICE_TIMEOUT_MS milliseconds (default 10000).
+ * how it went (an ipp_device_state_code); a connection already open is asked too. With
+ * IPP_DEVICE_FOREIGN and IPP_DEVICE_REFUSED, *owner_uid (when not null) receives the uid of
+ * the process that holds the socket; otherwise 0. A process waits for the simulator (its
+ * connection and each answer) at most IPCLIENT_DEVICE_TIMEOUT_MS milliseconds (default 10000).
+ * The reason is the calling process's last attempt (of any of its threads).
  */
 IPPLAT_API int ipp_device_state(uint32_t *owner_uid);
 
