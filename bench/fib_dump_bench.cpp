@@ -9,9 +9,9 @@
 #include <cstring>
 #include <string>
 
-#include "common/wire.hpp"
 #include "ipclient/fib.h"
 #include "ipplat/testctl.h"
+#include "ipproto/wire.hpp"
 
 namespace {
 

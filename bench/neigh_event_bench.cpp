@@ -13,10 +13,10 @@
 #include <cstring>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipclient/nd.h"
 #include "ipplat/testctl.h"
+#include "ipproto/wire.hpp"
 
 extern "C" ssize_t __wrap_recv(int fd, void* buf, size_t len, int flags);
 

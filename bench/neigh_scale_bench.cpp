@@ -19,10 +19,10 @@
 #include <string>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "e2e/sim_process.hpp"
 #include "ipclient/arp.h"
 #include "ipclient/nd.h"
+#include "ipproto/wire.hpp"
 
 namespace {
 

@@ -16,10 +16,10 @@
 #include <cstring>
 #include <string>
 
-#include "common/endpoint_names.hpp"
-#include "common/wire.hpp"
 #include "e2e/sim_process.hpp"
 #include "ipclient/kernel.h"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/wire.hpp"
 
 namespace {
 

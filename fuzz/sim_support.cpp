@@ -9,10 +9,10 @@
 #include <memory>
 #include <string>
 
-#include "common/device_proto.hpp"
-#include "common/endpoint_names.hpp"
-#include "common/wire.hpp"
 #include "daemon.hpp"
+#include "ipproto/device.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/wire.hpp"
 #include "scenario/scenario.hpp"
 
 namespace ipfuzz::simfuzz {

@@ -6,12 +6,12 @@
 #include <map>
 #include <tuple>
 
-#include "common/endpoint_names.hpp"
-#include "common/wire.hpp"
 #include "core/log.hpp"
-#include "modules/vpn.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/wire.hpp"
 #include "modules/fib_control.hpp"
 #include "modules/neigh_control.hpp"
+#include "modules/vpn.hpp"
 #include "services/services.hpp"
 #include "store/records.hpp"
 

@@ -33,10 +33,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "common/control_channel.hpp"
-#include "common/endpoint_names.hpp"
 #include "core/log.hpp"
 #include "daemon.hpp"
+#include "ipproto/control_channel.hpp"
+#include "ipproto/endpoints.hpp"
 #include "source/linux_source.hpp"
 
 namespace {

@@ -1,7 +1,7 @@
 // The kernel modules behind the device channel's CIOCTL call: the fuzzer's request bytes
 // sent to a module of the device (address, FIB, ARP, ND, WLAN, others) on a node, sync or async.
-#include "common/device_proto.hpp"
-#include "common/wire.hpp"
+#include "ipproto/device.hpp"
+#include "ipproto/wire.hpp"
 #include "sim_support.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

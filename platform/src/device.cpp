@@ -13,10 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/endpoint_names.hpp"
-#include "common/wire.hpp"
 #include "internal.hpp"
 #include "ipplat/host.h"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/wire.hpp"
 
 namespace ipp::dev {
 namespace {

@@ -16,7 +16,7 @@
 #include <span>
 #include <string>
 
-#include "common/device_proto.hpp"
+#include "ipproto/device.hpp"
 
 namespace ipp::dev {
 

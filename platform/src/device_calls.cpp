@@ -8,9 +8,9 @@
 #include <cstring>
 #include <new>
 
-#include "leaf_mutex.hpp"
-#include "common/wire.hpp"
 #include "device.hpp"
+#include "ipproto/wire.hpp"
+#include "leaf_mutex.hpp"
 
 namespace ipp::dev {
 namespace {

@@ -22,29 +22,22 @@
 #include <string>
 #include <unordered_map>
 
-#include "leaf_mutex.hpp"
-#include "common/endpoint_names.hpp"
 #include "device.hpp"
-#include "ipplat/host.h"
 #include "internal.hpp"
+#include "ipplat/host.h"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/lipc.hpp"
+#include "leaf_mutex.hpp"
 
 namespace ipp {
 namespace {
 
-constexpr int kFamilyLipc = 37;
-constexpr int kProtoPointToPoint = 1;
-constexpr int kProtoGroup = 2;
-constexpr int kLevelSocket = 1;
-constexpr int kLevelLipc = 275;
-constexpr int kOptServer = 512;
-constexpr int kOptSndBuf = 0x1001;
-constexpr int kOptSndTimeo = 0x1005;
-constexpr int kOptRcvTimeo = 0x1006;
-constexpr int kOptGroupType = 1;
-constexpr int kOptJoinGroup = 5;
-constexpr int kOptAddrService = 15;
-constexpr std::uint16_t kOwnNode = 0x8000;
-constexpr socklen_t kLipcAddrLen = 16;
+using namespace ipc::proto::lipc;  // the family's kinds, options and address
+constexpr int kFamilyLipc = kFamily;
+constexpr int kOptSndBuf = kOptSendBuffer;
+constexpr int kOptSndTimeo = kOptSendTimeout;
+constexpr int kOptRcvTimeo = kOptRecvTimeout;
+constexpr socklen_t kLipcAddrLen = kAddrLen;
 constexpr std::uint8_t kNetlinkFamilyByte = 16;
 
 struct Lipc {

@@ -4,10 +4,10 @@
 #include <optional>
 #include <stdexcept>
 
-#include "common/control_channel.hpp"
 #include "context.hpp"
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "ipproto/control_channel.hpp"
 
 namespace sim {
 namespace {

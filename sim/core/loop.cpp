@@ -12,8 +12,8 @@
 #include <cstring>
 #include <string>
 
-#include "common/device_proto.hpp"
 #include "core/log.hpp"
+#include "ipproto/device.hpp"
 
 namespace sim {
 

@@ -2,11 +2,11 @@
 // state (see common/device_proto.hpp for the messages).
 #include <string>
 
-#include "common/device_proto.hpp"
-#include "common/wire.hpp"
 #include "context.hpp"
 #include "core/log.hpp"
 #include "device/libraries.hpp"
+#include "ipproto/device.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim {
 namespace {

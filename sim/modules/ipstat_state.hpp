@@ -51,14 +51,16 @@
 #include <string_view>
 #include <vector>
 
+#include "ipproto/kmod_ipstat.hpp"
+
 namespace sim::ipstat {
 
-inline constexpr std::size_t kIpCounters = 26;
-inline constexpr std::size_t kFwCounters = 8;
-inline constexpr std::size_t kIcmpCounters = 43;
-inline constexpr std::size_t kMibCounters = 19;
-inline constexpr std::size_t kBpaRecords = 64;
-inline constexpr std::size_t kBpaCounters = 5;
+using ipc::proto::ipstat::kBpaCounters;
+using ipc::proto::ipstat::kBpaRecords;
+using ipc::proto::ipstat::kFwCounters;
+using ipc::proto::ipstat::kIcmpCounters;
+using ipc::proto::ipstat::kIpCounters;
+using ipc::proto::ipstat::kMibCounters;
 
 using IpCounters = std::array<std::uint32_t, kIpCounters>;
 using FwCounters = std::array<std::uint64_t, kFwCounters>;
@@ -67,11 +69,11 @@ using MibCounters = std::array<std::uint64_t, kMibCounters>;
 using BpaRecord = std::array<std::uint64_t, kBpaCounters>;
 using BpaRecords = std::array<BpaRecord, kBpaRecords>;
 
-extern const std::array<std::string_view, kIpCounters> kIpNames;
-extern const std::array<std::string_view, kFwCounters> kFwNames;
-extern const std::array<std::string_view, kIcmpCounters> kIcmpNames;
-extern const std::array<std::string_view, kMibCounters> kMibNames;
-extern const std::array<std::string_view, kBpaCounters> kBpaNames;
+using ipc::proto::ipstat::kBpaNames;
+using ipc::proto::ipstat::kFwNames;
+using ipc::proto::ipstat::kIcmpNames;
+using ipc::proto::ipstat::kIpNames;
+using ipc::proto::ipstat::kMibNames;
 
 // The place of a named counter in its set, or nothing.
 template <std::size_t N>

@@ -2,13 +2,13 @@
 
 #include <cstring>
 
-#include "common/wire.hpp"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim {
 namespace {
 
-namespace codec = ipc::kernel::addr;
+namespace codec = ipc::proto::addr;
 using codec::Op;
 using ipc::wire::Reader;
 using ipc::wire::Writer;

@@ -37,13 +37,14 @@
 #include <utility>
 
 #include "device/device.hpp"
+#include "ipproto/kmod_addr.hpp"
 #include "modules/addr_table.hpp"
 
 namespace sim {
 
 class AddrModule {
 public:
-    static constexpr std::uint32_t kCommand = 0x260001;
+    static constexpr std::uint32_t kCommand = ipc::proto::addr::kCmd;
 
     AddrModule(Device& device, AddrTable& table) : device_(device), table_(table) {}
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "context.hpp"
 #include "control/args.hpp"
+#include "ipproto/wire.hpp"
 #include "modules/resolver.hpp"
 
 namespace sim {
@@ -21,56 +21,7 @@ using ipc::wire::Writer;
 
 constexpr std::uint32_t kFailure = 0x40010001u;
 constexpr std::uint8_t kArp = 2;
-// Interface type of an aggregate whose entries are held by a member.
-constexpr std::uint32_t kTypeAggregate = 41;
-
-// Sub-operations of the query command.
-enum SubOp : std::uint8_t {
-    kDeleteDynamic = 0,
-    kGetEntry = 1,
-    kSendRequest = 2,
-    kSendReply = 3,
-    kGetNext = 7,
-    kDeleteAuthorized = 9,
-    kGetExtended = 10,
-    kGetConf = 12,
-    kSendVlanRequest = 21,
-    kSendSpecified = 22,
-    kGetByAddress = 28,
-    kGetBatch = 29,
-    kFirstAddress = 31,
-    kSendProbe = 33,
-    kAlarmOp = 37,
-    kAttackOp = 38,
-};
-
-// The length and header byte of each sub-operation's request.
-struct Shape {
-    std::size_t length;
-    std::uint8_t header;
-};
-
-std::optional<Shape> shape_of(std::uint8_t sub_op) {
-    switch (sub_op) {
-        case kDeleteDynamic:
-        case kGetEntry:
-        case kDeleteAuthorized:
-        case kGetExtended:
-        case kGetByAddress: return Shape{12, 8};
-        case kGetNext:
-        case kGetBatch: return Shape{12, 0};
-        case kFirstAddress: return Shape{12, 12};
-        case kGetConf:
-        case kAlarmOp:
-        case kAttackOp: return Shape{4, 0};
-        case kSendRequest:
-        case kSendReply:
-        case kSendProbe: return Shape{24, 20};
-        case kSendVlanRequest: return Shape{36, 32};
-        case kSendSpecified: return Shape{64, 60};
-        default: return std::nullopt;
-    }
-}
+using namespace ipc::proto::arp;  // sub-operations, request shapes and record layouts
 
 NeighAddr v4(const std::uint8_t* at) {
     NeighAddr a{};
@@ -200,7 +151,7 @@ std::uint32_t ArpModule::query(Context& ctx, std::uint16_t node, std::span<const
     const auto shape = shape_of(sub_op);
     if (!shape || request.size() != shape->length || request[1] != shape->header || request[2] != 0) return kFailure;
     const std::uint8_t selector = request[3];
-    if (selector != 0 && sub_op != kAlarmOp && sub_op != kAttackOp) return kFailure;
+    if (selector != 0 && sub_op != kAlarmStat && sub_op != kAttackStat) return kFailure;
     const std::uint8_t* req = request.data();
 
     switch (sub_op) {
@@ -287,10 +238,10 @@ std::uint32_t ArpModule::query(Context& ctx, std::uint16_t node, std::span<const
             }
             return done(0);
         }
-        case kAlarmOp:
-        case kAttackOp: {
+        case kAlarmStat:
+        case kAttackStat: {
             const auto it = node_counters_.find(node);
-            if (sub_op == kAlarmOp) {
+            if (sub_op == kAlarmStat) {
                 std::uint64_t value = 0;
                 if (it != node_counters_.end()) {
                     if (const auto a = it->second.alarm.find(selector); a != it->second.alarm.end()) value = a->second;

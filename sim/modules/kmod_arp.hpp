@@ -83,19 +83,21 @@
 #include <span>
 #include <utility>
 
+#include "ipproto/kmod_arp.hpp"
+
 namespace sim {
 
 struct Context;
 
 class ArpModule {
 public:
-    static constexpr std::uint32_t kQueryCommand = 0x140001;
-    static constexpr std::uint32_t kIfCountersCommand = 0x140002;
-    static constexpr std::uint32_t kOpenFlowCountCommand = 0x140004;
-    static constexpr std::size_t kEntryLen = 36;
-    static constexpr std::size_t kConfLen = 112;
-    static constexpr std::size_t kBatchRecordLen = 24;
-    static constexpr std::size_t kAttackCounters = 4;
+    static constexpr std::uint32_t kQueryCommand = ipc::proto::arp::kCmdInfo;
+    static constexpr std::uint32_t kIfCountersCommand = ipc::proto::arp::kCmdIfDisplay;
+    static constexpr std::uint32_t kOpenFlowCountCommand = ipc::proto::arp::kCmdOpenFlowCount;
+    static constexpr std::size_t kEntryLen = ipc::proto::arp::entry::kLen;
+    static constexpr std::size_t kConfLen = ipc::proto::arp::kConfLen;
+    static constexpr std::size_t kBatchRecordLen = ipc::proto::arp::batch::kLen;
+    static constexpr std::size_t kAttackCounters = ipc::proto::arp::kAttackCounters;
 
     // Packet counters of one interface on one node.
     struct IfCounters {

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim {
 namespace {
@@ -10,8 +10,8 @@ namespace {
 using ipc::wire::Writer;
 
 constexpr std::uint32_t kFailure = 0x40010001u;
-constexpr std::size_t kSearchMax = 128;
-constexpr std::size_t kSearchEntry = 128;
+constexpr std::size_t kSearchMax = ipc::proto::fib::kSearchMaxEntries;
+constexpr std::size_t kSearchEntry = ipc::proto::fib::kSearchEntryLen;
 constexpr std::uint16_t kMaxPaths = 8;
 
 std::array<std::uint8_t, 16> prefix_of(const std::uint8_t* addr, std::size_t len) {

@@ -26,16 +26,17 @@
 
 #include "device/device.hpp"
 #include "device/dumps.hpp"
+#include "ipproto/kmod_fib.hpp"
 #include "modules/fib_table.hpp"
 
 namespace sim {
 
 class FibModule {
 public:
-    static constexpr std::uint32_t kFirstCommand = 0x380001;
-    static constexpr std::uint32_t kLastCommand = 0x38000C;
-    static constexpr std::uint32_t kDumpRequest = 0x640001;
-    static constexpr std::size_t kDumpEntryLen = 48;
+    static constexpr std::uint32_t kFirstCommand = ipc::proto::fib::kCmdFirst;
+    static constexpr std::uint32_t kLastCommand = ipc::proto::fib::kCmdLast;
+    static constexpr std::uint32_t kDumpRequest = ipc::proto::fib::kDumpRequest;
+    static constexpr std::size_t kDumpEntryLen = ipc::proto::fib::kDumpEntryLen;
 
     FibModule(const Device& device, FibTable& table) : device_(device), table_(table) {}
 

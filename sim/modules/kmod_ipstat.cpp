@@ -2,10 +2,10 @@
 
 #include <stdexcept>
 
-#include "common/wire.hpp"
 #include "context.hpp"
 #include "control/args.hpp"
-#include "ipstat/ops.hpp"
+#include "ipproto/kmod_ipstat.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim {
 namespace {
@@ -14,7 +14,7 @@ using ipc::wire::Reader;
 using ipc::wire::Writer;
 using json = nlohmann::json;
 using namespace ipstat;
-using ipc::ipstat::Op;
+using ipc::proto::ipstat::Op;
 
 constexpr std::uint32_t kFailure = 0x40010001u;
 constexpr std::size_t kFwReplyLen = 112;

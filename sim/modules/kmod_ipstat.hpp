@@ -63,6 +63,7 @@
 #include <utility>
 
 #include "device/dumps.hpp"
+#include "ipproto/kmod_ipstat.hpp"
 #include "modules/ipstat_state.hpp"
 
 namespace sim {
@@ -71,8 +72,8 @@ struct Context;
 
 class IpStatModule {
 public:
-    static constexpr std::uint32_t kCommand = 0x5b0001;
-    static constexpr std::uint32_t kBpaDumpRequest = 0x2a0001;
+    static constexpr std::uint32_t kCommand = ipc::proto::ipstat::kCmd;
+    static constexpr std::uint32_t kBpaDumpRequest = ipc::proto::ipstat::kBpaDumpRequest;
 
     // One request to the module on a node; writes at most reply.size() bytes.
     std::uint32_t handle(Context& ctx, std::uint16_t node, std::span<const std::uint8_t> request,

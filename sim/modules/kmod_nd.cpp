@@ -9,9 +9,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "common/wire.hpp"
 #include "context.hpp"
 #include "control/args.hpp"
+#include "ipproto/kmod_nd.hpp"
+#include "ipproto/wire.hpp"
 #include "modules/resolver.hpp"
 
 namespace sim {
@@ -25,48 +26,16 @@ constexpr std::uint32_t kFailure = 0x40010001u;
 constexpr std::uint8_t kFamily = 10;
 constexpr std::size_t kAddrLen = 16;
 constexpr std::size_t kMacLen = 6;
-constexpr std::size_t kHeadLen = 8;
 constexpr std::size_t kKeyLen = 24;
 constexpr std::size_t kBatchKeyLen = 20;
-constexpr std::size_t kNameLen = 128;
 constexpr std::size_t kSpecifiedLen = 100;
 constexpr std::uint32_t kMaxSelector = 2;
 constexpr std::uint8_t kKindNoInterface = 6;
 
-// Operations of the module message.
-enum Op : std::uint32_t {
-    kOpInfo = 0,
-    kOpHopLimit = 1,
-    kOpSendRA = 2,
-    kOpSendNA = 3,
-    kOpDeleteDynamic = 4,
-    kOpResolve = 6,
-    kOpSendNS = 8,
-    kOpStaleAging = 10,
-    kOpLinkLocal = 11,
-    kOpSpecified = 12,
-    kOpStaleAgingUnit = 13,
-    kOpLogFlags = 28,
-    kOpConflictFlags = 29,
-    kOpSnpDadRetrans = 31,
-    kOpSnpInvalid = 32,
-    kOpSnpValid = 33,
-    kOpRate = 36,
-    kOpInfoByIP = 38,
-    kOpExt3Bitmap = 39,
-    kOpAlarm = 45,
-    kOpAttack = 46,
-};
+using namespace ipc::proto::nd;  // operations, sizes and type lists of the module
 
-// Operations 4 and 6 carry 28 bytes under a length word of 20.
-constexpr std::size_t kAddrIfLen = 28;
 // An NS request: header, interface, address.
 constexpr std::size_t kNsLen = kHeadLen + 4 + 16;
-constexpr std::uint32_t kAddrIfClaimed = 20;
-
-// The ND layer-3 interface types, in the order the library applies them.
-constexpr std::array<std::uint32_t, 29> kL3Types{{22, 23, 25, 70, 71, 41, 55, 47, 67, 35, 39, 31, 26, 28, 29,
-                                                  89, 42, 97, 86, 105, 110, 111, 27, 10, 122, 124, 144, 168, 176}};
 
 bool dynamic(const Neighbour& n) { return (static_cast<std::uint8_t>(n.kind) & 1u) != 0; }
 
@@ -186,8 +155,8 @@ std::uint32_t if_config_reply(NdModule& m, Context& ctx, std::span<const std::ui
     w.be(c.retransmit_ms).be(c.reachable_ms).be(c.ra_min_interval).be(c.dad_attempts).be(c.ra_interval);
     w.be(c.ra_hop_limit).be(c.ra_lifetime).be(c.ra_preference).be(c.flags).zeros(4).be(c.dest_guard);
     w.be(c.entry_limit);
-    const std::size_t name_len = std::min(itf->name.size(), kNameLen - 1);
-    w.raw(itf->name.data(), name_len).zeros(kNameLen - name_len);
+    const std::size_t name_len = std::min(itf->name.size(), kIfNameLen - 1);
+    w.raw(itf->name.data(), name_len).zeros(kIfNameLen - name_len);
     w.be(ifindex).be(std::uint32_t{itf->node}).zeros(2);
     w.be(static_cast<std::uint16_t>(std::min<std::uint32_t>(itf->mtu, 0xFFFF)));
     w.be(std::uint32_t{itf->vrf}).be(entries).be(dynamic_entries);
@@ -214,22 +183,22 @@ public:
             case kOpHopLimit: return bare() ? byte(p.hop_limit) : kFailure;
             case kOpStaleAging: return bare() ? word(p.stale_aging) : kFailure;
             case kOpStaleAgingUnit: return bare() ? word(p.stale_aging_unit) : kFailure;
-            case kOpLinkLocal: return bare() ? byte(p.link_local_flags) : kFailure;
-            case kOpLogFlags: return bare() ? byte(p.log_flags) : kFailure;
-            case kOpConflictFlags: return bare() ? byte(p.conflict_flags) : kFailure;
-            case kOpSnpDadRetrans: return bare() ? word(p.snp_dad_retrans) : kFailure;
-            case kOpSnpInvalid: return bare() ? word(p.snp_invalid) : kFailure;
-            case kOpSnpValid: return bare() ? word(p.snp_valid) : kFailure;
+            case kOpLinkLocalMinimize: return bare() ? byte(p.link_local_flags) : kFailure;
+            case kOpOnOffLogMove: return bare() ? byte(p.log_flags) : kFailure;
+            case kOpIPConflict: return bare() ? byte(p.conflict_flags) : kFailure;
+            case kOpSnpDadRetTime: return bare() ? word(p.snp_dad_retrans) : kFailure;
+            case kOpSnpInvalidTime: return bare() ? word(p.snp_invalid) : kFailure;
+            case kOpSnpValidTime: return bare() ? word(p.snp_valid) : kFailure;
             case kOpRate: return bare() ? word(p.rate) : kFailure;
             case kOpExt3Bitmap: return bare() ? word(p.ext3_bitmap) : kFailure;
-            case kOpAlarm: return counters(false);
-            case kOpAttack: return counters(true);
+            case kOpAlarmThreshold: return counters(false);
+            case kOpAttackStat: return counters(true);
             case kOpSendRA: return advert(true);
             case kOpSendNA: return advert(false);
             case kOpDeleteDynamic: return remove_dynamic();
             case kOpResolve: return resolve();
             case kOpSendNS: return solicit();
-            case kOpSpecified: return specified();
+            case kOpSendSpecify: return specified();
             default: return kFailure;
         }
     }

@@ -98,6 +98,7 @@
 #include <span>
 #include <utility>
 
+#include "ipproto/kmod_nd.hpp"
 #include "modules/neigh_table.hpp"
 
 namespace sim {
@@ -145,11 +146,11 @@ struct NdSent {
 
 class NdModule {
 public:
-    static constexpr std::uint32_t kMessage = 0x110001;
-    static constexpr std::uint32_t kIfConfig = 0x110002;
-    static constexpr std::uint32_t kExact = 0x110004;
-    static constexpr std::uint32_t kNext = 0x110005;
-    static constexpr std::uint32_t kBatch = 0x110013;
+    static constexpr std::uint32_t kMessage = ipc::proto::nd::kCmdInfo;
+    static constexpr std::uint32_t kIfConfig = ipc::proto::nd::kCmdIfConfig;
+    static constexpr std::uint32_t kExact = ipc::proto::nd::kCmdEntryInfo;
+    static constexpr std::uint32_t kNext = ipc::proto::nd::kCmdNextEntryInfo;
+    static constexpr std::uint32_t kBatch = ipc::proto::nd::kCmdInfoBatch;
     static constexpr std::size_t kBatchRecordLen = 48;
 
     static bool serves_command(std::uint32_t command) noexcept {

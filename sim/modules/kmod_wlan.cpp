@@ -2,18 +2,13 @@
 
 #include <cstring>
 
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim {
 namespace {
 
 constexpr std::uint32_t kFailure = 0x40010001u;
-constexpr std::size_t kEntryRequestLen = 212;
-constexpr std::size_t kDeleteRequestLen = 12;
-constexpr std::size_t kEntryAt = 12;
-constexpr std::size_t kSelectorAt = 34;
-
-enum SubOp : std::uint8_t { kRefresh = 0, kDelete = 1, kDeleteByIf = 2 };
+using namespace ipc::proto::wlan;  // sub-operations and request layout
 
 // The words of a request are the caller's host-order values, copied unchanged.
 template <class U>

@@ -42,6 +42,7 @@
 #include <vector>
 
 #include "device/device.hpp"
+#include "ipproto/kmod_wlan.hpp"
 
 namespace sim {
 
@@ -66,7 +67,7 @@ struct WlanChange {
 
 class WlanModule {
 public:
-    static constexpr std::uint32_t kCommand = 0x150001;
+    static constexpr std::uint32_t kCommand = ipc::proto::wlan::kCmdAdjacency;
     static constexpr std::size_t kMaxEntries = 1u << 20;
     using Key = std::tuple<std::uint16_t, std::uint32_t, std::uint32_t>;  // node, interface, first word
     using Observer = std::function<void(const WlanChange&)>;

@@ -20,9 +20,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "common/wire.hpp"
 #include "context.hpp"
 #include "control/args.hpp"
+#include "ipproto/wire.hpp"
 #include "modules/neigh_control.hpp"
 
 namespace sim {

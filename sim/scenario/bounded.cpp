@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "common/raii.hpp"
+#include "ipproto/raii.hpp"
 #include "scenario/limits.hpp"
 #include "scenario/scenario.hpp"
 

@@ -22,7 +22,7 @@
 #include <string_view>
 #include <utility>
 
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 #include "scenario/bounded.hpp"
 #include "scenario/limits.hpp"
 

@@ -6,7 +6,7 @@
 //   registration). Otherwise the subscription is answered with [BE32 0].
 // From the service: [BE32 1][BE32 length][40-byte records] (at most 25 records, so that
 // a message fits the client's 1024-byte receive), [BE32 2][BE32 0] keep-alive every
-// kKeepAlive, [BE32 3][BE32 0] at the end of a batch replay.
+// kKeepAliveEvery, [BE32 3][BE32 0] at the end of a batch replay.
 // Record: [BE32 event 1 add, 2 delete, 3 modify][BE32 epoch][BE32 node of the interface]
 //         [the address as an IPAddrEntry in wire order].
 // From the client: [BE32 2][BE32 0] asks for a batch replay of every address (as add
@@ -15,15 +15,17 @@
 #include <cstring>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "core/log.hpp"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/svc_addr.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::size_t kRecordLen = 40;
+using namespace ipc::proto::addr_svc;  // message types and the event record
+constexpr std::size_t kRecordLen = kEventRecordLen;
 constexpr std::size_t kRecordsPerMessage = 25;
 
 }  // namespace
@@ -48,7 +50,7 @@ public:
             const std::size_t n = std::min(records.size() - off, kRecordLen * kRecordsPerMessage);
             std::uint8_t msg[8 + kRecordLen * kRecordsPerMessage];
             ipc::wire::Writer w(msg);
-            w.be(std::uint32_t{1}).be(static_cast<std::uint32_t>(n)).raw(records.data() + off, n);
+            w.be(ipc::proto::addr_svc::kEvents).be(static_cast<std::uint32_t>(n)).raw(records.data() + off, n);
             capture_lipc(ctx_, *this, "event", w.bytes(), {{"type", "events"}, {"records", n / kRecordLen}});
             send(w.bytes());
         }
@@ -61,7 +63,7 @@ protected:
         const std::uint32_t type = r.be<std::uint32_t>();
         const std::uint32_t len = r.be<std::uint32_t>();
         if (!r.ok() || len != r.remaining()) return refuse("a message whose length disagrees");
-        if (type == 1 && len == 16 && !subscribed_) {
+        if (type == kSubscribe && len == 16 && !subscribed_) {
             method_mask_ = r.be<std::uint32_t>();
             ifindex_ = r.be<std::uint32_t>();
             vrf_ = static_cast<std::uint16_t>(r.be<std::uint32_t>());
@@ -77,8 +79,8 @@ protected:
             schedule_keepalive();
             return;
         }
-        if (type == 2 && len == 0 && subscribed_) return replay();
-        if (type == 3 && len == 0) return;  // keep-alive answered
+        if (type == kBatchRequest && len == 0 && subscribed_) return replay();
+        if (type == kKeepAliveAnswer && len == 0) return;
         refuse("an unknown message");
     }
 
@@ -98,30 +100,30 @@ private:
             w.be(std::uint32_t{1}).be(ctx_.addrs.epoch()).be(static_cast<std::uint32_t>(itf != nullptr ? itf->node : 0));
             IPAddrEntry e = i.stEntry;
             ipc::wire::swap_fields(std::span<std::uint8_t>(reinterpret_cast<std::uint8_t*>(&e), sizeof e),
-                                   ipc::kernel::addr::kEntryFields);
+                                   ipc::proto::addr::kEntryFields);
             w.raw(&e, sizeof e);
             records.insert(records.end(), rec, rec + kRecordLen);
         });
         send_records(records);
         std::uint8_t end[8];
         ipc::wire::Writer w(end);
-        w.be(std::uint32_t{3}).be(std::uint32_t{0});
+        w.be(kEndSignal).be(std::uint32_t{0});
         send(w.bytes());
     }
 
     void schedule_keepalive() {
         // A weak check through the subscriber set: the connection may be gone by then.
-        loop().after(kKeepAlive, [ctx = &ctx_, self = this] {
+        loop().after(kKeepAliveEvery, [ctx = &ctx_, self = this] {
             if (ctx->addr_subscribers.count(self) == 0) return;
             std::uint8_t ka[8];
             ipc::wire::Writer w(ka);
-            w.be(std::uint32_t{2}).be(std::uint32_t{0});
+            w.be(ipc::proto::addr_svc::kKeepAlive).be(std::uint32_t{0});
             self->send(w.bytes());
             self->schedule_keepalive();
         });
     }
 
-    static constexpr std::chrono::milliseconds kKeepAlive{30'000};
+    static constexpr std::chrono::milliseconds kKeepAliveEvery{30'000};
 
     Context& ctx_;
     bool subscribed_ = false;
@@ -140,7 +142,7 @@ void publish_addr_change(Context& ctx, const AddrChange& change) {
     w.be(static_cast<std::uint32_t>(itf != nullptr ? itf->node : 0));
     IPAddrEntry e = change.info.stEntry;
     ipc::wire::swap_fields(std::span<std::uint8_t>(reinterpret_cast<std::uint8_t*>(&e), sizeof e),
-                           ipc::kernel::addr::kEntryFields);
+                           ipc::proto::addr::kEntryFields);
     w.raw(&e, sizeof e);
     const std::vector<std::uint8_t> one(rec, rec + kRecordLen);
     // Copy: a subscriber whose send fails leaves the set while we walk it.

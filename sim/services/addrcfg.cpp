@@ -26,13 +26,16 @@
 #include <set>
 #include <utility>
 
-#include "common/wire.hpp"
 #include "core/log.hpp"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/svc_addr.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
+
+using namespace ipc::proto::addr_svc;  // operations and sub-operations of the service
 
 constexpr std::uint32_t kOk = 0;
 constexpr std::uint32_t kFailure = 0x40010001u;
@@ -83,14 +86,14 @@ protected:
             capture_lipc(ctx_, *this, "request", msg, {{"error", "length disagrees"}});
             return answer_control(kFailure);
         }
-        switch (op) {
-            case 0: return config_request(r, msg);
-            case 1: return ifcfg_request(r, msg);
-            case 2: return address_change(r, msg);
-            case 3: return address_flag(r, msg);
-            case 4: return capture_lipc(ctx_, *this, "request", msg, {{"op", "acknowledgement"}});
-            case 5: return smooth(r, msg);
-            case 8: return net_protocol(r, msg);
+        switch (static_cast<Op>(op)) {
+            case Op::kConfig: return config_request(r, msg);
+            case Op::kIfCfg: return ifcfg_request(r, msg);
+            case Op::kAddrChange: return address_change(r, msg);
+            case Op::kAddrFlag: return address_flag(r, msg);
+            case Op::kAck: return capture_lipc(ctx_, *this, "request", msg, {{"op", "acknowledgement"}});
+            case Op::kSmooth: return smooth(r, msg);
+            case Op::kNetProtocol: return net_protocol(r, msg);
             default:
                 capture_lipc(ctx_, *this, "request", msg, {{"error", "unknown operation"}});
                 return answer_control(kFailure);
@@ -305,10 +308,10 @@ private:
         capture_lipc(ctx_, *this, "request", msg, {{"op", "interface-configuration"}, {"sub", sub}});
         if (!r.ok() || vlen != r.remaining()) return close();
         switch (sub) {
-            case 1: ctx_.ifcfg_subscribers.insert(this); return;
-            case 2: ctx_.ifcfg_subscribers.erase(this); return;
-            case 3: return replay_ifcfg();
-            case 4: return;
+            case kIfCfgRegister: ctx_.ifcfg_subscribers.insert(this); return;
+            case kIfCfgDeregister: ctx_.ifcfg_subscribers.erase(this); return;
+            case kIfCfgBatch: return replay_ifcfg();
+            case kIfCfgKeepAliveAnswer: return;
             default: return close();
         }
     }
@@ -334,7 +337,7 @@ private:
         const std::uint32_t flags = r.be<std::uint32_t>();
         IPAddrInfo info{};
         r.raw_into(&info, sizeof info);
-        ipc::kernel::addr::to_host(&info);
+        ipc::proto::addr::to_host(&info);
         const std::uint16_t mad = r.be<std::uint16_t>();
         (void)r.raw(2);
         nlohmann::json fields{{"op", "address change"}, {"action", action}, {"flags", flags},

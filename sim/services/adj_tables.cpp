@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim {
 

@@ -7,10 +7,10 @@
 #include <set>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "context.hpp"
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {

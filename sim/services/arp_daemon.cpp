@@ -26,7 +26,7 @@
 // Instances and interfaces never set are off.
 #include <cstring>
 
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {

@@ -13,8 +13,8 @@
 // Every other message (and type 14 and the port-attack types) is answered with 8 bytes
 // [BE32 result][BE32 0], result 0 or 0x40010001 for an unknown type, a length that
 // disagrees or an unknown interface. Settings persist with the interface's settings.
-#include "common/wire.hpp"
 #include "core/log.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {

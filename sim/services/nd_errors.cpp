@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "control/args.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {

@@ -11,7 +11,7 @@
 // Every answer is the bare 4-byte word. A message whose length disagrees with its header, of
 // another type or size, an unknown code or the VSI index 0xFFFFFFFF is answered with
 // [BE32 0x40010001]. The state is the device's (Context::nd), kept until the simulator ends.
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {

@@ -2,9 +2,9 @@
 // messages and what the service keeps).
 #include "services/proen.hpp"
 
-#include "common/wire.hpp"
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {

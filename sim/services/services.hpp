@@ -15,18 +15,19 @@
 #include <sys/types.h>
 
 #include "context.hpp"
+#include "ipproto/lipc.hpp"
 
 namespace sim {
 
-inline constexpr std::uint16_t kPortAddrCfg = 1653;
-inline constexpr std::uint16_t kPortAddrEvents = 11547;
-inline constexpr std::uint16_t kPortIPStack = 1648;
-inline constexpr std::uint16_t kPortPortAttack = 4418;
-inline constexpr std::uint16_t kPortWlan = 1641;
-inline constexpr std::uint16_t kPortProen = 1680;
-inline constexpr std::uint16_t kPortProenLocal = 11557;
-inline constexpr std::uint16_t kPortNdOverlay = 1667;
-inline constexpr std::uint16_t kPortArpDaemon = 1639;
+inline constexpr std::uint16_t kPortAddrCfg = ipc::proto::port::kAddrCfg;
+inline constexpr std::uint16_t kPortAddrEvents = ipc::proto::port::kAddrEvents;
+inline constexpr std::uint16_t kPortIPStack = ipc::proto::port::kIpStack;
+inline constexpr std::uint16_t kPortPortAttack = ipc::proto::port::kPortAttack;
+inline constexpr std::uint16_t kPortWlan = ipc::proto::port::kWlan;
+inline constexpr std::uint16_t kPortProen = ipc::proto::port::kProen;
+inline constexpr std::uint16_t kPortProenLocal = ipc::proto::port::kProenLocal;
+inline constexpr std::uint16_t kPortNdOverlay = ipc::proto::port::kNdOverlay;
+inline constexpr std::uint16_t kPortArpDaemon = ipc::proto::port::kArpDaemon;
 
 std::unique_ptr<Conn> make_addrcfg_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 std::unique_ptr<Conn> make_addr_event_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);

@@ -28,9 +28,9 @@
 #include <stdexcept>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {

@@ -12,8 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "common/wire.hpp"
 #include "core/log.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim {
 namespace {

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "common/raii.hpp"
+#include "ipproto/raii.hpp"
 
 namespace sim::nl {
 

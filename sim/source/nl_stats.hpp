@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "common/raii.hpp"
+#include "ipproto/raii.hpp"
 
 namespace sim::nl {
 

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "common/wire.hpp"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/wire.hpp"
 
 namespace sim::records {
 
@@ -27,7 +27,7 @@ bool decode_addr_key(std::span<const std::uint8_t> key, std::uint32_t* ifindex, 
 std::vector<std::uint8_t> encode_addr(const IPAddrInfo& info) {
     std::vector<std::uint8_t> out(sizeof(IPAddrInfo));
     std::memcpy(out.data(), &info, sizeof info);
-    ipc::wire::swap_fields(std::span<std::uint8_t>(out), ipc::kernel::addr::kInfoFields);
+    ipc::wire::swap_fields(std::span<std::uint8_t>(out), ipc::proto::addr::kInfoFields);
     return out;
 }
 
@@ -36,7 +36,7 @@ std::optional<IPAddrInfo> decode_addr(std::span<const std::uint8_t> key, std::sp
     if (!decode_addr_key(key, &ifindex, &addr) || value.size() != sizeof(IPAddrInfo)) return std::nullopt;
     IPAddrInfo info{};
     std::memcpy(&info, value.data(), sizeof info);
-    ipc::kernel::addr::to_host(&info);
+    ipc::proto::addr::to_host(&info);
     if (info.stEntry.stKey.uiIfIndex != ifindex || info.stEntry.stKey.uiAddr != addr) return std::nullopt;
     return info;
 }

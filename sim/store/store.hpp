@@ -33,7 +33,7 @@
 #include <string>
 #include <vector>
 
-#include "common/device_status.hpp"
+#include "ipproto/device_status.hpp"
 
 struct sqlite3;
 struct sqlite3_stmt;

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "common/control_channel.hpp"
+#include "ipproto/control_channel.hpp"
 
 namespace ipsim_vpn {
 namespace {

@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "ipclient/adj.h"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace {

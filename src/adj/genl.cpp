@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipclient/adj.h"
+#include "ipproto/wire.hpp"
 
 namespace {
 

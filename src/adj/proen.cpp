@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "ipclient/adj.h"
 #include "ipplat/platform.h"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace {

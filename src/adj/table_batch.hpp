@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <span>
 
-#include "common/wire.hpp"
 #include "ipclient/adj.h"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace ipc::adj {

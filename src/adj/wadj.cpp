@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipclient/adj.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_wlan.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 #include "lipc/socket.hpp"
 
 namespace {
@@ -22,7 +22,7 @@ constexpr std::uint32_t kKindNotAllowed = 4;
 constexpr std::size_t kRecordHead = 12;
 constexpr std::size_t kMinRemaining = 20;
 
-enum SubOp : std::uint8_t { kRefresh = 0, kDelete = 1, kDeleteByIf = 2 };
+using namespace ipc::proto::wlan;  // sub-operations and request layout
 
 // [sub-op][header byte][0 0][body]; the reply is not read, only the status.
 template <std::size_t N>
@@ -31,7 +31,7 @@ std::uint32_t control(ipc::wire::Frame<N>& req, std::uint8_t sub_op, std::uint8_
     req.data()[1] = header_byte;
     std::uint8_t reply[4];
     std::uint32_t returned = 0;
-    return CIOCTL(ipc::kernel::kLocalNodeWord, ipc::kernel::cmd::kWlanAdjacency, static_cast<std::uint32_t>(N),
+    return CIOCTL(ipc::kernel::kLocalNodeWord, ipc::proto::wlan::kCmdAdjacency, static_cast<std::uint32_t>(N),
                   req.data(), sizeof reply, reply, &returned);
 }
 
@@ -96,27 +96,27 @@ uint32_t WADJ4_ProcEvent(int32_t iFd) {
 
 uint32_t WADJ4_Refresh(uint32_t uiFirst, uint32_t uiSecond, const void* pEntry) {
     if (pEntry == nullptr) return IPSTATUS_FAILED;
-    ipc::wire::Frame<212> req;
-    req.raw32<4>(uiFirst);
-    req.raw32<8>(uiSecond);
-    req.raw<12, WADJ4_ENTRY_LEN>(pEntry);
-    return control(req, kRefresh, 208);
+    ipc::wire::Frame<kEntryRequestLen> req;
+    req.raw32<kFirstAt>(uiFirst);
+    req.raw32<kSecondAt>(uiSecond);
+    req.raw<kEntryAt, WADJ4_ENTRY_LEN>(pEntry);
+    return control(req, kRefresh, kEntryRequestHeader);
 }
 
 uint32_t WADJ4_Delete(uint32_t uiFirst, uint32_t uiIfIndex) {
     if (kind_not_allowed(uiIfIndex)) return IPSTATUS_FAILED;
-    ipc::wire::Frame<12> req;
-    req.raw32<4>(uiFirst);
-    req.raw32<8>(uiIfIndex);
-    return control(req, kDelete, 8);
+    ipc::wire::Frame<kDeleteRequestLen> req;
+    req.raw32<kFirstAt>(uiFirst);
+    req.raw32<kSecondAt>(uiIfIndex);
+    return control(req, kDelete, kDeleteRequestHeader);
 }
 
 uint32_t WADJ4_DeleteByIf(uint32_t uiIfIndex, uint16_t usSelector) {
     if (kind_not_allowed(uiIfIndex)) return IPSTATUS_FAILED;
-    ipc::wire::Frame<212> req;
-    req.raw32<8>(uiIfIndex);
-    req.raw<34, 2>(&usSelector);
-    return control(req, kDeleteByIf, 208);
+    ipc::wire::Frame<kEntryRequestLen> req;
+    req.raw32<kSecondAt>(uiIfIndex);
+    req.raw<kSelectorAt, 2>(&usSelector);
+    return control(req, kDeleteByIf, kEntryRequestHeader);
 }
 
 }  // extern "C"

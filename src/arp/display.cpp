@@ -7,12 +7,12 @@
 #include <span>
 
 #include "common/mad_list.hpp"
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_arp.hpp"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 
 namespace {
 
@@ -30,7 +30,7 @@ using Counters = std::array<std::uint32_t, kCounters>;
 // Adds one node's counters; a node whose request fails or answers short adds nothing.
 void add_node(std::uint32_t node_word, std::span<const std::uint8_t> request, Counters& total) noexcept {
     std::array<std::uint8_t, kReplyLen> reply{};
-    if (ipc::kernel::read_fixed(node_word, ipc::kernel::cmd::kArpIfDisplay, request, reply) != IPSTATUS_OK) return;
+    if (ipc::kernel::read_fixed(node_word, ipc::proto::arp::kCmdIfDisplay, request, reply) != IPSTATUS_OK) return;
     const ipc::wire::View view(reply);
     for (std::size_t i = 0; i < kCounters; ++i) total[i] += view.be<std::uint32_t>(i * 4).value_or(0);
 }

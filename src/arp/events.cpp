@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace {

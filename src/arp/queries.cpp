@@ -4,36 +4,47 @@
 #include <cstring>
 
 #include "arp/request.hpp"
-#include "common/raii.hpp"
 #include "common/tlv.hpp"
-#include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_arp.hpp"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 
 namespace {
 
 using ipc::arp::Request;
 using ipc::kernel::kLocalNodeWord;
 using ipc::kernel::node_word;
-namespace cmd = ipc::kernel::cmd;
+using namespace ipc::proto::arp;  // sub-operations and record layouts
 
 constexpr std::uint32_t kNoEntry = IPSTATUS_BAD_REPLY;  // 0x40010005
 constexpr std::uint32_t kFirstAddrReplyCap = 4096;
 constexpr std::uint16_t kUnknownNode = 0xFFFF;
 
 // Converted fields of the two entry layouts, kept apart on purpose.
-constexpr std::array<ipc::wire::Field, 6> kExtendFields{{{4, 4}, {8, 4}, {12, 4}, {28, 4}, {22, 2}, {24, 2}}};
-constexpr std::array<ipc::wire::Field, 8> kByIPFields{
-    {{4, 4}, {8, 4}, {28, 4}, {32, 4}, {12, 2}, {14, 2}, {16, 2}, {24, 2}}};
+constexpr std::array<ipc::wire::Field, 6> kExtendFields{{{entry::kIfIndex, 4},
+                                                         {entry::kMember, 4},
+                                                         {entry::kAge, 4},
+                                                         {entry::kRefresh, 4},
+                                                         {entry::kVlan, 2},
+                                                         {entry::kVrf, 2}}};
+constexpr std::array<ipc::wire::Field, 8> kByIPFields{{{by_address::kIfIndex, 4},
+                                                       {by_address::kMember, 4},
+                                                       {by_address::kAge, 4},
+                                                       {by_address::kRefresh, 4},
+                                                       {by_address::kVlan, 2},
+                                                       {by_address::kVrf, 2},
+                                                       {by_address::kNode, 2},
+                                                       {by_address::kState, 2}}};
 
 // A request with a 36-byte entry reply; true when the call succeeded with a non-empty reply.
 template <std::size_t N>
 bool entry_request(std::uint32_t node, const Request<N>& req, ARP_ENTRY_S* out) noexcept {
     std::uint32_t returned = 0;
     const std::uint32_t status =
-        CIOCTL(node, cmd::kArpInfo, static_cast<std::uint32_t>(N), req.data(), ARP_ENTRY_LEN, out, &returned);
+        CIOCTL(node, ipc::proto::arp::kCmdInfo, static_cast<std::uint32_t>(N), req.data(), ARP_ENTRY_LEN, out, &returned);
     return status == IPSTATUS_OK && returned != 0;
 }
 
@@ -51,7 +62,7 @@ void convert(ARP_ENTRY_S* e, const std::array<ipc::wire::Field, F>& fields) noex
 std::uint32_t delete_async(std::uint8_t sub_op, std::uint32_t a, std::uint32_t b) noexcept {
     Request<12> r = keyed(sub_op, 8, a);
     r.raw32<8>(b);
-    return CIOCTL_Async(kLocalNodeWord, cmd::kArpInfo, 12, r.data());
+    return CIOCTL_Async(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 12, r.data());
 }
 
 }  // namespace
@@ -60,7 +71,7 @@ extern "C" {
 
 uint32_t ARP_GetEntry(uint32_t uiKeyB, uint32_t uiAddr, ARP_ENTRY_S* pstEntry) {
     if (uiAddr == 0 || pstEntry == nullptr) return IPSTATUS_FAILED;
-    Request<12> r = keyed(1, 8, uiAddr);
+    Request<12> r = keyed(kGetEntry, 8, uiAddr);
     r.raw32<8>(uiKeyB);
     return entry_request(kLocalNodeWord, r, pstEntry) ? IPSTATUS_OK : IPSTATUS_FAILED;
 }
@@ -69,7 +80,7 @@ uint32_t ARP_GetFirstEntry(ARP_ENTRY_S* pstEntry) { return ARP_GetNextEntry(pstE
 
 uint32_t ARP_GetNextEntry(ARP_ENTRY_S* pstEntry) {
     if (pstEntry == nullptr) return IPSTATUS_FAILED;
-    Request<12> r(7, 0);
+    Request<12> r(kGetNext, 0);
     r.raw<4, 8>(pstEntry->aucData);  // words 0 and 1 of the last entry, as they stand
     return entry_request(kLocalNodeWord, r, pstEntry) ? IPSTATUS_OK : kNoEntry;
 }
@@ -79,14 +90,14 @@ uint32_t arp_GetEntryExtend(uint32_t uiIfIndex, uint32_t uiAddr, ARP_ENTRY_S* ps
     *pstEntry = ARP_ENTRY_S{};
     std::uint32_t type = 0;
     if (IF_GetDataByIfIndex(uiIfIndex, IF_DATA_TYPE, &type) != 0) return IPSTATUS_FAILED;
-    Request<12> r = keyed(10, 8, uiAddr);
+    Request<12> r = keyed(kGetExtended, 8, uiAddr);
     r.be<8>(uiIfIndex);
     std::uint32_t holder = uiIfIndex;
     const bool aggregate = type == ARP_IFTYPE_AGGREGATE;
     if (aggregate) {
         // The master node resolves the aggregate to the member that holds the entry.
         if (!entry_request(kLocalNodeWord, r, pstEntry)) return IPSTATUS_FAILED;
-        const auto member = ipc::wire::load_be<std::uint32_t>(pstEntry->aucData + 8);
+        const auto member = ipc::wire::load_be<std::uint32_t>(pstEntry->aucData + entry::kMember);
         if (member != 0) holder = member;
     }
     std::uint16_t node = kUnknownNode;
@@ -101,15 +112,15 @@ uint32_t arp_GetEntryExtend(uint32_t uiIfIndex, uint32_t uiAddr, ARP_ENTRY_S* ps
 
 uint32_t ARP_GetRefreshTime(uint32_t uiIfIndex, uint32_t uiAddr, uint32_t* puiTime) {
     if (puiTime == nullptr) return IPSTATUS_FAILED;
-    ARP_ENTRY_S entry;
-    const std::uint32_t status = arp_GetEntryExtend(uiIfIndex, uiAddr, &entry);
-    if (status == IPSTATUS_OK) std::memcpy(puiTime, entry.aucData + 28, sizeof *puiTime);
+    ARP_ENTRY_S found;
+    const std::uint32_t status = arp_GetEntryExtend(uiIfIndex, uiAddr, &found);
+    if (status == IPSTATUS_OK) std::memcpy(puiTime, found.aucData + entry::kRefresh, sizeof *puiTime);
     return status;
 }
 
 uint32_t ARP_GetEntryByIP(uint32_t uiAddr, ARP_ENTRY_S* pstEntry) {
     if (uiAddr == 0 || pstEntry == nullptr) return IPSTATUS_FAILED;
-    const Request<12> r = keyed(28, 8, uiAddr);
+    const Request<12> r = keyed(kGetByAddress, 8, uiAddr);
     if (!entry_request(kLocalNodeWord, r, pstEntry)) return IPSTATUS_FAILED;
     convert(pstEntry, kByIPFields);
     return IPSTATUS_OK;
@@ -117,29 +128,29 @@ uint32_t ARP_GetEntryByIP(uint32_t uiAddr, ARP_ENTRY_S* pstEntry) {
 
 uint32_t ARP_GetNextInfoBatch(uint32_t uiKeyA, uint32_t uiKeyB, uint32_t uiCapacity, void* pBuffer,
                               uint32_t* puiReturnedLen) {
-    Request<12> r = keyed(29, 0, uiKeyA);
+    Request<12> r = keyed(kGetBatch, 0, uiKeyA);
     r.be<8>(uiKeyB);
-    return CIOCTL(kLocalNodeWord, cmd::kArpInfo, 12, r.data(), pBuffer != nullptr ? uiCapacity : 0, pBuffer,
+    return CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 12, r.data(), pBuffer != nullptr ? uiCapacity : 0, pBuffer,
                   puiReturnedLen);
 }
 
 uint32_t ARP_GetConf(uint32_t uiLength, void* pBuffer) {
     if (uiLength != ARP_CONF_LEN || pBuffer == nullptr) return IPSTATUS_FAILED;
-    const Request<4> r(12, 0);
+    const Request<4> r(kGetConf, 0);
     std::uint32_t returned = 0;
     const std::uint32_t status =
-        CIOCTL(kLocalNodeWord, cmd::kArpInfo, 4, r.data(), ARP_CONF_LEN, pBuffer, &returned);
+        CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 4, r.data(), ARP_CONF_LEN, pBuffer, &returned);
     return status == IPSTATUS_OK && returned == ARP_CONF_LEN ? IPSTATUS_OK : kNoEntry;
 }
 
 uint32_t ARP_GetFirstIPAddr(uint16_t usVlan, const uint8_t* pucMac, uint32_t* puiAddr) {
     if (pucMac == nullptr || puiAddr == nullptr) return IPSTATUS_FAILED;
-    Request<12> r(31, 12);
+    Request<12> r(kFirstAddress, 12);
     r.be<4>(usVlan);
     r.raw<6, 6>(pucMac);
     std::uint8_t reply[kFirstAddrReplyCap];
     std::uint32_t returned = 0;
-    const std::uint32_t status = CIOCTL(kLocalNodeWord, cmd::kArpInfo, 12, r.data(), sizeof reply, reply, &returned);
+    const std::uint32_t status = CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 12, r.data(), sizeof reply, reply, &returned);
     if (status != IPSTATUS_OK || returned != 4) return kNoEntry;
     std::memcpy(puiAddr, reply, 4);
     return IPSTATUS_OK;
@@ -152,21 +163,21 @@ uint32_t ARP_SetEntry(const void* pEntry, void* pReply) {
     return ADJ4_SendMsgAndRecv(1, &dest, ADJ_TIMEOUT_DEFAULT, ADJ_TIMEOUT_DEFAULT, 0, &len, pReply);
 }
 
-uint32_t ARP_DeleteDynamicEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async(0, uiKeyA, uiKeyB); }
+uint32_t ARP_DeleteDynamicEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async(kDeleteDynamic, uiKeyA, uiKeyB); }
 
-uint32_t ARP_DeleteAuthorizedEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async(9, uiKeyA, uiKeyB); }
+uint32_t ARP_DeleteAuthorizedEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async(kDeleteAuthorized, uiKeyA, uiKeyB); }
 
 void ARP_GetArpAttackStat(uint8_t ucSelector, uint64_t* pulCounters) {
     if (pulCounters == nullptr) return;
     std::uint32_t count = 0;
     const ipc::CBlock<std::uint16_t> nodes(DEV_GetAllNodes(&count));
     if (!nodes) return;
-    Request<4> r(38, 0);
+    Request<4> r(kAttackStat, 0);
     r.data()[3] = ucSelector;
     for (std::uint32_t i = 0; i < count; ++i) {
         std::uint8_t reply[ARP_ATTACK_COUNTERS * 8] = {};
         std::uint32_t returned = 0;
-        if (CIOCTL(node_word(nodes.get()[i]), cmd::kArpInfo, 4, r.data(), sizeof reply, reply, &returned) != 0) {
+        if (CIOCTL(node_word(nodes.get()[i]), ipc::proto::arp::kCmdInfo, 4, r.data(), sizeof reply, reply, &returned) != 0) {
             continue;
         }
         for (std::size_t k = 0; k < ARP_ATTACK_COUNTERS; ++k) pulCounters[k] += ipc::wire::load_be<std::uint64_t>(reply + k * 8);
@@ -175,9 +186,9 @@ void ARP_GetArpAttackStat(uint8_t ucSelector, uint64_t* pulCounters) {
 
 void ARP_GetAlarmThresholdStat(uint8_t ucSelector, uint64_t* pulCounter) {
     if (pulCounter == nullptr) return;
-    Request<4> r(37, 0);
+    Request<4> r(kAlarmStat, 0);
     r.data()[3] = ucSelector;
-    *pulCounter += ipc::kernel::sum_over_nodes(cmd::kArpInfo, r.span(), ipc::kernel::NodeWalk::kUpNodesExactReply);
+    *pulCounter += ipc::kernel::sum_over_nodes(ipc::proto::arp::kCmdInfo, r.span(), ipc::kernel::NodeWalk::kUpNodesExactReply);
 }
 
 uint32_t ARP_GetTimeStampFromPData(uint32_t uiLength, const void* pData, uint32_t* puiTime) {

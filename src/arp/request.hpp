@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 
 namespace ipc::arp {
 

@@ -4,22 +4,18 @@
 #include <cstring>
 
 #include "arp/request.hpp"
-#include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_arp.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 
 namespace {
 
 using ipc::arp::Request;
 
 constexpr std::size_t kMacLen = 6;
-constexpr std::uint8_t kRequest = 2;
-constexpr std::uint8_t kReply = 3;
-constexpr std::uint8_t kProbe = 33;
-constexpr std::uint8_t kVlanRequest = 21;
-constexpr std::uint8_t kSpecify = 22;
+using namespace ipc::proto::arp;  // sub-operations of the module
 
 // Fields of the caller's description converted to network order while it is copied.
 constexpr std::array<ipc::wire::Field, 8> kSpecifyFields{
@@ -31,7 +27,7 @@ std::uint32_t send_on(std::uint32_t ifindex, const Request<N>& req) noexcept {
     std::uint16_t node = 0x8000;
     const std::uint32_t status = IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node);
     if (status != 0) return status;
-    return CIOCTL_Async(ipc::kernel::node_word(node), ipc::kernel::cmd::kArpInfo, static_cast<std::uint32_t>(N),
+    return CIOCTL_Async(ipc::kernel::node_word(node), ipc::proto::arp::kCmdInfo, static_cast<std::uint32_t>(N),
                         req.data());
 }
 
@@ -53,20 +49,20 @@ std::uint32_t send_packet(std::uint8_t sub_op, std::uint32_t ifindex, std::uint3
 extern "C" {
 
 uint32_t ARP_Request(uint32_t uiIfIndex, uint32_t uiSender, uint32_t uiTarget, const uint8_t* pucMac) {
-    return send_packet(kRequest, uiIfIndex, uiSender, uiTarget, pucMac);
+    return send_packet(kSendRequest, uiIfIndex, uiSender, uiTarget, pucMac);
 }
 
 uint32_t ARP_Reply(uint32_t uiIfIndex, uint32_t uiSender, uint32_t uiTarget, const uint8_t* pucMac) {
-    return send_packet(kReply, uiIfIndex, uiSender, uiTarget, pucMac);
+    return send_packet(kSendReply, uiIfIndex, uiSender, uiTarget, pucMac);
 }
 
 uint32_t ARP_Probe(uint32_t uiIfIndex, uint32_t uiTarget, const uint8_t* pucMac) {
-    return send_packet(kProbe, uiIfIndex, 0, uiTarget, pucMac);
+    return send_packet(kSendProbe, uiIfIndex, 0, uiTarget, pucMac);
 }
 
 uint32_t ARP_RequestWithVlan(uint32_t uiIfIndex, uint16_t usVlan1, uint16_t usVlan2, uint32_t uiWord1,
                              uint32_t uiWord2, const uint8_t* pucMac1, const uint8_t* pucMac2) {
-    Request<36> r(kVlanRequest, 32);
+    Request<36> r(kSendVlanRequest, 32);
     if (pucMac1 != nullptr) {
         r.raw<4, kMacLen>(pucMac1);
         r.data()[33] = 1;
@@ -85,7 +81,7 @@ uint32_t ARP_RequestWithVlan(uint32_t uiIfIndex, uint16_t usVlan1, uint16_t usVl
 
 uint32_t ARP_SendSpecify(const ARP_SEND_SPECIFY_S* pstDesc) {
     if (pstDesc == nullptr) return IPSTATUS_FAILED;
-    Request<64> r(kSpecify, 60);
+    Request<64> r(kSendSpecified, 60);
     r.record<4>(*pstDesc, kSpecifyFields);
     return send_on(pstDesc->uiIfIndex, r);
 }

@@ -12,11 +12,11 @@
 #include <span>
 
 #include "adj/table_batch.hpp"
-#include "common/wire.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_arp.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 #include "lipc/socket.hpp"
 
 namespace {
@@ -227,7 +227,7 @@ uint32_t ARP_DisOpenFlowArpCount(uint32_t* puiCount) {
     std::array<std::uint8_t, 16> reply{};
     std::uint32_t returned = 0;
     const std::uint32_t status =
-        CIOCTL(ipc::kernel::node_word(node), ipc::kernel::cmd::kArpOpenFlowCount, static_cast<std::uint32_t>(req.size()),
+        CIOCTL(ipc::kernel::node_word(node), ipc::proto::arp::kCmdOpenFlowCount, static_cast<std::uint32_t>(req.size()),
                req.data(), static_cast<std::uint32_t>(reply.size()), reply.data(), &returned);
     if (status != IPSTATUS_OK) return status;
     const ipc::wire::View view(reply.data(), returned < reply.size() ? returned : reply.size());

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <optional>
 
-#include "common/wire.hpp"
 #include "ipplat/platform.h"
+#include "ipproto/wire.hpp"
 
 namespace ipc {
 

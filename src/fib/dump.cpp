@@ -10,16 +10,16 @@
 #include <span>
 
 #include "common/dump_handle.hpp"
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "ipclient/fib.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_fib.hpp"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 
 namespace {
 
-constexpr std::uint32_t kDumpRequestId = 0x640001;
 constexpr std::uint32_t kChunkCap = 8000;
-constexpr std::size_t kEntryRead = 48;
+constexpr std::size_t kEntryRead = ipc::proto::fib::kDumpEntryLen;
 // Chunks in a row without an entry after which a dump counts as failed.
 constexpr std::uint32_t kMaxEmptyPulls = 1024;
 constexpr std::size_t kLineMax = 512;
@@ -176,10 +176,10 @@ bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) no
     return std::fwrite(line.data(), line.size(), 1, file) == 1;
 }
 
-// Writes one node's table; 0, 0x40010001 or 0x4001000B.
+// Writes one node's table; IPSTATUS_OK, IPSTATUS_FAILED or IPSTATUS_DUMP_FAILED.
 std::uint32_t fib_DumpNodeTable(std::uint16_t usNode, std::FILE* pFile) noexcept {
     std::uint8_t request[8] = {11};
-    const std::int32_t handle = DUMP_Request(usNode, kDumpRequestId, request, sizeof request);
+    const std::int32_t handle = DUMP_Request(usNode, ipc::proto::fib::kDumpRequest, request, sizeof request);
     if (handle < 0) return IPSTATUS_FAILED;
     const ipc::DumpHandle owner(handle);
     std::uint8_t chunk[kChunkCap];
@@ -206,7 +206,7 @@ std::uint32_t fib_DumpNodeTable(std::uint16_t usNode, std::FILE* pFile) noexcept
         for (std::uint32_t i = 0; i < count; ++i) {
             std::memcpy(rec, chunk + 8 + std::size_t{i} * size, copy);
             ipc::wire::swap_fields(std::span<std::uint8_t>(rec, sizeof rec), kEntryFields);
-            if (!write_line(usNode, rec, pFile)) return 0x4001000Bu;
+            if (!write_line(usNode, rec, pFile)) return IPSTATUS_DUMP_FAILED;
         }
     }
 }
@@ -216,9 +216,9 @@ std::uint32_t fib_DumpNodeTable(std::uint16_t usNode, std::FILE* pFile) noexcept
 extern "C" {
 
 uint32_t FIB_SaveForwardingTable(const char* pcPath) {
-    if (pcPath == nullptr) return 0x4001000Bu;
+    if (pcPath == nullptr) return IPSTATUS_DUMP_FAILED;
     std::FILE* file = std::fopen(pcPath, "wb+");
-    if (file == nullptr) return 0x4001000Bu;
+    if (file == nullptr) return IPSTATUS_DUMP_FAILED;
     g_l3vpn_handle = dlopen("/lib/libl3vpn.so", RTLD_LAZY);
     if (g_l3vpn_handle != nullptr) {
         g_l3vpn_name = reinterpret_cast<VrfNameFn>(dlsym(g_l3vpn_handle, "L3VPN_GetNameByVrfIndex"));
@@ -245,7 +245,7 @@ uint32_t FIB_SaveForwardingTable(const char* pcPath) {
     g_l3vpn_handle = nullptr;
     g_l3vpn_name = nullptr;
     const bool closed = std::fclose(file) == 0;
-    if (result == IPSTATUS_OK && !closed) result = 0x4001000Bu;
+    if (result == IPSTATUS_OK && !closed) result = IPSTATUS_DUMP_FAILED;
     if (result != IPSTATUS_OK) std::remove(pcPath);
     return result;
 }

@@ -3,16 +3,15 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipclient/fib.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_fib.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 
 namespace {
 
 using ipc::wire::Field;
-namespace cmd = ipc::kernel::cmd;
 
 constexpr std::size_t kReplyCap = 8 + FIB_SEARCH_MAX_ENTRIES * FIB_SEARCH_ENTRY_SIZE;  // 16392
 
@@ -75,33 +74,33 @@ extern "C" {
 
 uint32_t FIB4_SearchInfo(const void* pKey, uint64_t* pulCount, void* pEntries) {
     if (pKey == nullptr || pulCount == nullptr || pEntries == nullptr || *pulCount == 0) return IPSTATUS_FAILED;
-    return search<FIB4_SEARCH_KEY_SIZE>(cmd::kFib4Search, pKey, pulCount, pEntries);
+    return search<FIB4_SEARCH_KEY_SIZE>(ipc::proto::fib::kCmd4Search, pKey, pulCount, pEntries);
 }
 
 uint32_t FIB6_SearchInfo(const void* pKey, uint64_t* pulCount, void* pEntries) {
     if (pKey == nullptr || pulCount == nullptr || pEntries == nullptr) return IPSTATUS_FAILED;
-    return search<FIB6_SEARCH_KEY_SIZE>(cmd::kFib6Search, pKey, pulCount, pEntries);
+    return search<FIB6_SEARCH_KEY_SIZE>(ipc::proto::fib::kCmd6Search, pKey, pulCount, pEntries);
 }
 
 uint32_t FIB4_Get_SpecData(FIB4_SPEC_DATA_S* pstData) {
     if (pstData == nullptr) return IPSTATUS_FAILED;
-    return spec_data<80>(cmd::kFib4SpecData, pstData->aucData, kSpec4Fields);
+    return spec_data<80>(ipc::proto::fib::kCmd4SpecData, pstData->aucData, kSpec4Fields);
 }
 
 uint32_t FIB6_Get_SpecData(FIB6_SPEC_DATA_S* pstData) {
     if (pstData == nullptr) return IPSTATUS_FAILED;
-    return spec_data<44>(cmd::kFib6SpecData, pstData->aucData, kSpec6Fields);
+    return spec_data<44>(ipc::proto::fib::kCmd6SpecData, pstData->aucData, kSpec6Fields);
 }
 
-uint32_t FIB4_GetRouteChangeSeq(void) { return route_change_seq(cmd::kFib4RouteChangeSeq); }
+uint32_t FIB4_GetRouteChangeSeq(void) { return route_change_seq(ipc::proto::fib::kCmd4RouteChangeSeq); }
 
-uint32_t FIB6_GetRouteChangeSeq(void) { return route_change_seq(cmd::kFib6RouteChangeSeq); }
+uint32_t FIB6_GetRouteChangeSeq(void) { return route_change_seq(ipc::proto::fib::kCmd6RouteChangeSeq); }
 
 void FIB_GetConCheckStat(uint16_t usSelector, uint64_t* pulTotal) {
     if (pulTotal == nullptr) return;
     const std::uint32_t selector = usSelector;  // host order
     *pulTotal += ipc::kernel::sum_over_nodes(
-        cmd::kFibConCheckStat, std::span(reinterpret_cast<const std::uint8_t*>(&selector), sizeof selector),
+        ipc::proto::fib::kCmdConCheckStat, std::span(reinterpret_cast<const std::uint8_t*>(&selector), sizeof selector),
         ipc::kernel::NodeWalk::kAllNodesAnyReply);
 }
 
@@ -109,7 +108,7 @@ void FIB_GetAlarmThresholdStat(uint16_t usSelector, uint64_t* pulTotal) {
     if (pulTotal == nullptr) return;
     const std::uint32_t selector = usSelector;
     *pulTotal += ipc::kernel::sum_over_nodes(
-        cmd::kFibAlarmThresholdStat, std::span(reinterpret_cast<const std::uint8_t*>(&selector), sizeof selector),
+        ipc::proto::fib::kCmdAlarmThresholdStat, std::span(reinterpret_cast<const std::uint8_t*>(&selector), sizeof selector),
         ipc::kernel::NodeWalk::kUpNodesExactReply);
 }
 

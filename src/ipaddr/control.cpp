@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/raii.hpp"
 #include "ipclient/ipaddr.h"
 #include "ipplat/platform.h"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/raii.hpp"
 #include "lipc/socket.hpp"
 
 namespace ipc::ipaddr {
@@ -89,7 +89,7 @@ std::uint32_t change(int fd, std::uint32_t action, const IPAddrInfo& info, std::
     Message<64> msg(Op::kAddrChange);
     msg.be<8>(action);
     msg.be<12>(flags);
-    msg.record<16>(info, kernel::addr::kInfoFields);
+    msg.record<16>(info, proto::addr::kInfoFields);
     msg.be<68>(mad);
     return request(fd, msg, (flags & IPADDR_REQ_NO_WAIT) == 0);
 }

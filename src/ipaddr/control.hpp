@@ -7,24 +7,17 @@
 #include <cstdint>
 #include <span>
 
-#include "common/wire.hpp"
+#include "ipproto/lipc.hpp"
+#include "ipproto/svc_addr.hpp"
+#include "ipproto/wire.hpp"
 
 namespace ipc::ipaddr {
 
-inline constexpr std::uint16_t kPortControl = 1653;
-inline constexpr std::uint16_t kPortEvents = 11547;
-inline constexpr std::size_t kMsgMax = 1024;
-inline constexpr std::size_t kHeadLen = 8;
-
-// Operation codes of control-socket messages.
-enum class Op : std::uint32_t {
-    kIfCfg = 1,
-    kAddrChange = 2,
-    kAddrFlag = 3,
-    kAck = 4,
-    kSmooth = 5,
-    kNetProtocol = 8,
-};
+inline constexpr std::uint16_t kPortControl = proto::port::kAddrCfg;
+inline constexpr std::uint16_t kPortEvents = proto::port::kAddrEvents;
+using proto::addr_svc::kHeadLen;
+using proto::addr_svc::kMsgMax;
+using proto::addr_svc::Op;
 
 // socket, the address-service option, then connect until it is not interrupted: the
 // descriptor, -1 after a failed connect, or the failed socket call's own result.

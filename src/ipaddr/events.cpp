@@ -8,12 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "ipaddr/control.hpp"
 #include "ipclient/ipaddr.h"
 #include "ipplat/platform.h"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace {
@@ -21,23 +21,10 @@ namespace {
 using namespace ipc::ipaddr;
 using ipc::wire::View;
 
-// Address event socket message types.
-constexpr std::uint32_t kEvents = 1;
-constexpr std::uint32_t kKeepAlive = 2;
-constexpr std::uint32_t kEndSignal = 3;
-constexpr std::uint32_t kKeepAliveAnswer = 3;
-constexpr std::uint32_t kSubscribe = 1;
-constexpr std::uint32_t kBatchRequest = 2;
-constexpr std::size_t kEventRecordLen = 40;
-constexpr std::size_t kEventEntryOffset = 12;
-
-// Interface-configuration sub-operations and records.
-constexpr std::uint32_t kIfCfgRegister = 1;
-constexpr std::uint32_t kIfCfgDeregister = 2;
-constexpr std::uint32_t kIfCfgBatch = 3;
-constexpr std::uint32_t kIfCfgKeepAliveAnswer = 4;
-constexpr std::size_t kIfCfgRecordLen = 16;
-// Record: words A, B, C, half D, 2 bytes of padding.
+// Address event message types and records; interface-configuration sub-operations and
+// records.
+using namespace ipc::proto::addr_svc;
+// Interface-configuration record: words A, B, C, half D, 2 bytes of padding.
 constexpr std::array<ipc::wire::Field, 4> kIfCfgFields{{{0, 4}, {4, 4}, {8, 4}, {12, 2}}};
 
 // Whole records of `record_len` bytes that lie inside both the message's own length and
@@ -141,7 +128,7 @@ uint32_t IPAddr_HandleEvent(int32_t iSock) {
                 const auto word2 = ipc::wire::load_be<std::uint32_t>(r + 4);
                 const auto word3 = ipc::wire::load_be<std::uint32_t>(r + 8);
                 auto* entry = reinterpret_cast<IPAddrEntry*>(r + kEventEntryOffset);
-                ipc::kernel::addr::to_host(entry);
+                ipc::proto::addr::to_host(entry);
                 if (g_pfIPAddr_EvProc != nullptr) {
                     (void)g_pfIPAddr_EvProc(event, entry, word2, word3, entry->uiFlag, entry->stKey.uiMethod);
                 }

@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/raii.hpp"
 #include "ipclient/fib.h"
 #include "ipclient/ipaddr.h"
 #include "ipplat/platform.h"
+#include "ipproto/raii.hpp"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/raii.hpp"
 #include "ipclient/ipaddr.h"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/raii.hpp"
 
 namespace {
 
@@ -65,7 +65,7 @@ uint32_t IPAddr_GetFirstBatchAddr(uint32_t uiIfIndex, uint32_t uiWord, uint32_t 
 
 uint32_t IPAddr_GetNextBatchAddr(uint32_t uiIfIndex, uint32_t uiWord, const IPAddrKey* pstKey, uint32_t uiCount,
                                  IPAddrEntry* pstEntries, uint32_t* puiCountOut) {
-    using ipc::kernel::addr::kInfoLen;
+    using ipc::proto::addr::kInfoLen;
     if (pstEntries == nullptr || puiCountOut == nullptr || pstKey == nullptr) return IPSTATUS_FAILED;
     const std::uint64_t capacity = std::uint64_t{uiCount} * kInfoLen;
     if (capacity > UINT32_MAX) return IPSTATUS_FAILED;
@@ -80,7 +80,7 @@ uint32_t IPAddr_GetNextBatchAddr(uint32_t uiIfIndex, uint32_t uiWord, const IPAd
         for (std::uint32_t i = 0; i < n; ++i) {
             IPAddrInfo info;
             std::memcpy(&info, buf.get() + std::size_t{i} * kInfoLen, sizeof info);
-            ipc::kernel::addr::to_host(&info);
+            ipc::proto::addr::to_host(&info);
             pstEntries[i] = info.stEntry;
         }
         *puiCountOut = n;

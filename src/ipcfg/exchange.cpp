@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipclient/ipcfg.h"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace {

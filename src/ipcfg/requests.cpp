@@ -2,9 +2,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipclient/ipcfg.h"
 #include "ipplat/platform.h"
+#include "ipproto/wire.hpp"
 
 namespace {
 

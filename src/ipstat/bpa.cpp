@@ -3,16 +3,15 @@
 #include <cstring>
 
 #include "common/dump_handle.hpp"
-#include "common/raii.hpp"
 #include "ipclient/ipstat.h"
 #include "ipclient/lipc.h"
+#include "ipproto/raii.hpp"
 #include "ipstat/request.hpp"
 
 namespace {
 
 using namespace ipc::ipstat;
 
-constexpr std::uint32_t kDumpRequestId = 0x2a0001;
 constexpr std::uint32_t kBpaLen = IP_BPA_RECORDS * IP_BPA_COUNTERS * 8;  // 2560
 constexpr std::uint16_t kBpaCfgMessageType = 13;
 constexpr std::uint16_t kOwnNode = 0x8000;
@@ -20,7 +19,7 @@ constexpr std::uint16_t kOwnNode = 0x8000;
 // One node's BPA records: counters 1-4 added, counter 5 stored over the caller's.
 std::uint32_t dump_node(std::uint16_t node, const ipc::wire::Frame<8>& req, std::uint64_t* records) noexcept {
     if (!node_is_up(IF_IsNodeUp(node))) return IPSTATUS_OK;
-    const std::int32_t handle = DUMP_Request(node, kDumpRequestId, req.data(), req.size());
+    const std::int32_t handle = DUMP_Request(node, ipc::proto::ipstat::kBpaDumpRequest, req.data(), req.size());
     if (handle < 0) return IPSTATUS_PROEN_NO_SOCKET;
     const ipc::DumpHandle owner(handle);
     std::uint8_t buf[kBpaLen] = {};

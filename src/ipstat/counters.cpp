@@ -2,8 +2,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/raii.hpp"
 #include "ipclient/ipstat.h"
+#include "ipproto/kmod_ipstat.hpp"
+#include "ipproto/raii.hpp"
 #include "ipstat/request.hpp"
 
 namespace {
@@ -139,7 +140,7 @@ uint32_t IP_GetICMPIfStat(uint32_t uiIfIndex, uint32_t* puiCounters) {
     if (puiCounters == nullptr) return IPSTATUS_FAILED;
     std::uint32_t reply[IP_ICMPIF_COUNTERS];
     const auto req = request(Op::kIcmpIfStat, uiIfIndex);
-    if (ipc::kernel::read_fixed(ipc::kernel::kLocalNodeWord, ipc::kernel::cmd::kIp, req.span(),
+    if (ipc::kernel::read_fixed(ipc::kernel::kLocalNodeWord, ipc::proto::ipstat::kCmd, req.span(),
                                 std::span(reinterpret_cast<std::uint8_t*>(reply), sizeof reply)) != IPSTATUS_OK) {
         return IPSTATUS_FAILED;
     }

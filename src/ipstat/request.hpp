@@ -4,13 +4,14 @@
 #include <cstdint>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_ipstat.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
-#include "ipstat/ops.hpp"
 
 namespace ipc::ipstat {
+
+using proto::ipstat::Op;
 
 // [BE16 op][BE16 4][BE32 data].
 inline wire::Frame<8> request(Op op, std::uint32_t data) noexcept {
@@ -39,7 +40,7 @@ inline wire::Frame<4> word_request(std::uint32_t word) noexcept {
 template <std::size_t N>
 std::uint32_t call(std::uint32_t node_word, const wire::Frame<N>& req, std::uint32_t cap = 0, void* reply = nullptr,
                    std::uint32_t* returned = nullptr) noexcept {
-    return CIOCTL(node_word, kernel::cmd::kIp, static_cast<std::uint32_t>(N), req.data(), cap, reply, returned);
+    return CIOCTL(node_word, ipc::proto::ipstat::kCmd, static_cast<std::uint32_t>(N), req.data(), cap, reply, returned);
 }
 
 // Big-endian words converted in place.

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "ipclient/ipstat.h"
+#include "ipproto/kmod_ipstat.hpp"
 #include "ipstat/request.hpp"
 
 namespace {
@@ -60,7 +61,7 @@ uint32_t IP_SetIPDefaultTTL(uint32_t uiTtl, uint16_t usNode) {
 uint32_t IP_GetDefTTL(void) {
     std::uint8_t reply[4];
     const auto req = request(Op::kGetDefTtl);
-    if (ipc::kernel::read_fixed(kLocalNodeWord, ipc::kernel::cmd::kIp, req.span(), reply) != IPSTATUS_OK) {
+    if (ipc::kernel::read_fixed(kLocalNodeWord, ipc::proto::ipstat::kCmd, req.span(), reply) != IPSTATUS_OK) {
         return kTtlOnFailure;
     }
     return ipc::wire::load_be<std::uint32_t>(reply) & 0xFFu;

@@ -3,14 +3,13 @@
 
 #include "ipclient/kernel.h"
 #include "ipplat/platform.h"
-#include "kernel/addr_codec.hpp"
+#include "ipproto/kmod_addr.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 
 namespace {
 
 using namespace ipc::kernel;
-using namespace ipc::kernel::addr;
+using namespace ipc::proto::addr;
 using ipc::wire::load_be;
 
 // To node 0xFFFF8000.
@@ -25,7 +24,7 @@ template <std::size_t N>
 std::uint32_t send_to(std::uint16_t node, const ipc::wire::Frame<N>& req, std::uint32_t cap = 0,
                       void* reply = nullptr, std::uint32_t* returned = nullptr) noexcept {
     if (node == kLocalNode) return send(req, cap, reply, returned);
-    return CIOCTL(node_word(node), cmd::kAddress, static_cast<std::uint32_t>(N), req.data(), cap, reply,
+    return CIOCTL(node_word(node), ipc::proto::addr::kCmd, static_cast<std::uint32_t>(N), req.data(), cap, reply,
                   returned);
 }
 

@@ -1,16 +1,16 @@
 #include "kernel/channel.hpp"
 
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "ipclient/status.h"
 #include "ipplat/platform.h"
-#include "kernel/commands.hpp"
+#include "ipproto/kmod_addr.hpp"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 
 namespace ipc::kernel {
 
 std::uint32_t ipaddr_DrvkCioctl(std::uint32_t request_len, const void* request, std::uint32_t reply_cap,
                                 void* reply, std::uint32_t* returned_len) noexcept {
-    return CIOCTL(kLocalNodeWord, cmd::kAddress, request_len, request, reply_cap, reply, returned_len);
+    return CIOCTL(kLocalNodeWord, ipc::proto::addr::kCmd, request_len, request, reply_cap, reply, returned_len);
 }
 
 std::uint32_t read_fixed(std::uint32_t node, std::uint32_t command, std::span<const std::uint8_t> request,

@@ -3,8 +3,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/wire.hpp"
 #include "ipclient/lipc.h"
+#include "ipproto/wire.hpp"
 #include "lipc/frame.hpp"
 #include "lipc/socket.hpp"
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "common/raii.hpp"
+#include "ipproto/raii.hpp"
 
 namespace ipc::lipc {
 

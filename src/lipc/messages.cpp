@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "ipclient/lipc.h"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "lipc/frame.hpp"
 #include "lipc/socket.hpp"
 

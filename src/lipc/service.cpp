@@ -2,9 +2,9 @@
 #include <cstdint>
 #include <unistd.h>
 
-#include "common/raii.hpp"
 #include "ipclient/lipc.h"
 #include "ipplat/platform.h"
+#include "ipproto/raii.hpp"
 
 namespace {
 

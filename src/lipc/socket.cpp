@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/wire.hpp"
+#include "ipproto/wire.hpp"
 
 namespace ipc::lipc {
 

@@ -5,37 +5,34 @@
 #include <array>
 #include <cstdint>
 
-#include "common/raii.hpp"
+#include "ipproto/lipc.hpp"
+#include "ipproto/raii.hpp"
 
 namespace ipc::lipc {
 
-inline constexpr int kFamily = 37;
-inline constexpr int kTypeDatagram = 2;
-inline constexpr int kProtoPointToPoint = 1;
-inline constexpr int kProtoGroup = 2;
+using proto::lipc::kDontWait;
+using proto::lipc::kFamily;
+using proto::lipc::kLevelLipc;
+using proto::lipc::kLevelSocket;
+using proto::lipc::kOptAddrService;
+using proto::lipc::kOptGroupType;
+using proto::lipc::kOptJoinGroup;
+using proto::lipc::kOptRecvTimeout;
+using proto::lipc::kOptSendBuffer;
+using proto::lipc::kOptSendTimeout;
+using proto::lipc::kOptServer;
+using proto::lipc::kOwnNode;
+using proto::lipc::kPeekWaitAll;
+using proto::lipc::kProtoGroup;
+using proto::lipc::kProtoPointToPoint;
+using proto::lipc::kTypeDatagram;
+using proto::lipc::kWaitAll;
 
-// Send and receive flags (the platform's values).
-inline constexpr int kWaitAll = 0x100;
-inline constexpr int kPeekWaitAll = 0x102;
-inline constexpr int kDontWait = 64;
+inline constexpr std::uint16_t kPortIpStack = proto::port::kIpStack;
+inline constexpr std::uint16_t kPortIpCfg = proto::port::kAddrCfg;
+inline constexpr std::uint16_t kPortPortAttack = proto::port::kPortAttack;
 
-// Socket options.
-inline constexpr int kLevelSocket = 1;
-inline constexpr int kOptServer = 512;
-inline constexpr int kOptSendBuffer = 0x1001;
-inline constexpr int kOptSendTimeout = 0x1005;
-inline constexpr int kOptRecvTimeout = 0x1006;
-inline constexpr int kLevelLipc = 275;
-inline constexpr int kOptGroupType = 1;
-inline constexpr int kOptJoinGroup = 5;
-inline constexpr int kOptAddrService = 15;
-
-inline constexpr std::uint16_t kOwnNode = 0x8000;
-inline constexpr std::uint16_t kPortIpStack = 1648;
-inline constexpr std::uint16_t kPortIpCfg = 1653;
-inline constexpr std::uint16_t kPortPortAttack = 4418;
-
-inline constexpr std::uint32_t kAddrLen = 16;
+inline constexpr std::uint32_t kAddrLen = proto::lipc::kAddrLen;
 using Address = std::array<std::uint8_t, kAddrLen>;
 
 // {length, 37, port BE, node BE, zeros}. Servers bind with a length byte of 0.

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "ipclient/lipc.h"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 using namespace ipc::lipc;

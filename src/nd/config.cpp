@@ -7,43 +7,19 @@
 #include <span>
 
 #include "common/mad_list.hpp"
-#include "common/wire.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_nd.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 #include "nd/request.hpp"
 
 namespace {
 
 using ipc::kernel::node_word;
 using ipc::nd::Request;
-namespace cmd = ipc::kernel::cmd;
 
-// Interface type lists; they differ on purpose and are applied in this order.
-constexpr std::array<std::uint32_t, ND_L3_IF_TYPE_COUNT> kL3Types{
-    {22, 23, 25, 70, 71, 41, 55, 47, 67, 35, 39, 31, 26, 28, 29, 89, 42, 97, 86, 105, 110, 111, 27, 10, 122, 124,
-     144, 168, 176}};
-constexpr std::array<std::uint32_t, 25> kRaTypes{
-    {22, 23, 25, 70, 71, 41, 55, 47, 67, 35, 39, 31, 86, 89, 97, 105, 42, 110, 27, 122, 124, 111, 144, 168, 176}};
-constexpr std::array<std::uint32_t, 24> kRaTypesVT{
-    {22, 23, 25, 70, 71, 41, 55, 47, 67, 35, 39, 31, 86, 89, 97, 105, 42, 27, 122, 124, 111, 144, 168, 176}};
-constexpr std::array<std::uint32_t, 24> kRaTypesRETH{
-    {22, 23, 25, 70, 71, 41, 55, 47, 67, 35, 39, 31, 86, 89, 97, 105, 110, 27, 122, 124, 111, 144, 168, 176}};
-constexpr std::array<std::uint32_t, 19> kAdvertiseTypes{
-    {22, 23, 25, 70, 71, 41, 55, 47, 67, 89, 97, 105, 110, 111, 122, 124, 144, 168, 176}};
-
-// Operations of the module message.
-constexpr std::uint32_t kOpHopLimit = 1;
-constexpr std::uint32_t kOpStaleAging = 10;
-constexpr std::uint32_t kOpLinkLocalMinimize = 11;
-constexpr std::uint32_t kOpStaleAgingUnit = 13;
-constexpr std::uint32_t kOpOnOffLogMove = 28;
-constexpr std::uint32_t kOpIPConflict = 29;
-constexpr std::uint32_t kOpSnpDadRetTime = 31;
-constexpr std::uint32_t kOpSnpInvalidTime = 32;
-constexpr std::uint32_t kOpSnpValidTime = 33;
-constexpr std::uint32_t kOpRate = 36;
+using namespace ipc::proto::nd;  // operations and interface type lists of the module
 
 // Converted fields of the configuration record. The word at 36 is not taken; the half-word
 // at 184 and the name are copied as received.
@@ -85,7 +61,7 @@ std::uint32_t select_types(IF_SELECT_S* sel, const std::array<std::uint32_t, N>&
 std::uint32_t module_get(std::uint32_t op, std::span<std::uint8_t> reply, std::uint32_t* returned) noexcept {
     const Request<ipc::nd::kHeadLen> r(op);
     *returned = 0;
-    return CIOCTL(master_word(), cmd::kNdInfo, static_cast<std::uint32_t>(r.size()), r.data(),
+    return CIOCTL(master_word(), ipc::proto::nd::kCmdInfo, static_cast<std::uint32_t>(r.size()), r.data(),
                   static_cast<std::uint32_t>(reply.size()), reply.data(), returned);
 }
 
@@ -165,7 +141,7 @@ uint32_t ND_GetIfConfigInfo(uint32_t uiIfIndex, NdIfConfigInfo* pstInfo) {
     r.be<0>(uiIfIndex);
     std::array<std::uint8_t, ND_IF_CONFIG_LEN> reply{};
     std::uint32_t returned = 0;
-    const std::uint32_t status = CIOCTL(master_word(), cmd::kNdIfConfig, 4, r.data(),
+    const std::uint32_t status = CIOCTL(master_word(), ipc::proto::nd::kCmdIfConfig, 4, r.data(),
                                         static_cast<std::uint32_t>(reply.size()), reply.data(), &returned);
     if (status != IPSTATUS_OK) return status;
     ipc::wire::swap_fields(reply, kConfigFields);

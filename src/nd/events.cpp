@@ -11,9 +11,9 @@
 #include <cstring>
 #include <span>
 
-#include "common/wire.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace {

@@ -7,13 +7,13 @@
 #include <cstring>
 #include <span>
 
-#include "common/raii.hpp"
 #include "common/tlv.hpp"
-#include "common/wire.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_nd.hpp"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 #include "nd/request.hpp"
 
 namespace {
@@ -21,13 +21,7 @@ namespace {
 using ipc::kernel::kLocalNodeWord;
 using ipc::kernel::node_word;
 using ipc::nd::Request;
-namespace cmd = ipc::kernel::cmd;
-
-constexpr std::uint32_t kOpInfo = 0;
-constexpr std::uint32_t kOpInfoByIP = 38;
-constexpr std::uint32_t kOpExt3Bitmap = 39;
-constexpr std::uint32_t kOpAlarmThreshold = 45;
-constexpr std::uint32_t kOpAttackStat = 46;
+using namespace ipc::proto::nd;  // operations of the module
 
 // Selection of the layer-3 interfaces walked by the table view.
 constexpr std::uint32_t kSelectMode = 5;
@@ -111,7 +105,7 @@ std::uint32_t info_request(std::uint32_t node, std::uint32_t op, const std::uint
     r.raw<8, 16>(addr);
     r.be<24>(ifindex);
     std::uint32_t returned = 0;
-    const std::uint32_t status = CIOCTL(node, cmd::kNdInfo, 28, r.data(), ND_INFO_LEN, out, &returned);
+    const std::uint32_t status = CIOCTL(node, ipc::proto::nd::kCmdInfo, 28, r.data(), ND_INFO_LEN, out, &returned);
     convert(out, kInfoFields);  // whatever the status, as the module's callers expect
     return status;
 }
@@ -123,7 +117,7 @@ extern "C" {
 uint32_t ND_GetEntryInfo(uint32_t uiCommand, uint8_t ucSelector, uint32_t uiIfIndex, const uint8_t* pucAddr,
                          NdEntryInfo* pstInfo) {
     if (pucAddr == nullptr || pstInfo == nullptr) return IPSTATUS_FAILED;
-    if (uiCommand != cmd::kNdEntryInfo && uiCommand != cmd::kNdNextEntryInfo) return IPSTATUS_FAILED;
+    if (uiCommand != ipc::proto::nd::kCmdEntryInfo && uiCommand != ipc::proto::nd::kCmdNextEntryInfo) return IPSTATUS_FAILED;
     const std::uint16_t master = static_cast<std::uint16_t>(DEV_GetSystemMasterEP());
     if (!entry_request(node_word(master), uiCommand, ucSelector, uiIfIndex, pucAddr, pstInfo)) {
         return IPSTATUS_FAILED;
@@ -141,7 +135,7 @@ uint32_t ND_GetEntryInfo(uint32_t uiCommand, uint8_t ucSelector, uint32_t uiIfIn
 
     // The owning node holds the freshest copy; when it cannot answer the master's stays.
     NdEntryInfo local{};
-    if (entry_request(node_word(node), cmd::kNdEntryInfo, 0, pstInfo->uiIfIndex, pstInfo->aucAddr, &local)) {
+    if (entry_request(node_word(node), ipc::proto::nd::kCmdEntryInfo, 0, pstInfo->uiIfIndex, pstInfo->aucAddr, &local)) {
         *pstInfo = local;
     }
     return IPSTATUS_OK;
@@ -151,7 +145,7 @@ uint32_t ND_GetNextEntryInfo(uint8_t ucSelector, NdEntryInfo* pstInfo) {
     if (pstInfo == nullptr) return IPSTATUS_FAILED;
     std::uint8_t addr[16];
     std::memcpy(addr, pstInfo->aucAddr, sizeof addr);  // the record is also the output
-    return ND_GetEntryInfo(cmd::kNdNextEntryInfo, ucSelector, pstInfo->uiIfIndex, addr, pstInfo);
+    return ND_GetEntryInfo(ipc::proto::nd::kCmdNextEntryInfo, ucSelector, pstInfo->uiIfIndex, addr, pstInfo);
 }
 
 uint32_t ND_GetNextInfoBatch(const uint8_t* pucAddr, uint32_t uiIfIndex, uint32_t uiCapacity, void* pBuffer,
@@ -160,7 +154,7 @@ uint32_t ND_GetNextInfoBatch(const uint8_t* pucAddr, uint32_t uiIfIndex, uint32_
     ipc::wire::Frame<20> r;
     r.raw<0, 16>(pucAddr);
     r.be<16>(uiIfIndex);
-    return CIOCTL(kLocalNodeWord, cmd::kNdInfoBatch, 20, r.data(), uiCapacity, pBuffer, puiReturnedLen);
+    return CIOCTL(kLocalNodeWord, ipc::proto::nd::kCmdInfoBatch, 20, r.data(), uiCapacity, pBuffer, puiReturnedLen);
 }
 
 uint32_t ND_GetInfo(uint32_t uiIfIndex, NdIPv6Addr stAddr, NdInfo* pstInfo) {
@@ -183,7 +177,7 @@ uint32_t ND_GetRefreshTime(uint32_t uiIfIndex, NdIPv6Addr stAddr, uint32_t* puiT
     std::uint8_t addr[16];
     std::memcpy(addr, &stAddr, sizeof addr);
     NdEntryInfo entry{};
-    if (ND_GetEntryInfo(cmd::kNdEntryInfo, 0, uiIfIndex, addr, &entry) == IPSTATUS_OK && entry.uiRefreshTime != 0) {
+    if (ND_GetEntryInfo(ipc::proto::nd::kCmdEntryInfo, 0, uiIfIndex, addr, &entry) == IPSTATUS_OK && entry.uiRefreshTime != 0) {
         *puiTime = entry.uiRefreshTime;
         return IPSTATUS_OK;
     }
@@ -194,7 +188,7 @@ uint32_t ND_GetRefreshTime(uint32_t uiIfIndex, NdIPv6Addr stAddr, uint32_t* puiT
 uint32_t ND_GetNetToPhysicalTable(uint32_t uiIfIndex, const uint8_t* pucAddr, NdNetToPhysicalRow* pstRow) {
     if (pstRow == nullptr || pucAddr == nullptr || !concerned(uiIfIndex)) return IPSTATUS_FAILED;
     NdEntryInfo entry{};
-    const std::uint32_t status = ND_GetEntryInfo(cmd::kNdEntryInfo, 0, uiIfIndex, pucAddr, &entry);
+    const std::uint32_t status = ND_GetEntryInfo(ipc::proto::nd::kCmdEntryInfo, 0, uiIfIndex, pucAddr, &entry);
     if (status == IPSTATUS_OK) to_row(entry, pstRow);
     return status;
 }
@@ -211,7 +205,7 @@ uint32_t ND_GetFirstNetToPhysicalTable(uint8_t ucSelector, NdNetToPhysicalRow* p
     for (std::uint32_t ifindex = IF_GetFirstIfIndexByIfSelect(iter.it, &sel); ifindex != 0;
          ifindex = IF_GetNextIfIndexByIfSelect(iter.it, &sel)) {
         NdEntryInfo entry{};
-        status = ND_GetEntryInfo(cmd::kNdNextEntryInfo, ucSelector, ifindex, kZeroAddr, &entry);
+        status = ND_GetEntryInfo(ipc::proto::nd::kCmdNextEntryInfo, ucSelector, ifindex, kZeroAddr, &entry);
         if (status == IPSTATUS_OK) {
             to_row(entry, pstRow);
             break;
@@ -226,7 +220,7 @@ uint32_t ND_GetNextNetToPhysicalTable(uint8_t ucSelector, NdNetToPhysicalRow* ps
     }
     NdEntryInfo entry{};
     const std::uint32_t status =
-        ND_GetEntryInfo(cmd::kNdNextEntryInfo, ucSelector, pstRow->uiIfIndex, pstRow->aucAddr, &entry);
+        ND_GetEntryInfo(ipc::proto::nd::kCmdNextEntryInfo, ucSelector, pstRow->uiIfIndex, pstRow->aucAddr, &entry);
     if (status == IPSTATUS_OK) to_row(entry, pstRow);
     return status;
 }
@@ -241,7 +235,7 @@ void ND_GetNdAttackStat(uint8_t ucSelector, uint64_t* pulCounters) {
     for (std::uint32_t i = 0; i < count; ++i) {
         std::uint8_t reply[ND_ATTACK_COUNTERS * 8] = {};
         std::uint32_t returned = 0;
-        if (CIOCTL(node_word(nodes.get()[i]), cmd::kNdInfo, 12, r.data(), sizeof reply, reply, &returned) != 0) {
+        if (CIOCTL(node_word(nodes.get()[i]), ipc::proto::nd::kCmdInfo, 12, r.data(), sizeof reply, reply, &returned) != 0) {
             continue;
         }
         for (std::size_t k = 0; k < ND_ATTACK_COUNTERS; ++k) {
@@ -254,7 +248,7 @@ void ND_GetAlarmThresholdStat(uint8_t ucSelector, uint64_t* pulCounter) {
     if (pulCounter == nullptr) return;
     Request<12> r(kOpAlarmThreshold);
     r.data()[8] = ucSelector;
-    *pulCounter += ipc::kernel::sum_over_nodes(cmd::kNdInfo, r.span(), ipc::kernel::NodeWalk::kUpNodesExactReply);
+    *pulCounter += ipc::kernel::sum_over_nodes(ipc::proto::nd::kCmdInfo, r.span(), ipc::kernel::NodeWalk::kUpNodesExactReply);
 }
 
 uint32_t nd_GetExt3Bitmap(uint32_t* puiBitmap) {
@@ -262,7 +256,7 @@ uint32_t nd_GetExt3Bitmap(uint32_t* puiBitmap) {
     const Request<8> r(kOpExt3Bitmap);
     std::uint8_t reply[4] = {};
     std::uint32_t returned = 0;
-    const std::uint32_t status = CIOCTL(master_word(), cmd::kNdInfo, 8, r.data(), sizeof reply, reply, &returned);
+    const std::uint32_t status = CIOCTL(master_word(), ipc::proto::nd::kCmdInfo, 8, r.data(), sizeof reply, reply, &returned);
     if (status == IPSTATUS_OK && returned != 0) *puiBitmap = ipc::wire::load_be<std::uint32_t>(reply);
     return status;
 }

@@ -1,14 +1,14 @@
-// Messages of the kernel ND module (command 0x110001): BE32 operation, BE32 total length
-// (header included), then the operation's payload.
+// Messages of the kernel ND module (command ipc::proto::nd::kCmdInfo).
 #pragma once
 
 #include <cstdint>
 
-#include "common/wire.hpp"
+#include "ipproto/kmod_nd.hpp"
+#include "ipproto/wire.hpp"
 
 namespace ipc::nd {
 
-inline constexpr std::size_t kHeadLen = 8;
+using proto::nd::kHeadLen;
 
 // A message of Total bytes whose length word says `claimed` (some operations send more
 // bytes than their length word counts).

@@ -4,11 +4,11 @@
 #include <array>
 #include <cstdint>
 
-#include "common/wire.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_nd.hpp"
+#include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 #include "nd/request.hpp"
 
 namespace {
@@ -18,17 +18,9 @@ using ipc::nd::Request;
 constexpr std::size_t kAddrLen = 16;
 constexpr std::size_t kMacLen = 6;
 
-constexpr std::uint32_t kOpSendRA = 2;
-constexpr std::uint32_t kOpSendNA = 3;
-constexpr std::uint32_t kOpDeleteDynamic = 4;
-constexpr std::uint32_t kOpResolve = 6;
-constexpr std::uint32_t kOpSendNS = 8;
-constexpr std::uint32_t kOpSendSpecify = 12;
-
-// The address-and-interface messages (operations 4 and 6) carry 28 bytes, but the module
-// expects their length word to say 20.
-constexpr std::size_t kAddrIfLen = 28;
-constexpr std::uint32_t kAddrIfClaimed = 20;
+// Operations of the module. The address-and-interface messages (operations 4 and 6) carry
+// kAddrIfLen bytes, but the module expects their length word to say kAddrIfClaimed.
+using namespace ipc::proto::nd;
 
 // Neighbour solicitation waits for a 4-byte reply that nobody reads.
 constexpr std::uint32_t kNsReplyCap = 4;
@@ -47,7 +39,7 @@ std::uint32_t send_on(std::uint32_t ifindex, const Request<N>& req) noexcept {
     std::uint16_t node = ipc::kernel::kLocalNode;
     const std::uint32_t status = IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node);
     if (status != 0) return status;
-    return CIOCTL_Async(ipc::kernel::node_word(node), ipc::kernel::cmd::kNdInfo, static_cast<std::uint32_t>(N),
+    return CIOCTL_Async(ipc::kernel::node_word(node), ipc::proto::nd::kCmdInfo, static_cast<std::uint32_t>(N),
                         req.data());
 }
 
@@ -96,7 +88,7 @@ uint32_t ND_SendNS(uint32_t uiIfIndex, NdIPv6Addr stAddr) {
     r.raw<12, kAddrLen>(&stAddr);
     std::uint8_t reply[kNsReplyCap] = {};
     std::uint32_t returned = 0;
-    return CIOCTL(ipc::kernel::kLocalNodeWord, ipc::kernel::cmd::kNdInfo, static_cast<std::uint32_t>(r.size()),
+    return CIOCTL(ipc::kernel::kLocalNodeWord, ipc::proto::nd::kCmdInfo, static_cast<std::uint32_t>(r.size()),
                   r.data(), kNsReplyCap, reply, &returned);
 }
 
@@ -115,7 +107,7 @@ uint32_t ND_Resolve(NdIPv6Addr stAddr, uint32_t uiIfIndex) {
 uint32_t ND_DeleteDynamicEntry(NdIPv6Addr stAddr, uint32_t uiIfIndex) {
     const auto req = addr_if_request(kOpDeleteDynamic, stAddr, uiIfIndex);
     const auto master = static_cast<std::uint16_t>(DEV_GetSystemMasterEP());
-    return CIOCTL_Async(ipc::kernel::node_word(master), ipc::kernel::cmd::kNdInfo,
+    return CIOCTL_Async(ipc::kernel::node_word(master), ipc::proto::nd::kCmdInfo,
                         static_cast<std::uint32_t>(req.size()), req.data());
 }
 

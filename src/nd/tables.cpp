@@ -10,11 +10,11 @@
 #include <cstring>
 #include <span>
 
-#include "common/raii.hpp"
 #include "adj/table_batch.hpp"
-#include "common/wire.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
 namespace {

@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/arp.h"
 #include "ipclient/nd.h"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/arp.h"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

@@ -15,11 +15,11 @@
 #include <sstream>
 #include <thread>
 
-#include "common/endpoint_names.hpp"
-#include "common/raii.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/ipcfg.h"
 #include "ipplat/host.h"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/raii.hpp"
 
 namespace e2e {
 namespace {

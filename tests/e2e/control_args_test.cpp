@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "common/endpoint_names.hpp"
-#include "common/raii.hpp"
 #include "e2e/e2e_support.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/raii.hpp"
 
 namespace e2e {
 namespace {

@@ -10,10 +10,10 @@
 #include <string>
 #include <thread>
 
-#include "common/control_channel.hpp"
-#include "common/endpoint_names.hpp"
-#include "common/raii.hpp"
 #include "e2e/e2e_support.hpp"
+#include "ipproto/control_channel.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/raii.hpp"
 
 namespace e2e {
 namespace {

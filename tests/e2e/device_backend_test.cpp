@@ -7,12 +7,12 @@
 #include <atomic>
 #include <thread>
 
-#include "common/device_proto.hpp"
-#include "common/endpoint_names.hpp"
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/kernel.h"
 #include "ipplat/platform.h"
+#include "ipproto/device.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

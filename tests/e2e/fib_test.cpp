@@ -6,9 +6,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/fib.h"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

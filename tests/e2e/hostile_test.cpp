@@ -11,12 +11,12 @@
 #include <cstring>
 #include <random>
 
-#include "common/device_proto.hpp"
-#include "common/endpoint_names.hpp"
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/ipcfg.h"
 #include "ipclient/kernel.h"
+#include "ipproto/device.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

@@ -4,11 +4,11 @@
 #include <array>
 #include <cstring>
 
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/ipstat.h"
 #include "ipclient/lipc.h"
 #include "ipplat/platform.h"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

@@ -23,8 +23,6 @@
 #include <thread>
 #include <vector>
 
-#include "common/raii.hpp"
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/arp.h"
 #include "ipclient/fib.h"
@@ -32,6 +30,8 @@
 #include "ipclient/ipcfg.h"
 #include "ipclient/ipstat.h"
 #include "ipclient/nd.h"
+#include "ipproto/raii.hpp"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

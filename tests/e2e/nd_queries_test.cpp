@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/nd.h"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

@@ -14,9 +14,9 @@
 #include <sstream>
 #include <thread>
 
-#include "common/control_channel.hpp"
-#include "common/endpoint_names.hpp"
-#include "common/raii.hpp"
+#include "ipproto/control_channel.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/raii.hpp"
 
 extern char** environ;
 

@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "e2e/e2e_support.hpp"
 #include "ipclient/adj.h"
+#include "ipproto/wire.hpp"
 
 namespace e2e {
 namespace {

@@ -11,8 +11,8 @@
 #include <sstream>
 #include <thread>
 
-#include "common/raii.hpp"
 #include "e2e/sim_process.hpp"
+#include "ipproto/raii.hpp"
 
 namespace ipctl_test {
 

@@ -6,8 +6,10 @@
 
 #include "ipclient/kernel.h"
 #include "ipplat/testctl.h"
+#include "ipproto/kmod_arp.hpp"
+#include "ipproto/kmod_fib.hpp"
+#include "ipproto/kmod_ipstat.hpp"
 #include "kernel/channel.hpp"
-#include "kernel/commands.hpp"
 #include "support/addr_samples.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
@@ -38,10 +40,10 @@ TEST_F(ChannelTest, NodeWordSignExtendsTheOwnNodeAlias) {
 TEST_F(ChannelTest, PerNodeReaderWithoutNodeListYieldsZeroAndNoError) {
     ipp_dir_clear_nodes();
     kernel.reply(0, counter(99));
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibAlarmThresholdStat, kSelector,
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdAlarmThresholdStat, kSelector,
                                           NodeWalk::kUpNodesExactReply),
               0u);
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
               0u);
     EXPECT_EQ(kernel.count(), 0u);
 }
@@ -54,7 +56,7 @@ TEST_F(ChannelTest, PerNodeReaderAddsNothingForFailedNodeAndReadsTheNodesAfterIt
         if (c.node == 2) return KernelReply{0x40010001u, counter(1000), std::nullopt};
         return KernelReply{0, counter(c.node == 1 ? 0x100000000ull : 5), std::nullopt};
     });
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibAlarmThresholdStat, kSelector,
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdAlarmThresholdStat, kSelector,
                                           NodeWalk::kUpNodesExactReply),
               0x100000005ull);
     const auto calls = kernel.calls();
@@ -74,7 +76,7 @@ TEST_F(ChannelTest, AlarmThresholdWalkSkipsNodesThatAreNotUp) {
     ipp_dir_set_node_up(2, 0);
     ipp_dir_set_node_up(3, 0x00020001);  // 1 in the low 16 bits counts as up
     kernel.reply(0, counter(10));
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibAlarmThresholdStat, kSelector,
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdAlarmThresholdStat, kSelector,
                                           NodeWalk::kUpNodesExactReply),
               20u);
     const auto calls = kernel.calls();
@@ -91,7 +93,7 @@ TEST_F(ChannelTest, AlarmThresholdWalkCountsOnlyEightByteReplies) {
     kernel.answer([](const KernelCall& c) {
         return KernelReply{0, counter(7), c.node == 1 ? std::optional<std::uint32_t>(4) : std::nullopt};
     });
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibAlarmThresholdStat, kSelector,
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdAlarmThresholdStat, kSelector,
                                           NodeWalk::kUpNodesExactReply),
               7u);
 }
@@ -100,7 +102,7 @@ TEST_F(ChannelTest, ConnectionCheckWalkAsksEveryNodeAndIgnoresReplyLength) {
     const std::uint16_t nodes[] = {4, 5};
     ipp_dir_set_nodes(nodes, 2);  // neither node is up
     kernel.reply(KernelReply{0, counter(3), 2u});
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
               6u);
     EXPECT_EQ(kernel.count(), 2u);
 }
@@ -111,7 +113,7 @@ TEST_F(ChannelTest, ConnectionCheckWalkAddsNothingForFailedNode) {
     kernel.answer([](const KernelCall& c) {
         return KernelReply{c.node == 5 ? 0x1234u : 0u, counter(c.node), std::nullopt};
     });
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
               10u);
     EXPECT_EQ(kernel.count(), 3u);
 }
@@ -119,13 +121,13 @@ TEST_F(ChannelTest, ConnectionCheckWalkAddsNothingForFailedNode) {
 TEST_F(ChannelTest, FixedSizeReaderReportsTheReadersOwnWrongLengthCode) {
     std::array<std::uint8_t, 112> reply{};
     kernel.reply(KernelReply{0, {}, 100u});
-    EXPECT_EQ(ipc::kernel::read_fixed(0xFFFF8000u, ipc::kernel::cmd::kArpInfo, kSelector, reply, 0x40010005u),
+    EXPECT_EQ(ipc::kernel::read_fixed(0xFFFF8000u, ipc::proto::arp::kCmdInfo, kSelector, reply, 0x40010005u),
               0x40010005u);
 }
 
 TEST_F(ChannelTest, EmptyNodeListYieldsZero) {
     ipp_dir_set_nodes(nullptr, 0);
-    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::kernel::cmd::kFibConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
+    EXPECT_EQ(ipc::kernel::sum_over_nodes(ipc::proto::fib::kCmdConCheckStat, kSelector, NodeWalk::kAllNodesAnyReply),
               0u);
     EXPECT_EQ(kernel.count(), 0u);
 }
@@ -134,11 +136,11 @@ TEST_F(ChannelTest, FixedSizeReaderReportsFailureForShortOrLongReply) {
     std::array<std::uint8_t, 112> reply{};
     for (const std::uint32_t len : {111u, 113u, 0u}) {
         kernel.reply(KernelReply{0, Bytes(112, 1), len});
-        EXPECT_EQ(ipc::kernel::read_fixed(0xFFFF8000u, ipc::kernel::cmd::kArpInfo, kSelector, reply), IPSTATUS_FAILED)
+        EXPECT_EQ(ipc::kernel::read_fixed(0xFFFF8000u, ipc::proto::arp::kCmdInfo, kSelector, reply), IPSTATUS_FAILED)
             << len;
     }
     kernel.reply(KernelReply{0, Bytes(112, 1), 112u});
-    EXPECT_EQ(ipc::kernel::read_fixed(0xFFFF8000u, ipc::kernel::cmd::kArpInfo, kSelector, reply), 0u);
+    EXPECT_EQ(ipc::kernel::read_fixed(0xFFFF8000u, ipc::proto::arp::kCmdInfo, kSelector, reply), 0u);
     EXPECT_EQ(reply[0], 1);
     const KernelCall c = kernel.last();
     EXPECT_EQ(c.reply_cap, 112u);
@@ -148,7 +150,7 @@ TEST_F(ChannelTest, FixedSizeReaderReportsFailureForShortOrLongReply) {
 TEST_F(ChannelTest, FixedSizeReaderPassesModuleStatusThrough) {
     std::array<std::uint8_t, 8> reply{};
     kernel.reply(KernelReply{0x12345u, {}, 8u});
-    EXPECT_EQ(ipc::kernel::read_fixed(1, ipc::kernel::cmd::kIp, kSelector, reply), 0x12345u);
+    EXPECT_EQ(ipc::kernel::read_fixed(1, ipc::proto::ipstat::kCmd, kSelector, reply), 0x12345u);
 }
 
 TEST_F(ChannelTest, AddressModuleOperationTargetsOwnNodeUnlessGivenOne) {

@@ -84,7 +84,18 @@ std::string interface_name(std::uint32_t ifindex);
 
 // One printer per record type, for show and for monitor alike.
 Record addr_record(const struct IPAddrEntry& e);
-Record arp_record(const std::uint8_t* entry36);
+// An ARP entry as its printer takes it, read from whichever of the module's layouts a call
+// returns (ipproto/kmod_arp.hpp); mac points into the record it was read from.
+struct ArpEntry {
+    std::uint32_t addr = 0;  // network order
+    std::uint32_t ifindex = 0;
+    const std::uint8_t* mac = nullptr;
+    unsigned state = 0, kind = 0, vlan = 0, vrf = 0;
+};
+ArpEntry arp_from_table(const std::uint8_t* entry);             // ARP_GetNextEntry: big-endian
+ArpEntry arp_from_lookup(const std::uint8_t* entry);            // ARP_GetEntryByIP: host order
+ArpEntry arp_from_event(const std::uint8_t* entry, unsigned vrf);  // an event's entry: host order
+Record arp_record(const ArpEntry& e);
 Record nd_record(const struct NdEntryInfo& e);
 
 void add_device(CLI::App& app, Context& ctx);

@@ -23,13 +23,13 @@
 #include <string>
 #include <vector>
 
-#include "common/wire.hpp"
 #include "inet.hpp"
 #include "ipclient/adj.h"
 #include "ipclient/arp.h"
 #include "ipclient/ipaddr.h"
 #include "ipclient/nd.h"
 #include "ipctl.hpp"
+#include "ipproto/wire.hpp"
 
 namespace ipctl {
 
@@ -92,17 +92,7 @@ std::uint32_t on_arp(std::uint32_t type, void* entry, std::uint16_t vrf) {
         emit("arp", neigh_event(type), type, Record{});
         return 0;
     }
-    // The arp_record printer reads the module's entry layout; build that layout's fields here.
-    std::uint8_t as_table[36] = {};
-    const std::uint32_t ifindex = host_at<std::uint32_t>(entry, 0);
-    std::memcpy(as_table, static_cast<const std::uint8_t*>(entry) + 4, 4);
-    ipc::wire::store_be(as_table + 4, ifindex);
-    std::memcpy(as_table + 16, static_cast<const std::uint8_t*>(entry) + 20, 6);
-    ipc::wire::store_be(as_table + 22, host_at<std::uint16_t>(entry, 16));
-    ipc::wire::store_be(as_table + 24, vrf);
-    as_table[26] = static_cast<std::uint8_t>(host_at<std::uint32_t>(entry, 28));
-    as_table[27] = static_cast<std::uint8_t>(host_at<std::uint32_t>(entry, 32));
-    emit("arp", neigh_event(type), type, arp_record(as_table));
+    emit("arp", neigh_event(type), type, arp_record(arp_from_event(static_cast<const std::uint8_t*>(entry), vrf)));
     return 0;
 }
 

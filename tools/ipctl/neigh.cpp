@@ -8,20 +8,21 @@
 // terminal; resolve sends an ARP request (ARP_Request) or starts ND resolution
 // (ND_Resolve) on the interface, then prints the entry as the table then holds it.
 //
-// The ARP walk returns the module's 36-byte entry as it travelled (big-endian words): 0 the
-// address, 4 interface index, 12 age in seconds, 16 MAC, 22 VLAN, 24 VRF, 26 state byte,
-// 27 kind byte; ARP_GetConf's block gives the table's size at 8 (the total of the progress).
+// The ARP walk returns the module's 36-byte entry as it travelled (big-endian words); a
+// lookup by address returns the other layout, in host order; ARP_GetConf's block gives the
+// table's size (the total of the progress). ipproto/kmod_arp.hpp places every field.
 #include <time.h>
 
 #include <cstring>
 #include <memory>
 #include <string>
 
-#include "common/wire.hpp"
 #include "inet.hpp"
 #include "ipclient/arp.h"
 #include "ipclient/nd.h"
 #include "ipctl.hpp"
+#include "ipproto/kmod_arp.hpp"
+#include "ipproto/wire.hpp"
 #include "progress.hpp"
 
 namespace ipctl {
@@ -29,6 +30,7 @@ namespace ipctl {
 namespace {
 
 using ipc::wire::load_be;
+namespace arp = ipc::proto::arp;
 
 const char* state_name(unsigned state) {
     switch (state) {
@@ -69,13 +71,6 @@ Record neighbour(const char* family, const std::string& dst, std::uint32_t ifind
     return r;
 }
 
-template <class U>
-U host_at(const std::uint8_t* p) {
-    U v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
 void pause_50ms() {
     const timespec pause{0, 50'000'000};
     ::nanosleep(&pause, nullptr);
@@ -84,7 +79,7 @@ void pause_50ms() {
 std::uint64_t arp_table_size() {
     std::uint8_t conf[ARP_CONF_LEN] = {};
     if (ARP_GetConf(sizeof conf, conf) != 0) return 0;
-    return load_be<std::uint32_t>(conf + 8);
+    return load_be<std::uint32_t>(conf + arp::kConfEntries);
 }
 
 void walk_arp(Context& ctx, std::uint32_t ifindex) {
@@ -94,7 +89,8 @@ void walk_arp(Context& ctx, std::uint32_t ifindex) {
     std::uint64_t done = 0;
     for (std::uint32_t rc = ARP_GetFirstEntry(&e); rc == 0; rc = ARP_GetNextEntry(&e)) {
         progress.update(++done);
-        if (ifindex == 0 || load_be<std::uint32_t>(e.aucData + 4) == ifindex) ctx.out->row(arp_record(e.aucData));
+        const ArpEntry entry = arp_from_table(e.aucData);
+        if (ifindex == 0 || entry.ifindex == ifindex) ctx.out->row(arp_record(entry));
         if (done > 100'000'000) break;  // a module that never ends its walk
     }
     progress.finish();
@@ -139,17 +135,15 @@ void neigh_resolve(Context& ctx, const CLI::App& verb, Words words) {
         const std::uint32_t rc = ARP_Request(ifindex, 0, *a4, nullptr);
         if (rc != 0) status_error("resolving " + target + " on " + *dev, rc);
         // The answer comes as the table changes: the entry, once it left the incomplete
-        // state or after a second. This reader converts the words of the entry by address:
-        // 4 interface, 12 VLAN, 14 VRF, 18 MAC, 24 state (16 bits), 26 kind byte.
+        // state or after a second.
         std::optional<Record> found;
         for (int i = 0; i < 20; ++i) {
             ARP_ENTRY_S e{};
             if (ARP_GetEntryByIP(*a4, &e) == 0) {
-                const std::uint8_t* d = e.aucData;
-                const unsigned state = host_at<std::uint16_t>(d + 24);
-                found = neighbour("inet", target, host_at<std::uint32_t>(d + 4), d + 18, state, d[26],
-                                  host_at<std::uint16_t>(d + 12), host_at<std::uint16_t>(d + 14));
-                if (state != 0) break;
+                const ArpEntry entry = arp_from_lookup(e.aucData);
+                found = neighbour("inet", target, entry.ifindex, entry.mac, entry.state, entry.kind, entry.vlan,
+                                  entry.vrf);
+                if (entry.state != 0) break;
             }
             pause_50ms();
         }
@@ -177,11 +171,53 @@ void neigh_resolve(Context& ctx, const CLI::App& verb, Words words) {
 
 }  // namespace
 
-Record arp_record(const std::uint8_t* entry) {
-    std::uint32_t addr;
-    std::memcpy(&addr, entry, sizeof addr);
-    return neighbour("inet", inet4_text(addr), load_be<std::uint32_t>(entry + 4), entry + 16, entry[26], entry[27],
-                     load_be<std::uint16_t>(entry + 22), load_be<std::uint16_t>(entry + 24));
+namespace {
+
+template <class U>
+U host_at(const std::uint8_t* p) {
+    U v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+}  // namespace
+
+ArpEntry arp_from_table(const std::uint8_t* entry) {
+    namespace at = arp::entry;
+    return ArpEntry{host_at<std::uint32_t>(entry + at::kAddr),
+                    load_be<std::uint32_t>(entry + at::kIfIndex),
+                    entry + at::kMac,
+                    entry[at::kState],
+                    entry[at::kKind],
+                    load_be<std::uint16_t>(entry + at::kVlan),
+                    load_be<std::uint16_t>(entry + at::kVrf)};
+}
+
+ArpEntry arp_from_lookup(const std::uint8_t* entry) {
+    namespace at = arp::by_address;
+    return ArpEntry{host_at<std::uint32_t>(entry + at::kAddr),
+                    host_at<std::uint32_t>(entry + at::kIfIndex),
+                    entry + at::kMac,
+                    host_at<std::uint16_t>(entry + at::kState),
+                    entry[at::kKind],
+                    host_at<std::uint16_t>(entry + at::kVlan),
+                    host_at<std::uint16_t>(entry + at::kVrf)};
+}
+
+ArpEntry arp_from_event(const std::uint8_t* entry, unsigned vrf) {
+    namespace at = arp::event;
+    // State and kind are words in the event; the table keeps them as bytes.
+    return ArpEntry{host_at<std::uint32_t>(entry + at::kAddr),
+                    host_at<std::uint32_t>(entry + at::kIfIndex),
+                    entry + at::kMac,
+                    static_cast<std::uint8_t>(host_at<std::uint32_t>(entry + at::kState)),
+                    static_cast<std::uint8_t>(host_at<std::uint32_t>(entry + at::kKind)),
+                    host_at<std::uint16_t>(entry + at::kVlan),
+                    vrf};
+}
+
+Record arp_record(const ArpEntry& e) {
+    return neighbour("inet", inet4_text(e.addr), e.ifindex, e.mac, e.state, e.kind, e.vlan, e.vrf);
 }
 
 Record nd_record(const NdEntryInfo& e) {

@@ -20,45 +20,22 @@
 #include "ipclient/ipstat.h"
 #include "ipctl.hpp"
 #include "ipplat/platform.h"
+#include "ipproto/kmod_ipstat.hpp"
 
 namespace ipctl {
 
 namespace {
 
-constexpr std::array<std::string_view, IP_STAT_COUNTERS> kIpNames = {
-    "in_received",    "in_delivered",      "in_bad_protocol", "in_bad_header",  "in_bad_checksum", "in_bad_options",
-    "in_address_errors", "in_discards",    "forwarded",       "out_local",      "out_dropped",     "out_no_route",
-    "ttl_exceeded",   "frag_in",           "frag_out",        "frag_dropped",   "fragmented",      "frag_failed",
-    "reasm_required", "reasm_ok",          "reasm_timeouts",  "reasm_failed",   "in_multicast",    "out_multicast",
-    "in_broadcast",   "out_broadcast"};
-
-constexpr std::array<std::string_view, IP_FWIF_COUNTERS> kFwNames = {
-    "in_packets", "in_octets", "forwarded_packets", "forwarded_octets", "dropped_packets", "dropped_octets",
-    "no_route",   "ttl_exceeded"};
-
-constexpr std::array<std::string_view, IP_ICMPIF_COUNTERS> kIcmpNames = {
-    "in_msgs",           "in_errors",             "in_bad_checksum",     "in_too_short",
-    "in_unreachable",    "in_time_exceeded",      "in_parameter_problem", "in_source_quench",
-    "in_redirect",       "in_echo",               "in_echo_reply",       "in_timestamp",
-    "in_timestamp_reply", "in_mask",              "in_mask_reply",       "in_info",
-    "in_info_reply",     "in_router_advert",      "in_router_solicit",   "in_unknown_type",
-    "in_rate_limited",   "out_msgs",              "out_errors",          "out_unreachable",
-    "out_time_exceeded", "out_parameter_problem", "out_source_quench",   "out_redirect",
-    "out_echo",          "out_echo_reply",        "out_timestamp",       "out_timestamp_reply",
-    "out_mask",          "out_mask_reply",        "out_info",            "out_info_reply",
-    "out_router_advert", "out_router_solicit",    "out_rate_limited",    "in_broadcast",
-    "in_multicast",      "out_broadcast",         "out_multicast"};
-
-constexpr std::array<std::string_view, IP_MIBIF_COUNTERS> kMibNames = {
-    "in_receives",   "in_octets",         "in_hdr_errors", "in_no_routes",      "in_delivers",
-    "in_addr_errors", "in_unknown_protos", "in_truncated", "in_forw_datagrams", "reasm_reqds",
-    "reasm_oks",     "reasm_fails",       "in_discards",   "out_requests",      "out_forw_datagrams",
-    "out_discards",  "out_frag_reqds",    "out_transmits", "out_octets"};
+using ipc::proto::ipstat::kFwNames;
+using ipc::proto::ipstat::kIcmpNames;
+using ipc::proto::ipstat::kIpNames;
+using ipc::proto::ipstat::kMibNames;
 
 // Request words of the settings readers: the IP module's operations, length 0.
-constexpr std::uint32_t kOpEcmp = 23;
-constexpr std::uint32_t kOpEcmpMode = 32;
-constexpr std::uint32_t kOpLoadSharing = 66;
+using ipc::proto::ipstat::Op;
+constexpr auto kOpEcmp = static_cast<std::uint32_t>(Op::kEcmp);
+constexpr auto kOpEcmpMode = static_cast<std::uint32_t>(Op::kEcmpMode);
+constexpr auto kOpLoadSharing = static_cast<std::uint32_t>(Op::kLoadSharing);
 
 template <class T, std::size_t N>
 void counters(Record& r, const std::array<std::string_view, N>& names, const T* values, std::string_view prefix = {}) {

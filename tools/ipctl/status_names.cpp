@@ -5,8 +5,8 @@
 
 #include "ipclient/ipaddr.h"
 #include "ipclient/nd.h"
-#include "common/device_status.hpp"
 #include "ipclient/status.h"
+#include "ipproto/device_status.hpp"
 
 namespace ipctl {
 

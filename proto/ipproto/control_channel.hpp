@@ -28,8 +28,8 @@
 #include <string>
 #include <string_view>
 
-#include "common/endpoint_names.hpp"
-#include "common/raii.hpp"
+#include "ipproto/endpoints.hpp"
+#include "ipproto/raii.hpp"
 
 namespace ipc::control {
 

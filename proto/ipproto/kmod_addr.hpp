@@ -1,14 +1,17 @@
-// Wire forms of the address module's records and request header.
+// The kernel's address module: its command code, the operations of its requests, and the wire
+// forms of its records and request header.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <span>
 
-#include "common/wire.hpp"
 #include "ipclient/kernel.h"
+#include "ipproto/wire.hpp"
 
-namespace ipc::kernel::addr {
+namespace ipc::proto::addr {
+
+inline constexpr std::uint32_t kCmd = 0x260001;
 
 // Big-endian fields of each record; everything else travels byte for byte.
 inline constexpr std::array<wire::Field, 3> kKeyFields{{{0, 2}, {4, 4}, {16, 4}}};
@@ -80,4 +83,4 @@ inline void to_host(Rec* rec, const std::array<wire::Field, N>& fields) noexcept
 inline void to_host(IPAddrEntry* e) noexcept { to_host(e, kEntryFields); }
 inline void to_host(IPAddrInfo* i) noexcept { to_host(i, kInfoFields); }
 
-}  // namespace ipc::kernel::addr
+}  // namespace ipc::proto::addr
