@@ -56,7 +56,7 @@ std::string item_key(const std::string& parent, std::size_t i) {
 }
 
 // A value as error texts quote it: an excerpt (bounded.hpp) in double quotes.
-std::string quoted(std::string_view s) {
+std::string in_quotes(std::string_view s) {
     return "\"" + excerpt(s) + "\"";
 }
 
@@ -188,7 +188,7 @@ bool integer_like(const Value& v) {
 std::uint64_t integer(const Reporter& r, const Value& v, std::uint64_t lo, std::uint64_t hi) {
     const std::string& s = text(r, v);
     const auto p = plain(v) ? parse_integer(s) : std::nullopt;
-    if (!p) r.fail(v, "expected an integer, got " + quoted(s));
+    if (!p) r.fail(v, "expected an integer, got " + in_quotes(s));
     const bool zero = p->magnitude == 0 && !p->overflow;
     if (p->overflow || (p->negative && !zero) || p->magnitude < lo || p->magnitude > hi) {
         r.fail(v, "must be between " + std::to_string(lo) + " and " + std::to_string(hi) + ", got " + excerpt(s));
@@ -207,7 +207,7 @@ bool boolean(const Reporter& r, const Value& v) {
     const std::string& s = text(r, v);
     if (plain(v) && std::find(kTrue.begin(), kTrue.end(), s) != kTrue.end()) return true;
     if (plain(v) && std::find(kFalse.begin(), kFalse.end(), s) != kFalse.end()) return false;
-    r.fail(v, "expected true or false, got " + quoted(s));
+    r.fail(v, "expected true or false, got " + in_quotes(s));
 }
 
 template <typename T>
@@ -234,7 +234,7 @@ template <typename T, std::size_t N>
 T choice(const Reporter& r, const Value& v, const Names<T, N>& names) {
     const std::string& s = text(r, v);
     if (const auto found = lookup(names, s)) return *found;
-    r.fail(v, "expected one of " + name_list(names) + ", got " + quoted(s));
+    r.fail(v, "expected one of " + name_list(names) + ", got " + in_quotes(s));
 }
 
 // A number, or one of the given names for one.
@@ -243,15 +243,15 @@ T number_or_name(const Reporter& r, const Value& v, std::uint64_t hi, const Name
     if (integer_like(v)) return number<T>(r, v, 0, hi);
     const std::string& s = text(r, v);
     if (const auto found = lookup(names, s)) return *found;
-    r.fail(v, "expected a number 0.." + std::to_string(hi) + " or one of " + name_list(names) + ", got " + quoted(s));
+    r.fail(v, "expected a number 0.." + std::to_string(hi) + " or one of " + name_list(names) + ", got " + in_quotes(s));
 }
 
 // Interface and VRF names: 1 to 31 printable characters, no spaces.
 std::string object_name(const Reporter& r, const Value& v) {
     const std::string& s = text(r, v);
-    if (s.empty() || s.size() > kNameMax) r.fail(v, "must be 1 to 31 characters, got " + quoted(s));
+    if (s.empty() || s.size() > kNameMax) r.fail(v, "must be 1 to 31 characters, got " + in_quotes(s));
     for (const char c : s) {
-        if (c <= ' ' || c > '~') r.fail(v, "must be printable characters without spaces, got " + quoted(s));
+        if (c <= ' ' || c > '~') r.fail(v, "must be printable characters without spaces, got " + in_quotes(s));
     }
     return s;
 }
@@ -260,7 +260,7 @@ std::string label(const Reporter& r, const Value& v) {
     const std::string& s = text(r, v);
     if (s.empty()) r.fail(v, "must not be empty");
     for (const char c : s) {
-        if (c < ' ' || c > '~') r.fail(v, "must be printable characters, got " + quoted(s));
+        if (c < ' ' || c > '~') r.fail(v, "must be printable characters, got " + in_quotes(s));
     }
     return s;
 }
@@ -285,7 +285,7 @@ std::optional<std::array<std::uint8_t, 6>> parse_mac(std::string_view s) {
 void read_mac(const Reporter& r, const Value& v, std::uint8_t (&out)[6]) {
     const std::string& s = text(r, v);
     const auto mac = parse_mac(s);
-    if (!mac) r.fail(v, "bad MAC address " + quoted(s) + " (expected six hex pairs such as 00:e0:fc:00:00:01)");
+    if (!mac) r.fail(v, "bad MAC address " + in_quotes(s) + " (expected six hex pairs such as 00:e0:fc:00:00:01)");
     std::copy(mac->begin(), mac->end(), out);
 }
 
@@ -488,7 +488,7 @@ private:
                 const std::string where = seen->second == 0 && !public_listed
                                               ? "the public VRF's name"
                                               : "also the name of VRF " + std::to_string(seen->second);
-                r_.fail(l.name, "duplicate VRF name " + quoted(l.vrf.name) + " (" + where + ")");
+                r_.fail(l.name, "duplicate VRF name " + in_quotes(l.vrf.name) + " (" + where + ")");
             }
             add_vrf(std::move(l.vrf));
         }
@@ -510,7 +510,7 @@ private:
         }
         const std::string& name = text(r_, v);
         const auto found = vrf_by_name_.find(name);
-        if (found == vrf_by_name_.end()) r_.fail(v, "no VRF named " + quoted(name));
+        if (found == vrf_by_name_.end()) r_.fail(v, "no VRF named " + in_quotes(name));
         return found->second;
     }
 
@@ -529,7 +529,7 @@ private:
                                      std::to_string(first->second) + ")");
             }
             if (const auto first = name_lines.find(i.name); first != name_lines.end()) {
-                r_.fail(name_v, "duplicate interface name " + quoted(i.name) + " (first at line " +
+                r_.fail(name_v, "duplicate interface name " + in_quotes(i.name) + " (first at line " +
                                     std::to_string(first->second) + ")");
             }
             index_lines[i.index] = index_v.line;
@@ -575,7 +575,7 @@ private:
         }
         const std::string& name = text(r_, v);
         const auto it = interface_by_name_.find(name);
-        if (it == interface_by_name_.end()) r_.fail(v, "no interface named " + quoted(name));
+        if (it == interface_by_name_.end()) r_.fail(v, "no interface named " + in_quotes(name));
         return s_.interfaces[it->second];
     }
 
@@ -589,7 +589,7 @@ private:
         const std::string& s = text(r_, addr_v);
         const auto p = parse_prefix(s);
         if (!p || p->ip.family != AF_INET) {
-            r_.fail(addr_v, "bad address " + quoted(s) + " (expected " + prefix_hint(AF_INET) + ")");
+            r_.fail(addr_v, "bad address " + in_quotes(s) + " (expected " + prefix_hint(AF_INET) + ")");
         }
         a.addr = ipv4_word(p->ip);
         a.mask = mask_of(p->len);
@@ -610,7 +610,7 @@ private:
             if (auto x = m.find("status")) svc.status = number_or_name(r_, *x, 0xFFFFFFFF, kStatuses);
             const auto [it, fresh] = lines.emplace(std::pair{svc.node, svc.name}, name_v.line);
             if (!fresh) {
-                r_.fail(name_v, "duplicate service " + quoted(svc.name) + " on node " + std::to_string(svc.node) +
+                r_.fail(name_v, "duplicate service " + in_quotes(svc.name) + " on node " + std::to_string(svc.node) +
                                     " (first at line " + std::to_string(it->second) + ")");
             }
             s_.services.push_back(std::move(svc));
@@ -641,16 +641,16 @@ private:
         const auto p = parse_prefix(s);
         if (!p) {
             const int family = s.find(':') != std::string::npos ? AF_INET6 : AF_INET;
-            r_.fail(v, "bad prefix " + quoted(s) + " (expected " + prefix_hint(family) + ")");
+            r_.fail(v, "bad prefix " + in_quotes(s) + " (expected " + prefix_hint(family) + ")");
         }
-        if (!host_bits_clear(*p)) r_.fail(v, "bad prefix " + quoted(s) + " (bits set past the prefix length)");
+        if (!host_bits_clear(*p)) r_.fail(v, "bad prefix " + in_quotes(s) + " (bits set past the prefix length)");
         return *p;
     }
 
     Ip ip_address(const Value& v) {
         const std::string& s = text(r_, v);
         const auto ip = parse_ip(s);
-        if (!ip) r_.fail(v, "bad address " + quoted(s) + " (expected an IPv4 or IPv6 address)");
+        if (!ip) r_.fail(v, "bad address " + in_quotes(s) + " (expected an IPv4 or IPv6 address)");
         return *ip;
     }
 
@@ -718,7 +718,7 @@ private:
             Vsi vsi;
             const Value name_v = m.need("name");
             vsi.name = object_name(r_, name_v);
-            unique(names, vsi.name, name_v, "VSI name " + quoted(vsi.name));
+            unique(names, vsi.name, name_v, "VSI name " + in_quotes(vsi.name));
             const Value index_v = m.need("index");
             vsi.index = number<std::uint32_t>(r_, index_v, 0, kVsiIndexMax);
             unique(indexes, vsi.index, index_v, "VSI index " + std::to_string(vsi.index));

@@ -16,11 +16,11 @@
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kNoTimeout = 65535;
 constexpr int kOptSend = 0x1005;
 constexpr int kOptRecv = 0x1006;

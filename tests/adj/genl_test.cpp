@@ -17,11 +17,11 @@
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint16_t kController = 16;
 
 class AdjGenlTest : public PlatformTest {

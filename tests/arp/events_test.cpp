@@ -20,6 +20,7 @@
 #include "ipplat/testctl.h"
 #include "support/alloc_counter.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
@@ -29,7 +30,6 @@ using namespace arpev;
 static_assert(std::endian::native == std::endian::little,
               "the conversion tests rely on a host whose order differs from the wire's");
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint16_t kMaster = 0x0203;
 constexpr int kOptSendTimeout = 0x1005;
 constexpr int kOptRecvTimeout = 0x1006;

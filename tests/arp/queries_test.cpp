@@ -19,12 +19,12 @@
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
 
 constexpr std::uint32_t kOk = 0;
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kNoEntry = 0x40010005u;
 constexpr std::uint32_t kOwnNode = 0xFFFF8000u;
 constexpr std::uint32_t kArpCommand = 0x140001u;

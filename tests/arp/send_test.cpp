@@ -9,11 +9,11 @@
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kOwnNode = 0xFFFF8000u;
 constexpr std::uint32_t kArpCommand = 0x140001u;
 constexpr std::uint32_t kIfIndex = 0x00012345u;

@@ -21,11 +21,11 @@
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kBadReply = 0x40010005u;
 constexpr std::uint16_t kLocalNode = 0x0102;
 constexpr std::uint16_t kMasterEp = 0x0305;

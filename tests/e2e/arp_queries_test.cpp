@@ -14,6 +14,7 @@
 #include "e2e/e2e_support.hpp"
 #include "ipclient/arp.h"
 #include "ipproto/wire.hpp"
+#include "support/statuses.hpp"
 
 namespace e2e {
 namespace {
@@ -21,7 +22,6 @@ namespace {
 using nlohmann::json;
 using ipc::wire::load_be;
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kNoEntry = 0x40010005u;
 // State and kind codes of the module's entries.
 constexpr std::uint8_t kIncomplete = 0, kReachable = 1, kStale = 2;

@@ -9,13 +9,13 @@
 #include "ipclient/lipc.h"
 #include "ipplat/platform.h"
 #include "ipproto/wire.hpp"
+#include "support/statuses.hpp"
 
 namespace e2e {
 namespace {
 
 using json = nlohmann::json;
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 // Request words of the settings the library reads with its caller's word.
 constexpr std::uint32_t kEcmpWord = 23;
 constexpr std::uint32_t kEcmpModeWord = 32;

@@ -16,13 +16,13 @@
 #include "e2e/e2e_support.hpp"
 #include "ipclient/nd.h"
 #include "ipproto/wire.hpp"
+#include "support/statuses.hpp"
 
 namespace e2e {
 namespace {
 
 using nlohmann::json;
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kVlan10 = 6;  // Vlan-interface10, node 1
 
 NdIPv6Addr v6(const char* text) {

@@ -10,11 +10,11 @@
 
 #include "e2e/e2e_support.hpp"
 #include "ipclient/adj.h"
+#include "support/statuses.hpp"
 
 namespace e2e {
 namespace {
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kOspf = 89;
 constexpr std::uint32_t kVrrp = 112;
 constexpr std::uint32_t kBgp = 6;

@@ -15,6 +15,7 @@
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
 #include "ipplat/testctl.h"
+#include "support/statuses.hpp"
 
 namespace e2e {
 namespace {
@@ -31,7 +32,6 @@ struct EvcKey {
 };
 static_assert(sizeof(EvcKey) == 8);
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 
 // The table filled by the bridge, released at the end of the test.
 class Table {

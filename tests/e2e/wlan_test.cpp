@@ -13,11 +13,11 @@
 #include "e2e/e2e_support.hpp"
 #include "ipclient/adj.h"
 #include "ipproto/wire.hpp"
+#include "support/statuses.hpp"
 
 namespace e2e {
 namespace {
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 // Wireless clients attach through VLAN interfaces (the library refuses deletes on the
 // Ethernet ports, whose kind is 4).
 constexpr std::uint32_t kVlan10 = 6;

@@ -22,6 +22,7 @@
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 // While armed, every fwrite of the process fails (the library's writes included: this
@@ -32,7 +33,6 @@ std::atomic<int> g_fwrites_failed{0};
 namespace {
 
 constexpr std::uint32_t kDumpId = 0x640001u;
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kFileFailed = 0x4001000Bu;
 constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 constexpr char kLib[] = "/lib/libl3vpn.so";

@@ -9,12 +9,12 @@
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
 
 constexpr std::uint32_t kOwnNode = 0xFFFF8000u;
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kSearchCap = 16392u;
 constexpr std::size_t kEntry = 128;
 constexpr std::uint8_t kUntouched = 0xA5;

@@ -9,13 +9,13 @@
 #include "ipclient/ipcfg.h"
 #include "ipplat/testctl.h"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 
 const std::vector<std::uint32_t> kCliTypes = {22, 35, 42,  10,  6,   23,  4,   31, 16,  39,  5,   71,  24, 27, 29,
                                               1,  26, 28,  41,  25,  7,   55,  2,  47,  3,   67,  70,  84, 89, 96,

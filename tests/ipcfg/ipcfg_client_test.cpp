@@ -13,6 +13,7 @@
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 #include "support/wrapped.hpp"
 
 namespace ipt {
@@ -20,7 +21,6 @@ namespace {
 
 constexpr std::uint16_t kOwnNode = 0x8000;
 constexpr std::uint16_t kCfgPort = 1653;
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kExchangeFailed = 0x2316002Cu;
 constexpr std::uint16_t kMaster = 5;
 const char* const kDhcpClient = "DHCPC";

@@ -16,12 +16,12 @@
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 
 inline constexpr std::uint32_t kIpCommand = 0x5b0001u;
 inline constexpr std::uint32_t kOwnNodeWord = 0xFFFF8000u;
-inline constexpr std::uint32_t kFailed = 0x40010001u;
 
 // A 16-bit node as the channel takes it: sign-extended.
 inline std::uint32_t node_word(std::uint16_t node) {

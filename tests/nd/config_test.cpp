@@ -15,6 +15,7 @@
 #include "nd/if_hooks.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
@@ -22,7 +23,6 @@ namespace {
 using nd_if_hooks::Kind;
 
 constexpr std::uint32_t kOk = 0;
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kModuleMsg = 0x110001u;
 constexpr std::uint32_t kIfConfig = 0x110002u;
 constexpr std::uint16_t kMaster = 0x0006;

@@ -33,10 +33,11 @@
 
 #include "ipclient/nd.h"
 #include "ipplat/testctl.h"
-#include "support/fake_kernel.hpp"
 #include "support/alloc_counter.hpp"
+#include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
@@ -44,7 +45,6 @@ namespace {
 static_assert(std::endian::native == std::endian::little,
               "the conversion tests rely on a host whose order differs from the wire's");
 
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint16_t kMaster = 0x0305;
 constexpr std::uint16_t kNdPort = 11554;
 constexpr int kOptSendTimeout = 0x1005;

@@ -17,6 +17,7 @@
 #include "nd/if_hooks.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/statuses.hpp"
 
 // ---- Interface selection and iteration hooks (shared with config_test.cpp) -------------------
 
@@ -114,7 +115,6 @@ namespace {
 using nd_if_hooks::Kind;
 
 constexpr std::uint32_t kOk = 0;
-constexpr std::uint32_t kFailed = 0x40010001u;
 constexpr std::uint32_t kOwnNode = 0xFFFF8000u;
 constexpr std::uint32_t kModuleMsg = 0x110001u;
 constexpr std::uint32_t kExact = 0x110004u;
