@@ -3,9 +3,10 @@
 #include <map>
 #include <mutex>
 
-#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
+#include "ipclient/status.h"
+#include "leaf_mutex.hpp"
 
 namespace ipp {
 namespace {
@@ -60,7 +61,7 @@ uint32_t ANCHOR_Inquire(void* anchor, uint64_t path, uint64_t* position, void** 
     if (ipp::dev::active()) return ipp::dev::anchor_inquire(anchor, path, position, context);
     const std::lock_guard lock(anchors().mu);
     const auto it = anchors().paths.find(path);
-    if (it == anchors().paths.end() || it->second.anchor != anchor) return 0x40010001u;
+    if (it == anchors().paths.end() || it->second.anchor != anchor) return IPSTATUS_FAILED;
     if (position != nullptr) *position = it->second.position;
     if (context != nullptr) *context = it->second.context;
     return 0;
@@ -70,7 +71,7 @@ uint32_t ANCHOR_Set(void* anchor, uint64_t path, uint64_t position) {
     if (ipp::dev::active()) return ipp::dev::anchor_set(anchor, path, position);
     const std::lock_guard lock(anchors().mu);
     const auto it = anchors().paths.find(path);
-    if (it == anchors().paths.end() || it->second.anchor != anchor) return 0x40010001u;
+    if (it == anchors().paths.end() || it->second.anchor != anchor) return IPSTATUS_FAILED;
     it->second.position = position;
     return 0;
 }

@@ -7,9 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
+#include "ipclient/status.h"
+#include "leaf_mutex.hpp"
 
 namespace ipp {
 namespace {
@@ -81,7 +82,7 @@ using ipp::db;
 extern "C" {
 
 uint32_t DBM_Open(const char* name, const char* group, uint32_t mode, void** handle) {
-    if (name == nullptr || group == nullptr || handle == nullptr) return 0x40010001u;
+    if (name == nullptr || group == nullptr || handle == nullptr) return IPSTATUS_FAILED;
     if (ipp::dev::active()) return ipp::dev::dbm_open(name, group, mode, handle);
     const std::lock_guard lock(db().mu);
     const ipp::Group g{name, group};
@@ -127,7 +128,7 @@ uint32_t DBM_Close(void* handle) {
     if (ipp::dev::active()) return ipp::dev::dbm_close(handle);
     const std::lock_guard lock(db().mu);
     auto* h = static_cast<ipp::Handle*>(handle);
-    if (db().handles.erase(h) == 0) return 0x40010001u;
+    if (db().handles.erase(h) == 0) return IPSTATUS_FAILED;
     delete h;
     return 0;
 }

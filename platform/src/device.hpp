@@ -1,5 +1,5 @@
 // The device backend: platform calls answered by a simulated device (ipsimd) that runs for
-// the process's instance. See common/device_proto.hpp for the channel.
+// the process's instance. See ipproto/device.hpp for the channel.
 //
 // The backend is used while no test has taken control of the platform (ipp_reset) and a
 // simulator answers on the instance's device socket. Each thread holds its own connection;

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "device.hpp"
+#include "ipclient/status.h"
 #include "ipproto/wire.hpp"
 #include "leaf_mutex.hpp"
 
@@ -19,7 +20,7 @@ using ipc::device::Call;
 using ipc::wire::Frame;
 using ipc::wire::load_be;
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 
 std::span<const std::uint8_t> text(const char* s) noexcept {
     if (s == nullptr) return {};

@@ -7,9 +7,10 @@
 #include <optional>
 #include <vector>
 
-#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
+#include "ipclient/status.h"
+#include "leaf_mutex.hpp"
 
 namespace ipp {
 namespace {
@@ -200,11 +201,11 @@ uint32_t MDC_IsChildMDC(uint16_t mdc) {
 }
 
 uint32_t IF_GetDataByIfIndex(uint32_t ifindex, uint32_t item, void* out) {
-    if (out == nullptr) return 0x40010001u;
+    if (out == nullptr) return IPSTATUS_FAILED;
     if (ipp::dev::active()) return ipp::dev::if_data(ifindex, item, out);
     const std::lock_guard lock(dir().mu);
     const auto it = dir().interfaces.find(ifindex);
-    if (it == dir().interfaces.end()) return 0x40010001u;
+    if (it == dir().interfaces.end()) return IPSTATUS_FAILED;
     const auto fail = it->second.failing_items.find(item);
     if (fail != it->second.failing_items.end()) return fail->second;
     const ipp_interface& d = it->second.data;
@@ -214,7 +215,7 @@ uint32_t IF_GetDataByIfIndex(uint32_t ifindex, uint32_t item, void* out) {
         case IF_DATA_TYPE: std::memcpy(out, &d.type, sizeof d.type); return 0;
         case IF_DATA_FLAGS: std::memcpy(out, &d.flags, sizeof d.flags); return 0;
         case IF_DATA_KIND: std::memcpy(out, &d.kind, sizeof d.kind); return 0;
-        default: return 0x40010001u;
+        default: return IPSTATUS_FAILED;
     }
 }
 
@@ -257,14 +258,14 @@ uint32_t IF_GetIfIndexByFullName(const char* name) {
 }
 
 uint32_t IF_Select_Init(uint32_t mode, IF_SELECT_S* sel) {
-    if (sel == nullptr) return 0x40010001u;
+    if (sel == nullptr) return IPSTATUS_FAILED;
     *sel = IF_SELECT_S{};
     sel->uiMode = mode;
     return 0;
 }
 
 uint32_t IF_SelectType_Set(uint32_t type, IF_SELECT_S* sel) {
-    if (sel == nullptr || type >= 256) return 0x40010001u;
+    if (sel == nullptr || type >= 256) return IPSTATUS_FAILED;
     sel->auiTypeBits[type / 32] |= 1u << (type % 32);
     return 0;
 }
@@ -275,7 +276,7 @@ uint32_t IF_SelectType_Check(uint32_t type, const IF_SELECT_S* sel) {
 }
 
 uint32_t IF_SelectCondition_Set(uint32_t condition, IF_SELECT_S* sel) {
-    if (sel == nullptr) return 0x40010001u;
+    if (sel == nullptr) return IPSTATUS_FAILED;
     sel->uiCondition |= condition;
     return 0;
 }

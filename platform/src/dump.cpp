@@ -6,9 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
+#include "ipclient/status.h"
+#include "leaf_mutex.hpp"
 
 namespace ipp {
 namespace {
@@ -77,7 +78,7 @@ uint32_t DUMP_Pull(int32_t handle, uint32_t cap, void* buf, uint32_t* len) {
     std::unique_lock lock(dumps().mu);
     const auto it = dumps().open.find(handle);
     if (len != nullptr) *len = 0;
-    if (it == dumps().open.end()) return 0x40010001u;
+    if (it == dumps().open.end()) return IPSTATUS_FAILED;
     ipp::Script& s = it->second;
     if (s.producer != nullptr) {
         // The test's producer runs without the table's lock: it may call the platform.

@@ -5,11 +5,12 @@
 
 #include "device.hpp"
 #include "internal.hpp"
+#include "ipclient/status.h"
 
 namespace ipp {
 namespace {
 
-constexpr std::uint32_t kNoModule = 0x40010001u;
+constexpr std::uint32_t kNoModule = IPSTATUS_FAILED;
 
 std::atomic<ipp_kernel_handler> g_handler{nullptr};
 std::atomic<void*> g_ctx{nullptr};

@@ -6,9 +6,10 @@
 #include <utility>
 #include <vector>
 
-#include "leaf_mutex.hpp"
 #include "device.hpp"
 #include "internal.hpp"
+#include "ipclient/status.h"
+#include "leaf_mutex.hpp"
 
 namespace ipp {
 namespace {
@@ -58,7 +59,7 @@ uint32_t SERVICE_GetStatus(uint16_t node, const char* name, uint32_t zero, uint3
     ipp::Service& s = ipp::service(node, name);
     ++s.status_calls;
     if (s.status_result != 0) return s.status_result;
-    if (status == nullptr) return 0x40010001u;
+    if (status == nullptr) return IPSTATUS_FAILED;
     if (s.statuses.empty()) {
         *status = SERVICE_STATUS_STOPPED;
     } else {
@@ -82,7 +83,7 @@ uint32_t SERVICE_BatchStart(const uint16_t* nodes, uint32_t count, const char* n
                             uint32_t zero2) {
     (void)zero1;
     (void)zero2;
-    if (nodes == nullptr && count != 0) return 0x40010001u;
+    if (nodes == nullptr && count != 0) return IPSTATUS_FAILED;
     if (ipp::dev::active()) return ipp::dev::service_batch_start(nodes, count, name);
     const std::lock_guard lock(services().mu);
     services().last_batch[name != nullptr ? name : ""].assign(nodes, nodes + count);

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "internal.hpp"
+#include "ipclient/status.h"
 
 extern "C" {
 
@@ -57,11 +58,11 @@ IPPLAT_API const char* __wrap_inet_ntop(int af, const void* src, char* dst, sock
 
 uint32_t STLV_Get(const void* buf, uint32_t buf_len, uint16_t* type, uint16_t* len, const void** value) {
     if (value != nullptr) *value = nullptr;
-    if (buf == nullptr || buf_len < 4) return 0x40010001u;
+    if (buf == nullptr || buf_len < 4) return IPSTATUS_FAILED;
     const auto* b = static_cast<const std::uint8_t*>(buf);
     const auto t = static_cast<std::uint16_t>((b[0] << 8) | b[1]);
     const auto l = static_cast<std::uint16_t>((b[2] << 8) | b[3]);
-    if (l > buf_len - 4) return 0x40010001u;
+    if (l > buf_len - 4) return IPSTATUS_FAILED;
     if (type != nullptr) *type = t;
     if (len != nullptr) *len = l;
     if (value != nullptr) *value = b + 4;

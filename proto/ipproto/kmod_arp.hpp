@@ -112,18 +112,6 @@ inline constexpr std::size_t kAge = 20;
 inline constexpr std::size_t kLen = 24;
 }  // namespace batch
 
-// The entry of an event (ARP_EVENT_ENTRY_LEN bytes, as the library hands it to a callback;
-// the words in host order).
-namespace event {
-inline constexpr std::size_t kIfIndex = 0;
-inline constexpr std::size_t kAddr = 4;      // network order
-inline constexpr std::size_t kVlan = 16;     // 16 bits
-inline constexpr std::size_t kMac = 20;
-inline constexpr std::size_t kState = 28;
-inline constexpr std::size_t kKind = 32;
-inline constexpr std::size_t kLen = 52;
-}  // namespace event
-
 // The configuration block of sub-op 12; the number of entries in the table at kConfEntries.
 inline constexpr std::size_t kConfLen = 112;
 inline constexpr std::size_t kConfEntries = 8;
@@ -134,7 +122,6 @@ inline constexpr std::uint32_t kTypeAggregate = 41;
 static_assert(entry::kLen == ARP_ENTRY_LEN && by_address::kLen == ARP_ENTRY_LEN);
 static_assert(entry::kLen == sizeof(ARP_ENTRY_S::aucData));
 static_assert(kConfLen == ARP_CONF_LEN);
-static_assert(event::kLen == ARP_EVENT_ENTRY_LEN);
 static_assert(kAttackCounters == ARP_ATTACK_COUNTERS);
 static_assert(kTypeAggregate == ARP_IFTYPE_AGGREGATE);
 

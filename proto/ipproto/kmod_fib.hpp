@@ -26,7 +26,7 @@ inline constexpr std::size_t kDumpEntryLen = 48;
 
 // A search: request and reply start with a count of entries (8 bytes, host order); the
 // reply's entries follow it.
-inline constexpr std::size_t kSearchReplyHead = 8;
+inline constexpr std::size_t kSearchReplyHead = sizeof(std::uint64_t);
 inline constexpr std::size_t kSearchEntryLen = FIB_SEARCH_ENTRY_SIZE;
 inline constexpr std::size_t kSearchMaxEntries = FIB_SEARCH_MAX_ENTRIES;
 

@@ -46,7 +46,8 @@ enum Op : std::uint32_t {
 // The module message's header: BE32 operation, BE32 length of the whole message (header
 // included), then the operation's payload.
 inline constexpr std::size_t kHeadLen = 8;
-// Operations 4 and 6 carry 28 bytes (an address and an interface) under a length word of 20.
+// Operations 4 and 6 are 28 bytes long (the header, an address and an interface), but
+// their length word says 20.
 inline constexpr std::size_t kAddrIfLen = 28;
 inline constexpr std::uint32_t kAddrIfClaimed = 20;
 

@@ -38,7 +38,8 @@ inline constexpr std::uint32_t kEndSignal = 3;
 inline constexpr std::uint32_t kSubscribe = 1;
 inline constexpr std::uint32_t kBatchRequest = 2;
 inline constexpr std::uint32_t kKeepAliveAnswer = 3;
-// An event record: [BE32 1 add][BE32 epoch][BE32 node][the address entry].
+// An event record: [BE32 event: 1 add, 2 delete, 3 modify][BE32 epoch][BE32 node][the
+// address entry].
 inline constexpr std::size_t kEventRecordLen = 40;
 inline constexpr std::size_t kEventEntryOffset = 12;
 

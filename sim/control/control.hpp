@@ -6,7 +6,7 @@
 // channel). One request is one message holding one JSON object {"op": NAME, ...}; the
 // answer is one JSON object: {"ok": true, ...} with what the operation gives, or
 // {"ok": false, "error": TEXT}, in one message, or, when it is longer than one message
-// takes, announced and sent in pieces as common/control_channel.hpp describes (the
+// takes, announced and sent in pieces as ipproto/control_channel.hpp describes (the
 // connection then ends with the answer). A request is one unit of work of the store: what
 // it changes is stored before the answer leaves, or it is refused and undone.
 // docs/ipsimd.md lists the operations.

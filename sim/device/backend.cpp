@@ -1,10 +1,11 @@
 // The device channel: the platform calls of client processes, answered from the device's
-// state (see common/device_proto.hpp for the messages).
+// state (see ipproto/device.hpp for the messages).
 #include <string>
 
 #include "context.hpp"
 #include "core/log.hpp"
 #include "device/libraries.hpp"
+#include "ipclient/status.h"
 #include "ipproto/device.hpp"
 #include "ipproto/wire.hpp"
 
@@ -15,7 +16,7 @@ using ipc::device::Call;
 using ipc::wire::Reader;
 using ipc::wire::Writer;
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 
 const char* call_name(std::uint32_t c) {
     static constexpr const char* kNames[] = {"",           "hello",         "cioctl",        "device",

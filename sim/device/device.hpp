@@ -9,11 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "ipproto/lipc.hpp"
 #include "scenario/scenario.hpp"
 
 namespace sim {
 
-inline constexpr std::uint16_t kOwnNode = 0x8000;
+inline constexpr std::uint16_t kOwnNode = ipc::proto::lipc::kOwnNode;
 // Interface type code of loopback interfaces.
 inline constexpr std::uint32_t kTypeLoopback = 24;
 // Flags word bit: the interface spans nodes.

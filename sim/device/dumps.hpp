@@ -9,10 +9,12 @@
 #include <memory>
 #include <span>
 
+#include "ipclient/status.h"
+
 namespace sim {
 
 // Status of a pull that delivered a chunk; more may follow.
-inline constexpr std::uint32_t kDumpMoreData = 0x40010009u;
+inline constexpr std::uint32_t kDumpMoreData = IPSTATUS_MORE_DATA;
 
 class DumpCursor {
 public:

@@ -18,7 +18,9 @@
 #include <tuple>
 #include <vector>
 
+#include "ipclient/ipaddr.h"
 #include "ipclient/kernel.h"
+#include "ipclient/status.h"
 
 namespace sim {
 
@@ -26,9 +28,9 @@ namespace sim {
 inline constexpr std::uint32_t kFlagSub = 0x1;     // a sub (secondary) address
 // Statuses of the address module.
 inline constexpr std::uint32_t kAddrOk = 0;
-inline constexpr std::uint32_t kAddrFailure = 0x40010001u;   // no such entry, bad request
-inline constexpr std::uint32_t kAddrConflict = 0x43160041u;  // conflicts with an address of another interface
-inline constexpr std::uint32_t kAddrLastBatch = 0x60010023u; // the batch holds the last entries
+inline constexpr std::uint32_t kAddrFailure = IPSTATUS_FAILED;   // no such entry, bad request
+inline constexpr std::uint32_t kAddrConflict = IPSTATUS_ADDR_CONFLICT;  // conflicts with an address of another interface
+inline constexpr std::uint32_t kAddrLastBatch = IPADDR_LAST_BATCH; // the batch holds the last entries
 
 inline constexpr std::uint16_t kAnyVrf = 0xFFFF;
 inline constexpr std::uint32_t kAnyIf = 0xFFFFFFFFu;

@@ -11,6 +11,7 @@
 
 #include "context.hpp"
 #include "control/args.hpp"
+#include "ipclient/status.h"
 #include "ipproto/wire.hpp"
 #include "modules/resolver.hpp"
 
@@ -19,7 +20,7 @@ namespace {
 
 using ipc::wire::Writer;
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::uint8_t kArp = 2;
 using namespace ipc::proto::arp;  // sub-operations, request shapes and record layouts
 

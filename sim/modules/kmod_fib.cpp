@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "ipclient/status.h"
 #include "ipproto/wire.hpp"
 
 namespace sim {
@@ -9,7 +10,9 @@ namespace {
 
 using ipc::wire::Writer;
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+namespace fib = ipc::proto::fib;
+
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::size_t kSearchMax = ipc::proto::fib::kSearchMaxEntries;
 constexpr std::size_t kSearchEntry = ipc::proto::fib::kSearchEntryLen;
 constexpr std::uint16_t kMaxPaths = 8;
@@ -100,23 +103,23 @@ std::uint32_t FibModule::handle(std::uint16_t node, std::uint32_t command, std::
     };
     const auto vrfs = static_cast<std::uint32_t>(device_.vrfs().size());
     switch (command) {
-        case 0x380001: {
+        case fib::kCmd4SpecData: {
             if (!request.empty()) return kFailure;
             w.be(static_cast<std::uint32_t>(routes_on(node, 2, false))).be(static_cast<std::uint32_t>(routes_on(node, 2, true)));
             w.be(vrfs).zeros(4).be(table_.change_seq(2)).be(kMaxPaths).zeros(2).be(static_cast<std::uint32_t>(node));
             w.zeros(80 - 28);
             return done(0);
         }
-        case 0x380002: {
+        case fib::kCmd6SpecData: {
             if (!request.empty()) return kFailure;
             w.be(static_cast<std::uint32_t>(routes_on(node, 10, false))).be(static_cast<std::uint32_t>(routes_on(node, 10, true)));
             w.be(vrfs).be(table_.change_seq(10)).be(kMaxPaths).zeros(2).be(static_cast<std::uint32_t>(node));
             w.zeros(44 - 24);
             return done(0);
         }
-        case 0x380003:
-        case 0x380004: {
-            const bool v6 = command == 0x380004;
+        case fib::kCmd4Search:
+        case fib::kCmd6Search: {
+            const bool v6 = command == fib::kCmd6Search;
             if (request.size() != (v6 ? 52u : 44u)) return kFailure;
             std::uint64_t wanted = 0;
             std::uint32_t instance = 0;
@@ -146,18 +149,18 @@ std::uint32_t FibModule::handle(std::uint16_t node, std::uint32_t command, std::
             if (count_at != nullptr) std::memcpy(count_at, &n, 8);
             return done(0);
         }
-        case 0x380005:
-        case 0x380006:
+        case fib::kCmd4RouteChangeSeq:
+        case fib::kCmd6RouteChangeSeq:
             if (!request.empty()) return kFailure;
-            w.be(table_.change_seq(command == 0x380006 ? 10 : 2));
+            w.be(table_.change_seq(command == fib::kCmd6RouteChangeSeq ? 10 : 2));
             return done(0);
-        case 0x38000B:
-        case 0x38000C: {
+        case fib::kCmdConCheckStat:
+        case fib::kCmdAlarmThresholdStat: {
             if (request.size() != 4) return kFailure;
             std::uint32_t selector = 0;
             std::memcpy(&selector, request.data(), 4);
             std::uint64_t value = 0;
-            if (command == 0x38000B) {
+            if (command == fib::kCmdConCheckStat) {
                 value = selector == 2 || selector == 10 ? routes_on(node, static_cast<std::uint8_t>(selector), false) : 0;
             } else if (selector <= 0xFFFF) {
                 value = routes_on(node, 2, false, static_cast<std::uint16_t>(selector)) +

@@ -4,6 +4,7 @@
 
 #include "context.hpp"
 #include "control/args.hpp"
+#include "ipclient/status.h"
 #include "ipproto/kmod_ipstat.hpp"
 #include "ipproto/wire.hpp"
 
@@ -16,7 +17,7 @@ using json = nlohmann::json;
 using namespace ipstat;
 using ipc::proto::ipstat::Op;
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::size_t kFwReplyLen = 112;
 constexpr std::size_t kBpaLen = kBpaRecords * kBpaCounters * 8;  // 2560
 

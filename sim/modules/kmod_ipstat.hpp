@@ -1,7 +1,7 @@
 // The kernel's IP module (command 0x5b0001): the IP, forwarding, ICMP, MIB and BPA
 // counters, and the node's IP settings (default TTL, forwarding, ECMP and load sharing,
 // interface MTU); the BPA statistics also as a dump (dump request 0x2a0001). The counter
-// sets and the name of each counter are in modules/ipstat_state.hpp.
+// sets are in modules/ipstat_state.hpp, the name of each counter in ipproto/kmod_ipstat.hpp.
 //
 // Request: [BE16 operation][BE16 length of the data that follows][data]. The length must
 // be 0 or 4 and equal the bytes that follow; an operation that takes an interface index or

@@ -11,6 +11,7 @@
 
 #include "context.hpp"
 #include "control/args.hpp"
+#include "ipclient/status.h"
 #include "ipproto/kmod_nd.hpp"
 #include "ipproto/wire.hpp"
 #include "modules/resolver.hpp"
@@ -22,7 +23,7 @@ using ipc::wire::Reader;
 using ipc::wire::Writer;
 using nlohmann::json;
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::uint8_t kFamily = 10;
 constexpr std::size_t kAddrLen = 16;
 constexpr std::size_t kMacLen = 6;

@@ -43,6 +43,7 @@
 
 #include "device/device.hpp"
 #include "ipproto/kmod_wlan.hpp"
+#include "ipproto/svc_adj.hpp"
 
 namespace sim {
 
@@ -60,7 +61,11 @@ struct WlanEntry {
 };
 
 struct WlanChange {
-    enum Kind : std::uint8_t { kRefresh = 0, kDelete = 1, kCleared = 2 } kind;
+    enum Kind : std::uint8_t {
+        kRefresh = ipc::proto::wlan_events::kRefresh,
+        kDelete = ipc::proto::wlan_events::kDelete,
+        kCleared = ipc::proto::wlan_events::kClear,
+    } kind;
     std::uint16_t node;
     std::vector<WlanEntry> entries;  // empty for kCleared
 };

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "ipclient/kernel.h"
 #include "scenario/limits.hpp"
 
 namespace sim::scenario {
@@ -49,10 +50,10 @@ struct Interface {
 };
 
 // Configuration methods of an address, as the address module's method bits.
-inline constexpr std::uint32_t kMethodManual = 1;
-inline constexpr std::uint32_t kMethodDhcp = 4;
-inline constexpr std::uint32_t kMethodBootp = 8;
-inline constexpr std::uint32_t kMethodMad = 0x40000;
+inline constexpr std::uint32_t kMethodManual = IPADDR_METHOD_MANUAL;
+inline constexpr std::uint32_t kMethodDhcp = IPADDR_METHOD_DHCP;
+inline constexpr std::uint32_t kMethodBootp = IPADDR_METHOD_BOOTP;
+inline constexpr std::uint32_t kMethodMad = IPADDR_METHOD_MAD;
 
 struct Address {
     std::uint32_t ifindex = 0;  // resolved from the interface's name or index

@@ -10,6 +10,8 @@
 #include "context.hpp"
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "ipclient/status.h"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
@@ -19,13 +21,12 @@ namespace {
 using ipc::wire::Reader;
 using ipc::wire::Writer;
 
-constexpr std::uint32_t kFailure = 0x40010001u;
-constexpr std::size_t kHeader = 6;
-constexpr std::size_t kDatagram = 4096;
-constexpr std::size_t kRecordHead = 8;
-
-// Event types the service publishes.
-enum EventType : std::uint32_t { kAdded = 0, kChanged = 1, kDeleted = 2, kPresent = 3, kBatchEnd = 4 };
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
+using namespace ipc::proto::adj;  // message head, event types and the record header
+constexpr std::size_t kHeader = kMsgHeadLen;
+constexpr std::size_t kDatagram = kDatagramMax;
+namespace adj4 = ipc::proto::adj4;
+namespace adj6 = ipc::proto::adj6;
 
 // What a message asks of the service.
 enum class Op : std::uint8_t {
@@ -54,27 +55,56 @@ constexpr TableShape kV6Tables[] = {
 constexpr std::int8_t kOpenFlow = 0, kRules = 1, kVsiSup = 2, kVlanSup = 3;
 
 constexpr MsgRoute kV4Routes[] = {
-    {34, Op::kSubscribe, -1},      {44, Op::kConcernAdd, -1},    {45, Op::kConcernDel, -1},
-    {52, Op::kBatchAll, -1},       {56, Op::kBatchVsi, -1},      {75, Op::kBatchAc, -1},
-    {98, Op::kBatchVlan, -1},      {42, Op::kRefresh, kOpenFlow}, {43, Op::kDelete, kOpenFlow},
-    {63, Op::kSmoothStart, kOpenFlow}, {64, Op::kSmoothEnd, kOpenFlow}, {53, Op::kVerify, kOpenFlow},
-    {30, Op::kRefresh, kRules},    {31, Op::kDelete, kRules},    {32, Op::kSmoothStart, kRules},
-    {33, Op::kSmoothEnd, kRules},  {48, Op::kRefresh, kVsiSup},  {49, Op::kDelete, kVsiSup},
-    {50, Op::kSmoothStart, kVsiSup}, {51, Op::kSmoothEnd, kVsiSup}, {94, Op::kRefresh, kVlanSup},
-    {95, Op::kDelete, kVlanSup},   {96, Op::kSmoothStart, kVlanSup}, {97, Op::kSmoothEnd, kVlanSup},
-    {100, Op::kRoaming, -1},       {0, Op::kQuery, -1},
+    {adj4::kSubscribe, Op::kSubscribe, -1},
+    {adj4::kAddConcerned, Op::kConcernAdd, -1},
+    {adj4::kDelConcerned, Op::kConcernDel, -1},
+    {adj4::kBatchReplay, Op::kBatchAll, -1},
+    {adj4::kBatchByVsi, Op::kBatchVsi, -1},
+    {adj4::kBatchByAc, Op::kBatchAc, -1},
+    {adj4::kBatchByVlan, Op::kBatchVlan, -1},
+    {adj4::kOpenFlowRefresh, Op::kRefresh, kOpenFlow},
+    {adj4::kOpenFlowDelete, Op::kDelete, kOpenFlow},
+    {adj4::kOpenFlowSmoothStart, Op::kSmoothStart, kOpenFlow},
+    {adj4::kOpenFlowSmoothEnd, Op::kSmoothEnd, kOpenFlow},
+    {adj4::kOpenFlowVerify, Op::kVerify, kOpenFlow},
+    {adj4::kRuleRefresh, Op::kRefresh, kRules},
+    {adj4::kRuleDelete, Op::kDelete, kRules},
+    {adj4::kRuleSmoothStart, Op::kSmoothStart, kRules},
+    {adj4::kRuleSmoothEnd, Op::kSmoothEnd, kRules},
+    {adj4::kVsiRefresh, Op::kRefresh, kVsiSup},
+    {adj4::kVsiDelete, Op::kDelete, kVsiSup},
+    {adj4::kVsiSmoothStart, Op::kSmoothStart, kVsiSup},
+    {adj4::kVsiSmoothEnd, Op::kSmoothEnd, kVsiSup},
+    {adj4::kVlanRefresh, Op::kRefresh, kVlanSup},
+    {adj4::kVlanDelete, Op::kDelete, kVlanSup},
+    {adj4::kVlanSmoothStart, Op::kSmoothStart, kVlanSup},
+    {adj4::kVlanSmoothEnd, Op::kSmoothEnd, kVlanSup},
+    {adj4::kRoaming, Op::kRoaming, -1},
+    {adj4::kSwitch, Op::kQuery, -1},
 };
 constexpr MsgRoute kV6Routes[] = {
-    {19, Op::kSubscribe, -1},      {67, Op::kConcernAdd, -1},    {68, Op::kConcernDel, -1},
-    {36, Op::kBatchAll, -1},       {40, Op::kBatchVsi, -1},      {65, Op::kBatchIf, -1},
-    {27, Op::kRefresh, kOpenFlow}, {28, Op::kDelete, kOpenFlow}, {11, Op::kOpenFlowSmooth, kOpenFlow},
-    {15, Op::kRefresh, kRules},    {16, Op::kDelete, kRules},    {17, Op::kSmoothStart, kRules},
-    {18, Op::kSmoothEnd, kRules},  {60, Op::kRefresh, kVsiSup},  {61, Op::kDelete, kVsiSup},
-    {62, Op::kSmoothStart, kVsiSup}, {63, Op::kSmoothEnd, kVsiSup}, {80, Op::kRoaming, -1},
+    {adj6::kSubscribe, Op::kSubscribe, -1},
+    {adj6::kAddConcerned, Op::kConcernAdd, -1},
+    {adj6::kDelConcerned, Op::kConcernDel, -1},
+    {adj6::kBatchReplay, Op::kBatchAll, -1},
+    {adj6::kBatchByVsi, Op::kBatchVsi, -1},
+    {adj6::kBatchByIf, Op::kBatchIf, -1},
+    {adj6::kOpenFlowRefresh, Op::kRefresh, kOpenFlow},
+    {adj6::kOpenFlowDelete, Op::kDelete, kOpenFlow},
+    {adj6::kOpenFlowSmooth, Op::kOpenFlowSmooth, kOpenFlow},
+    {adj6::kRuleRefresh, Op::kRefresh, kRules},
+    {adj6::kRuleDelete, Op::kDelete, kRules},
+    {adj6::kRuleSmoothStart, Op::kSmoothStart, kRules},
+    {adj6::kRuleSmoothEnd, Op::kSmoothEnd, kRules},
+    {adj6::kVsiRefresh, Op::kRefresh, kVsiSup},
+    {adj6::kVsiDelete, Op::kDelete, kVsiSup},
+    {adj6::kVsiSmoothStart, Op::kSmoothStart, kVsiSup},
+    {adj6::kVsiSmoothEnd, Op::kSmoothEnd, kVsiSup},
+    {adj6::kRoaming, Op::kRoaming, -1},
 };
 
-constexpr std::uint8_t kQueryVlanSuppression = 152;
-constexpr std::uint8_t kOpenFlowSmoothStartCode = 2, kOpenFlowSmoothEndCode = 3;
+constexpr std::uint8_t kQueryVlanSuppression = adj4::kGetVlan;
+constexpr std::uint8_t kOpenFlowSmoothStartCode = adj6::kSmoothStartMark, kOpenFlowSmoothEndCode = adj6::kSmoothEndMark;
 
 const MsgRoute* route_of(bool v6, std::uint8_t type) {
     const std::span<const MsgRoute> routes = v6 ? std::span<const MsgRoute>(kV6Routes) : std::span<const MsgRoute>(kV4Routes);
@@ -87,19 +117,19 @@ void put_record(Writer& w, bool v6, std::uint32_t type, const Neighbour& n) {
     const std::uint32_t vsi = n.vsi, link = n.link, state = static_cast<std::uint32_t>(n.state),
                         kind = static_cast<std::uint32_t>(n.kind);
     if (!v6) {
-        w.be(static_cast<std::uint32_t>(kRecordHead + 52)).be(type);
+        w.be(static_cast<std::uint32_t>(adj4::kEventRecordLen)).be(type);
         w.be(n.ifindex).raw(n.addr.data(), 4).be(vsi).be(link).be(n.vlan).be(std::uint16_t{0});
         w.raw(n.mac.data(), 6).zeros(2).be(state).be(kind).be(n.aging).be(n.port);
         w.zeros(2).be(n.node).be(n.vrf).zeros(2);
         return;
     }
-    w.be(static_cast<std::uint32_t>(kRecordHead + 64)).be(type);
+    w.be(static_cast<std::uint32_t>(adj6::kEventRecordLen)).be(type);
     w.be(n.ifindex).raw(n.addr.data(), 16).be(vsi).be(link).be(n.vlan).be(n.vrf);
     w.raw(n.mac.data(), 6).zeros(2).be(state).be(kind).be(n.aging).be(n.port);
     w.zeros(2).be(n.node).be(std::uint16_t{0}).zeros(2);
 }
 
-constexpr std::size_t record_len(bool v6) { return kRecordHead + (v6 ? 64 : 52); }
+constexpr std::size_t record_len(bool v6) { return v6 ? adj6::kEventRecordLen : adj4::kEventRecordLen; }
 
 // A neighbour of kind OpenFlow from an OpenFlow entry (wire order).
 Neighbour openflow_neighbour(Context& ctx, bool v6, std::span<const std::uint8_t> e) {

@@ -72,6 +72,7 @@
 #include <memory>
 #include <sys/types.h>
 
+#include "ipproto/lipc.hpp"
 #include "services/adj_tables.hpp"
 
 namespace sim {
@@ -82,8 +83,8 @@ class Loop;
 struct Endpoint;
 struct NeighChange;
 
-inline constexpr std::uint16_t kPortAdj4 = 11537;
-inline constexpr std::uint16_t kPortAdj6 = 11554;
+inline constexpr std::uint16_t kPortAdj4 = ipc::proto::port::kArpTable;
+inline constexpr std::uint16_t kPortAdj6 = ipc::proto::port::kNdTable;
 
 // The tables and subscribers of one family's adjacency service.
 struct AdjState;

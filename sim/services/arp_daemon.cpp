@@ -26,20 +26,20 @@
 // Instances and interfaces never set are off.
 #include <cstring>
 
+#include "ipclient/status.h"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 // Most EVI instances whose suppression is on.
 constexpr std::size_t kMaxSwitches = 65536;
-constexpr std::uint8_t kSwitchType = 0;
-constexpr std::uint8_t kEntryType = 1;
-constexpr std::size_t kSwitchLen = 24;
-constexpr std::size_t kEntryLen = 300;
-constexpr std::uint8_t kSetEvi = 61, kGetEvi = 71, kSetOverlay = 74, kGetOverlay = 83;
+using namespace ipc::proto::arp_daemon;  // message types, lengths and switch codes
+constexpr std::uint8_t kSwitchType = kSwitch;
+constexpr std::uint8_t kEntryType = kEntry;
 constexpr std::uint8_t kOpSet = 0, kOpRemove = 1;
 constexpr std::uint16_t kVlanMax = 4094;
 

@@ -14,13 +14,16 @@
 // [BE32 result][BE32 0], result 0 or 0x40010001 for an unknown type, a length that
 // disagrees or an unknown interface. Settings persist with the interface's settings.
 #include "core/log.hpp"
+#include "ipclient/status.h"
+#include "ipproto/kmod_ipstat.hpp"
+#include "ipproto/svc_daemons.hpp"
 #include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 
 // A setting is stored before it is acknowledged (kStoreFailed, and undone, when it cannot be).
 class DaemonConn : public StoringConn {
@@ -55,11 +58,11 @@ private:
     bool known_if(std::uint32_t ifindex) const { return ctx_.device.interface(ifindex) != nullptr; }
 
     void ipstack(std::uint16_t type, ipc::wire::Reader& r) {
-        if (type == 13) {
+        if (type == ipc::proto::ipstack::kBpaCfgType) {
             const std::uint16_t op = r.be<std::uint16_t>();
             const std::uint16_t len = r.be<std::uint16_t>();
             const std::uint32_t ifindex = r.be<std::uint32_t>();
-            if (!r.ok() || r.remaining() != 0 || op != 24 || len != 4 || !known_if(ifindex)) return result(kFailure);
+            if (!r.ok() || r.remaining() != 0 || op != static_cast<std::uint16_t>(ipc::proto::ipstat::Op::kBpaCfg) || len != 4 || !known_if(ifindex)) return result(kFailure);
             const IfSettings* s = ctx_.addrs.find_settings(ifindex);
             std::uint8_t out[8];
             ipc::wire::Writer w(out);

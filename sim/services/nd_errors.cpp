@@ -14,13 +14,14 @@
 #include <vector>
 
 #include "control/args.hpp"
+#include "ipclient/nd.h"
 #include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kNdErrorClass = 0x210002;
+constexpr std::uint32_t kNdErrorClass = ND_ERROR_EVENT_CLASS;
 constexpr std::size_t kNotificationMax = 512;
 constexpr std::size_t kElementHead = 4;
 

@@ -11,19 +11,21 @@
 // Every answer is the bare 4-byte word. A message whose length disagrees with its header, of
 // another type or size, an unknown code or the VSI index 0xFFFFFFFF is answered with
 // [BE32 0x40010001]. The state is the device's (Context::nd), kept until the simulator ends.
+#include "ipclient/status.h"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 // Most VSIs whose overlay suppression is on.
 constexpr std::size_t kMaxSwitches = 65536;
-constexpr std::size_t kPayloadLen = 180;
-constexpr std::uint8_t kSwitchType = 0;
-constexpr std::uint8_t kCodeSet = 26;
-constexpr std::uint8_t kCodeGet = 100;
+constexpr std::size_t kPayloadLen = ipc::proto::nd_overlay::kRequestLen;
+constexpr std::uint8_t kSwitchType = ipc::proto::nd_overlay::kSwitch;
+constexpr std::uint8_t kCodeSet = ipc::proto::nd_overlay::kSetOverlay;
+constexpr std::uint8_t kCodeGet = ipc::proto::nd_overlay::kGetOverlay;
 constexpr std::uint32_t kNoVsi = 0xFFFFFFFFu;
 
 class NdOverlayConn : public Conn {

@@ -4,26 +4,28 @@
 
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "ipclient/status.h"
+#include "ipproto/svc_daemons.hpp"
 #include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = 0x40010001u;
+constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::uint32_t kEnable = 1;
 constexpr std::uint32_t kSmoothStart = 4;
 constexpr std::uint32_t kSmoothEnd = 6;
-constexpr std::uint32_t kWaitsForReply = 0;
-constexpr std::uint32_t kNoReply = 1;
+constexpr std::uint32_t kWaitsForReply = ipc::proto::proen::kWaitReply;
+using ipc::proto::proen::kNoReply;
 constexpr std::uint32_t kHeaderVersion = 1;
 constexpr std::uint32_t kHeaderLen = 20;
 constexpr std::uint16_t kRecordSize = 0x0060;
 constexpr std::uint16_t kMatchLen = 0x0038;
 constexpr std::size_t kEnableLen = 96;
 constexpr std::size_t kSmoothLen = 8;
-constexpr std::uint32_t kFormSingle = 0;
-constexpr std::uint32_t kFormEx = 3;
+using ipc::proto::proen::kFormEx;
+using ipc::proto::proen::kFormSingle;
 
 bool in_scope(const ProenEntry& e, std::uint16_t node, pid_t owner, std::uint32_t ifindex, std::uint32_t protocol) {
     return e.node == node && e.owner == owner && (ifindex == 0 || e.ifindex == ifindex) &&

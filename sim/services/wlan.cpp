@@ -30,14 +30,15 @@
 
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "services/services.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::uint8_t kSubscribe = 5;
-constexpr std::size_t kSubscribeLen = 8;
+using ipc::proto::wlan_events::kSubscribe;
+using ipc::proto::wlan_events::kSubscribeLen;
 constexpr std::size_t kDatagramMax = 4096;
 constexpr std::size_t kEntryRecordLen = 16 + WlanEntry::kLen;
 constexpr std::size_t kClearedRecordLen = 20;
@@ -105,7 +106,7 @@ void publish_wlan_change(Context& ctx, const WlanChange& c) {
         if (c.kind == WlanChange::kCleared) {
             std::uint8_t rec[kClearedRecordLen];
             ipc::wire::Writer w(rec);
-            w.be(static_cast<std::uint32_t>(kClearedRecordLen)).be(std::uint32_t{2}).zeros(12);
+            w.be(static_cast<std::uint32_t>(kClearedRecordLen)).be(std::uint32_t{ipc::proto::wlan_events::kClear}).zeros(12);
             s->send_records(w.bytes(), kClearedRecordLen);
             continue;
         }

@@ -10,6 +10,7 @@
 
 #include "ipclient/adj.h"
 #include "ipproto/raii.hpp"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
@@ -58,9 +59,10 @@ std::uint32_t send_msg(const Family& fam, std::uint8_t type, int fd, std::uint16
     const std::uint16_t total = static_cast<std::uint16_t>(ADJ_MSG_HEAD_LEN + len);
     const ipc::CBlock<std::uint8_t> msg(static_cast<std::uint8_t*>(std::calloc(ADJ_MSG_HEAD_LEN + std::size_t{len}, 1)));
     if (!msg) return IPSTATUS_FAILED;
-    msg.get()[0] = type;
-    ipc::wire::store_be(msg.get() + 2, len);
-    ipc::wire::store_be(msg.get() + 4, count);
+    namespace adj = ipc::proto::adj;
+    msg.get()[adj::kMsgTypeAt] = type;
+    ipc::wire::store_be(msg.get() + adj::kMsgLenAt, len);
+    ipc::wire::store_be(msg.get() + adj::kMsgCountAt, count);
     if (len != 0 && payload != nullptr) std::memcpy(msg.get() + ADJ_MSG_HEAD_LEN, payload, len);
     const ssize_t sent = ::send(fd, msg.get(), ADJ_MSG_HEAD_LEN + std::size_t{len}, flags);
     if (fam.send_checks_minus_one && sent == -1) return IPSTATUS_FAILED;

@@ -10,6 +10,7 @@
 #include "ipclient/adj.h"
 #include "ipplat/platform.h"
 #include "ipproto/raii.hpp"
+#include "ipproto/svc_daemons.hpp"
 #include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
@@ -18,10 +19,10 @@ namespace {
 using namespace ipc::lipc;
 
 constexpr std::uint32_t kTimeoutSeconds = 30;
-constexpr std::uint32_t kWaitReply = 0;
-constexpr std::uint32_t kNoReply = 1;
+using ipc::proto::proen::kNoReply;
+using ipc::proto::proen::kWaitReply;
 constexpr int kSendBuffer = 1024;
-constexpr std::uint32_t kFormEx = 3;
+using ipc::proto::proen::kFormEx;
 
 // The process's channel descriptor.
 int g_proen_fd = -1;

@@ -8,6 +8,7 @@
 #include "ipclient/adj.h"
 #include "ipplat/platform.h"
 #include "ipproto/kmod_wlan.hpp"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
 #include "lipc/socket.hpp"
@@ -17,9 +18,9 @@ namespace {
 constexpr std::uint16_t kAnyNode = 0xFFFF;
 constexpr std::uint32_t kSendTimeout = 5;
 constexpr std::uint32_t kRecvTimeout = 1;
-constexpr std::uint8_t kSubscribe = 5;
+namespace events = ipc::proto::wlan_events;  // subscription, events and record head
 constexpr std::uint32_t kKindNotAllowed = 4;
-constexpr std::size_t kRecordHead = 12;
+constexpr std::size_t kRecordHead = events::kRecordHead;
 constexpr std::size_t kMinRemaining = 20;
 
 using namespace ipc::proto::wlan;  // sub-operations and request layout
@@ -51,7 +52,7 @@ int32_t WADJ4_RegEvent(uint32_t uiSelector, WADJ4_EVENT_PF pfCallback) {
     if (fd < 0) return -1;
     std::uint8_t payload[8] = {};
     ipc::wire::store_be(payload, uiSelector);
-    if (ADJ4_Send(kSubscribe, fd, sizeof payload, 1, payload, ADJ_SEND_DONTWAIT) != IPSTATUS_OK) {
+    if (ADJ4_Send(events::kSubscribe, fd, sizeof payload, 1, payload, ADJ_SEND_DONTWAIT) != IPSTATUS_OK) {
         ::close(fd);
         return -1;
     }
@@ -83,9 +84,9 @@ uint32_t WADJ4_ProcEvent(int32_t iFd) {
         std::memcpy(rec + 4, &type, 4);
         std::memcpy(rec + 8, &first, 4);
         off += len;
-        if (type == 2) {
-            (void)g_pfWADJ4EventProc(2, nullptr);
-        } else if (type == 0 || type == 1) {
+        if (type == events::kClear) {
+            (void)g_pfWADJ4EventProc(events::kClear, nullptr);
+        } else if (type == events::kRefresh || type == events::kDelete) {
             std::uint32_t valid = 0;
             if (len >= 16) std::memcpy(&valid, rec + 12, 4);
             if (valid != 0) (void)g_pfWADJ4EventProc(type, rec + 8);

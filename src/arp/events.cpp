@@ -9,6 +9,7 @@
 
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
@@ -17,15 +18,9 @@ namespace {
 constexpr std::uint16_t kPort = ADJ_PORT_ARP;
 constexpr std::uint32_t kSendTimeout = 5;
 constexpr std::uint32_t kRecvTimeout = 2;
-constexpr std::uint8_t kSubscribe = 34;
-constexpr std::uint8_t kAddConcerned = 44;
-constexpr std::uint8_t kDelConcerned = 45;
-constexpr std::uint8_t kBatchReplay = 52;
-constexpr std::uint8_t kBatchByVsi = 56;
-constexpr std::uint8_t kBatchByAc = 75;
-constexpr std::uint8_t kBatchByVlan = 98;
-constexpr std::size_t kRecordHead = 8;
-constexpr std::size_t kFullRecord = kRecordHead + ARP_EVENT_ENTRY_LEN;  // 60
+using namespace ipc::proto::adj4;  // message types of the service
+constexpr std::size_t kRecordHead = ipc::proto::adj::kRecordHead;
+constexpr std::size_t kFullRecord = kEventRecordLen;  // 60
 
 // Fields of the entry converted from network order; the others pass untouched.
 constexpr std::array<ipc::wire::Field, 11> kEntryFields{{{0, 4}, {8, 4}, {12, 4}, {16, 2}, {18, 2}, {28, 4},

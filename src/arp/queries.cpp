@@ -8,6 +8,7 @@
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
 #include "ipproto/kmod_arp.hpp"
+#include "ipproto/lipc.hpp"
 #include "ipproto/raii.hpp"
 #include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
@@ -40,17 +41,18 @@ constexpr std::array<ipc::wire::Field, 8> kByIPFields{{{by_address::kIfIndex, 4}
                                                        {by_address::kState, 2}}};
 
 // A request with a 36-byte entry reply; true when the call succeeded with a non-empty reply.
-template <std::size_t N>
-bool entry_request(std::uint32_t node, const Request<N>& req, ARP_ENTRY_S* out) noexcept {
+template <std::uint8_t S>
+bool entry_request(std::uint32_t node, const Request<S>& req, ARP_ENTRY_S* out) noexcept {
     std::uint32_t returned = 0;
     const std::uint32_t status =
-        CIOCTL(node, ipc::proto::arp::kCmdInfo, static_cast<std::uint32_t>(N), req.data(), ARP_ENTRY_LEN, out, &returned);
+        CIOCTL(node, ipc::proto::arp::kCmdInfo, Request<S>::kLen, req.data(), ARP_ENTRY_LEN, out, &returned);
     return status == IPSTATUS_OK && returned != 0;
 }
 
-Request<12> keyed(std::uint8_t sub_op, std::uint8_t header_byte, std::uint32_t key_a_raw) noexcept {
-    Request<12> r(sub_op, header_byte);
-    r.raw32<4>(key_a_raw);
+template <std::uint8_t S>
+Request<S> keyed(std::uint32_t key_a_raw) noexcept {
+    Request<S> r;
+    r.template raw32<4>(key_a_raw);
     return r;
 }
 
@@ -59,10 +61,11 @@ void convert(ARP_ENTRY_S* e, const std::array<ipc::wire::Field, F>& fields) noex
     ipc::wire::swap_fields(std::span<std::uint8_t>(e->aucData, ARP_ENTRY_LEN), fields);
 }
 
-std::uint32_t delete_async(std::uint8_t sub_op, std::uint32_t a, std::uint32_t b) noexcept {
-    Request<12> r = keyed(sub_op, 8, a);
-    r.raw32<8>(b);
-    return CIOCTL_Async(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 12, r.data());
+template <std::uint8_t S>
+std::uint32_t delete_async(std::uint32_t a, std::uint32_t b) noexcept {
+    Request<S> r = keyed<S>(a);
+    r.template raw32<8>(b);
+    return CIOCTL_Async(kLocalNodeWord, ipc::proto::arp::kCmdInfo, Request<S>::kLen, r.data());
 }
 
 }  // namespace
@@ -71,7 +74,7 @@ extern "C" {
 
 uint32_t ARP_GetEntry(uint32_t uiKeyB, uint32_t uiAddr, ARP_ENTRY_S* pstEntry) {
     if (uiAddr == 0 || pstEntry == nullptr) return IPSTATUS_FAILED;
-    Request<12> r = keyed(kGetEntry, 8, uiAddr);
+    Request<kGetEntry> r = keyed<kGetEntry>(uiAddr);
     r.raw32<8>(uiKeyB);
     return entry_request(kLocalNodeWord, r, pstEntry) ? IPSTATUS_OK : IPSTATUS_FAILED;
 }
@@ -80,7 +83,7 @@ uint32_t ARP_GetFirstEntry(ARP_ENTRY_S* pstEntry) { return ARP_GetNextEntry(pstE
 
 uint32_t ARP_GetNextEntry(ARP_ENTRY_S* pstEntry) {
     if (pstEntry == nullptr) return IPSTATUS_FAILED;
-    Request<12> r(kGetNext, 0);
+    Request<kGetNext> r;
     r.raw<4, 8>(pstEntry->aucData);  // words 0 and 1 of the last entry, as they stand
     return entry_request(kLocalNodeWord, r, pstEntry) ? IPSTATUS_OK : kNoEntry;
 }
@@ -90,7 +93,7 @@ uint32_t arp_GetEntryExtend(uint32_t uiIfIndex, uint32_t uiAddr, ARP_ENTRY_S* ps
     *pstEntry = ARP_ENTRY_S{};
     std::uint32_t type = 0;
     if (IF_GetDataByIfIndex(uiIfIndex, IF_DATA_TYPE, &type) != 0) return IPSTATUS_FAILED;
-    Request<12> r = keyed(kGetExtended, 8, uiAddr);
+    Request<kGetExtended> r = keyed<kGetExtended>(uiAddr);
     r.be<8>(uiIfIndex);
     std::uint32_t holder = uiIfIndex;
     const bool aggregate = type == ARP_IFTYPE_AGGREGATE;
@@ -120,7 +123,7 @@ uint32_t ARP_GetRefreshTime(uint32_t uiIfIndex, uint32_t uiAddr, uint32_t* puiTi
 
 uint32_t ARP_GetEntryByIP(uint32_t uiAddr, ARP_ENTRY_S* pstEntry) {
     if (uiAddr == 0 || pstEntry == nullptr) return IPSTATUS_FAILED;
-    const Request<12> r = keyed(kGetByAddress, 8, uiAddr);
+    const Request<kGetByAddress> r = keyed<kGetByAddress>(uiAddr);
     if (!entry_request(kLocalNodeWord, r, pstEntry)) return IPSTATUS_FAILED;
     convert(pstEntry, kByIPFields);
     return IPSTATUS_OK;
@@ -128,29 +131,29 @@ uint32_t ARP_GetEntryByIP(uint32_t uiAddr, ARP_ENTRY_S* pstEntry) {
 
 uint32_t ARP_GetNextInfoBatch(uint32_t uiKeyA, uint32_t uiKeyB, uint32_t uiCapacity, void* pBuffer,
                               uint32_t* puiReturnedLen) {
-    Request<12> r = keyed(kGetBatch, 0, uiKeyA);
+    Request<kGetBatch> r = keyed<kGetBatch>(uiKeyA);
     r.be<8>(uiKeyB);
-    return CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 12, r.data(), pBuffer != nullptr ? uiCapacity : 0, pBuffer,
+    return CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, r.kLen, r.data(), pBuffer != nullptr ? uiCapacity : 0, pBuffer,
                   puiReturnedLen);
 }
 
 uint32_t ARP_GetConf(uint32_t uiLength, void* pBuffer) {
     if (uiLength != ARP_CONF_LEN || pBuffer == nullptr) return IPSTATUS_FAILED;
-    const Request<4> r(kGetConf, 0);
+    const Request<kGetConf> r;
     std::uint32_t returned = 0;
     const std::uint32_t status =
-        CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 4, r.data(), ARP_CONF_LEN, pBuffer, &returned);
+        CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, r.kLen, r.data(), ARP_CONF_LEN, pBuffer, &returned);
     return status == IPSTATUS_OK && returned == ARP_CONF_LEN ? IPSTATUS_OK : kNoEntry;
 }
 
 uint32_t ARP_GetFirstIPAddr(uint16_t usVlan, const uint8_t* pucMac, uint32_t* puiAddr) {
     if (pucMac == nullptr || puiAddr == nullptr) return IPSTATUS_FAILED;
-    Request<12> r(kFirstAddress, 12);
+    Request<kFirstAddress> r;
     r.be<4>(usVlan);
     r.raw<6, 6>(pucMac);
     std::uint8_t reply[kFirstAddrReplyCap];
     std::uint32_t returned = 0;
-    const std::uint32_t status = CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, 12, r.data(), sizeof reply, reply, &returned);
+    const std::uint32_t status = CIOCTL(kLocalNodeWord, ipc::proto::arp::kCmdInfo, r.kLen, r.data(), sizeof reply, reply, &returned);
     if (status != IPSTATUS_OK || returned != 4) return kNoEntry;
     std::memcpy(puiAddr, reply, 4);
     return IPSTATUS_OK;
@@ -158,26 +161,26 @@ uint32_t ARP_GetFirstIPAddr(uint16_t usVlan, const uint8_t* pucMac, uint32_t* pu
 
 uint32_t ARP_SetEntry(const void* pEntry, void* pReply) {
     if (pEntry == nullptr || pReply == nullptr) return IPSTATUS_FAILED;
-    const ADJ_MSG_DEST_S dest{0x8000, ADJ_PORT_ARP_DAEMON, ARP_SET_ENTRY_LEN, 0, pEntry};
+    const ADJ_MSG_DEST_S dest{ipc::proto::lipc::kOwnNode, ADJ_PORT_ARP_DAEMON, ARP_SET_ENTRY_LEN, 0, pEntry};
     std::uint16_t len = 4;
     return ADJ4_SendMsgAndRecv(1, &dest, ADJ_TIMEOUT_DEFAULT, ADJ_TIMEOUT_DEFAULT, 0, &len, pReply);
 }
 
-uint32_t ARP_DeleteDynamicEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async(kDeleteDynamic, uiKeyA, uiKeyB); }
+uint32_t ARP_DeleteDynamicEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async<kDeleteDynamic>(uiKeyA, uiKeyB); }
 
-uint32_t ARP_DeleteAuthorizedEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async(kDeleteAuthorized, uiKeyA, uiKeyB); }
+uint32_t ARP_DeleteAuthorizedEntry(uint32_t uiKeyA, uint32_t uiKeyB) { return delete_async<kDeleteAuthorized>(uiKeyA, uiKeyB); }
 
 void ARP_GetArpAttackStat(uint8_t ucSelector, uint64_t* pulCounters) {
     if (pulCounters == nullptr) return;
     std::uint32_t count = 0;
     const ipc::CBlock<std::uint16_t> nodes(DEV_GetAllNodes(&count));
     if (!nodes) return;
-    Request<4> r(kAttackStat, 0);
+    Request<kAttackStat> r;
     r.data()[3] = ucSelector;
     for (std::uint32_t i = 0; i < count; ++i) {
         std::uint8_t reply[ARP_ATTACK_COUNTERS * 8] = {};
         std::uint32_t returned = 0;
-        if (CIOCTL(node_word(nodes.get()[i]), ipc::proto::arp::kCmdInfo, 4, r.data(), sizeof reply, reply, &returned) != 0) {
+        if (CIOCTL(node_word(nodes.get()[i]), ipc::proto::arp::kCmdInfo, r.kLen, r.data(), sizeof reply, reply, &returned) != 0) {
             continue;
         }
         for (std::size_t k = 0; k < ARP_ATTACK_COUNTERS; ++k) pulCounters[k] += ipc::wire::load_be<std::uint64_t>(reply + k * 8);
@@ -186,7 +189,7 @@ void ARP_GetArpAttackStat(uint8_t ucSelector, uint64_t* pulCounters) {
 
 void ARP_GetAlarmThresholdStat(uint8_t ucSelector, uint64_t* pulCounter) {
     if (pulCounter == nullptr) return;
-    Request<4> r(kAlarmStat, 0);
+    Request<kAlarmStat> r;
     r.data()[3] = ucSelector;
     *pulCounter += ipc::kernel::sum_over_nodes(ipc::proto::arp::kCmdInfo, r.span(), ipc::kernel::NodeWalk::kUpNodesExactReply);
 }

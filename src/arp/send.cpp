@@ -7,6 +7,7 @@
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
 #include "ipproto/kmod_arp.hpp"
+#include "ipproto/lipc.hpp"
 #include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
 
@@ -22,25 +23,25 @@ constexpr std::array<ipc::wire::Field, 8> kSpecifyFields{
     {{8, 4}, {12, 4}, {16, 4}, {20, 2}, {22, 2}, {24, 4}, {28, 4}, {32, 4}}};
 
 // Sends to the node that owns the interface; the platform's status when it cannot say.
-template <std::size_t N>
-std::uint32_t send_on(std::uint32_t ifindex, const Request<N>& req) noexcept {
-    std::uint16_t node = 0x8000;
+template <std::uint8_t S>
+std::uint32_t send_on(std::uint32_t ifindex, const Request<S>& req) noexcept {
+    std::uint16_t node = ipc::proto::lipc::kOwnNode;
     const std::uint32_t status = IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node);
     if (status != 0) return status;
-    return CIOCTL_Async(ipc::kernel::node_word(node), ipc::proto::arp::kCmdInfo, static_cast<std::uint32_t>(N),
-                        req.data());
+    return CIOCTL_Async(ipc::kernel::node_word(node), ipc::proto::arp::kCmdInfo, Request<S>::kLen, req.data());
 }
 
-std::uint32_t send_packet(std::uint8_t sub_op, std::uint32_t ifindex, std::uint32_t sender, std::uint32_t target,
+template <std::uint8_t S>
+std::uint32_t send_packet(std::uint32_t ifindex, std::uint32_t sender, std::uint32_t target,
                           const std::uint8_t* mac) noexcept {
-    Request<24> r(sub_op, 20);
+    Request<S> r;
     if (mac != nullptr) {
-        r.raw<4, kMacLen>(mac);
+        r.template raw<4, kMacLen>(mac);
         r.data()[10] = 1;
     }
-    r.be<12>(ifindex);
-    r.raw32<16>(sender);
-    r.raw32<20>(target);
+    r.template be<12>(ifindex);
+    r.template raw32<16>(sender);
+    r.template raw32<20>(target);
     return send_on(ifindex, r);
 }
 
@@ -49,20 +50,20 @@ std::uint32_t send_packet(std::uint8_t sub_op, std::uint32_t ifindex, std::uint3
 extern "C" {
 
 uint32_t ARP_Request(uint32_t uiIfIndex, uint32_t uiSender, uint32_t uiTarget, const uint8_t* pucMac) {
-    return send_packet(kSendRequest, uiIfIndex, uiSender, uiTarget, pucMac);
+    return send_packet<kSendRequest>(uiIfIndex, uiSender, uiTarget, pucMac);
 }
 
 uint32_t ARP_Reply(uint32_t uiIfIndex, uint32_t uiSender, uint32_t uiTarget, const uint8_t* pucMac) {
-    return send_packet(kSendReply, uiIfIndex, uiSender, uiTarget, pucMac);
+    return send_packet<kSendReply>(uiIfIndex, uiSender, uiTarget, pucMac);
 }
 
 uint32_t ARP_Probe(uint32_t uiIfIndex, uint32_t uiTarget, const uint8_t* pucMac) {
-    return send_packet(kSendProbe, uiIfIndex, 0, uiTarget, pucMac);
+    return send_packet<kSendProbe>(uiIfIndex, 0, uiTarget, pucMac);
 }
 
 uint32_t ARP_RequestWithVlan(uint32_t uiIfIndex, uint16_t usVlan1, uint16_t usVlan2, uint32_t uiWord1,
                              uint32_t uiWord2, const uint8_t* pucMac1, const uint8_t* pucMac2) {
-    Request<36> r(kSendVlanRequest, 32);
+    Request<kSendVlanRequest> r;
     if (pucMac1 != nullptr) {
         r.raw<4, kMacLen>(pucMac1);
         r.data()[33] = 1;
@@ -81,7 +82,7 @@ uint32_t ARP_RequestWithVlan(uint32_t uiIfIndex, uint16_t usVlan1, uint16_t usVl
 
 uint32_t ARP_SendSpecify(const ARP_SEND_SPECIFY_S* pstDesc) {
     if (pstDesc == nullptr) return IPSTATUS_FAILED;
-    Request<64> r(kSendSpecified, 60);
+    Request<kSendSpecified> r;
     r.record<4>(*pstDesc, kSpecifyFields);
     return send_on(pstDesc->uiIfIndex, r);
 }

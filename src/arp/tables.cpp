@@ -15,6 +15,8 @@
 #include "ipclient/arp.h"
 #include "ipplat/platform.h"
 #include "ipproto/kmod_arp.hpp"
+#include "ipproto/lipc.hpp"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "kernel/channel.hpp"
 #include "lipc/socket.hpp"
@@ -24,40 +26,10 @@ namespace {
 using ipc::wire::Field;
 using ipc::wire::Frame;
 
-// Message types on the adjacency service's port.
-enum MsgType : std::uint8_t {
-    kSwitch = 0,
-    kRuleRefresh = 30,
-    kRuleDelete = 31,
-    kRuleSmoothStart = 32,
-    kRuleSmoothEnd = 33,
-    kOpenFlowRefresh = 42,
-    kOpenFlowDelete = 43,
-    kVsiRefresh = 48,
-    kVsiDelete = 49,
-    kVsiSmoothStart = 50,
-    kVsiSmoothEnd = 51,
-    kOpenFlowVerify = 53,
-    kOpenFlowVerifyEnd = 54,
-    kOpenFlowSmoothStart = 63,
-    kOpenFlowSmoothEnd = 64,
-    kVlanRefresh = 94,
-    kVlanDelete = 95,
-    kVlanSmoothStart = 96,
-    kVlanSmoothEnd = 97,
-    kRoaming = 100,
-};
+using namespace ipc::proto::adj4;  // message types of the ARP table service
+using namespace ipc::proto::arp_daemon;  // switch codes of the ARP daemon
 
-// Request codes of the suppression switches (payload byte 0).
-enum SwitchCode : std::uint8_t {
-    kSetEvi = 61,
-    kGetEvi = 71,
-    kSetOverlay = 74,
-    kGetOverlay = 83,
-    kGetVlan = 152,
-};
-
-constexpr std::uint16_t kOwnNode = 0x8000;
+constexpr std::uint16_t kOwnNode = ipc::proto::lipc::kOwnNode;
 constexpr std::uint32_t kNoTimeout = ADJ_TIMEOUT_DEFAULT;
 constexpr std::uint32_t kOpenFlowSendTimeout = 5;
 constexpr std::uint32_t kSwitchTimeout = 5;
@@ -78,7 +50,7 @@ constexpr std::size_t kVsiPayload = 32;
 constexpr std::size_t kVlanPayload = 16;
 constexpr std::size_t kRuleSmoothPayload = 4;
 constexpr std::size_t kVerifyPayload = 48;
-constexpr std::size_t kSwitchPayload = 24;
+constexpr std::size_t kSwitchPayload = kSwitchLen;
 constexpr std::size_t kSwitchReply = 4;
 constexpr std::size_t kVlanSwitchReply = 16;
 static_assert(sizeof(ARP_RULE_S) == kRulePayload);
@@ -129,7 +101,7 @@ std::uint32_t switch_exchange(std::uint16_t port, const Frame<kSwitchPayload>& r
     const ADJ_MSG_DEST_S dest{kOwnNode, port, static_cast<std::uint16_t>(req.size()), 0, req.data()};
     std::uint16_t len = static_cast<std::uint16_t>(reply.size());
     const std::uint32_t status =
-        ADJ4_SendMsgAndRecv(kSwitch, &dest, kSwitchTimeout, kSwitchTimeout, kSwitchFlags, &len, reply.data());
+        ADJ4_SendMsgAndRecv(ipc::proto::arp_daemon::kSwitch, &dest, kSwitchTimeout, kSwitchTimeout, kSwitchFlags, &len, reply.data());
     if (status != IPSTATUS_OK) return status;
     return len >= reply.size() ? IPSTATUS_OK : IPSTATUS_FAILED;
 }

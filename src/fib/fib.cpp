@@ -13,7 +13,9 @@ namespace {
 
 using ipc::wire::Field;
 
-constexpr std::size_t kReplyCap = 8 + FIB_SEARCH_MAX_ENTRIES * FIB_SEARCH_ENTRY_SIZE;  // 16392
+// A search's request and reply start with the count of entries (host order).
+constexpr std::size_t kHead = ipc::proto::fib::kSearchReplyHead;
+constexpr std::size_t kReplyCap = kHead + FIB_SEARCH_MAX_ENTRIES * FIB_SEARCH_ENTRY_SIZE;  // 16392
 
 // Big-endian fields of the global data records; the bytes between them are not copied.
 constexpr std::array<Field, 17> kSpec4Fields{{{0, 4}, {4, 4}, {8, 4}, {16, 4}, {24, 4}, {28, 4}, {32, 4},
@@ -24,21 +26,22 @@ constexpr std::array<Field, 10> kSpec6Fields{
 
 template <std::size_t KeyLen>
 std::uint32_t search(std::uint32_t command, const void* key, std::uint64_t* count, void* entries) noexcept {
-    std::uint8_t request[8 + KeyLen];
-    std::memcpy(request, count, 8);
-    std::memcpy(request + 8, key, KeyLen);
+    std::uint8_t request[kHead + KeyLen];
+    std::memcpy(request, count, kHead);
+    std::memcpy(request + kHead, key, KeyLen);
     std::uint8_t reply[kReplyCap];  // 16 KiB on the caller's stack, for this call only
     std::uint32_t returned = 0;
     const std::uint32_t status = CIOCTL(ipc::kernel::kLocalNodeWord, command, sizeof request, request,
                                         sizeof reply, reply, &returned);
     if (status != IPSTATUS_OK) return status;
     std::uint64_t got = 0;
-    if (returned >= 8) std::memcpy(&got, reply, 8);
+    if (returned >= kHead) std::memcpy(&got, reply, kHead);
     // Never more than the reply holds, whatever count it claims.
-    const std::uint64_t held = returned > 8 ? (std::min<std::uint64_t>(returned, kReplyCap) - 8) / FIB_SEARCH_ENTRY_SIZE : 0;
+    const std::uint64_t held =
+        returned > kHead ? (std::min<std::uint64_t>(returned, kReplyCap) - kHead) / FIB_SEARCH_ENTRY_SIZE : 0;
     got = std::min(got, held);
     if (got < *count) *count = got;
-    std::memcpy(entries, reply + 8, static_cast<std::size_t>(*count) * FIB_SEARCH_ENTRY_SIZE);
+    std::memcpy(entries, reply + kHead, static_cast<std::size_t>(*count) * FIB_SEARCH_ENTRY_SIZE);
     return IPSTATUS_OK;
 }
 

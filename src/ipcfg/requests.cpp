@@ -4,12 +4,13 @@
 
 #include "ipclient/ipcfg.h"
 #include "ipplat/platform.h"
+#include "ipproto/lipc.hpp"
 #include "ipproto/wire.hpp"
 
 namespace {
 
 constexpr std::size_t kHeadLen = 16;
-constexpr std::uint16_t kOwnNode = 0x8000;
+constexpr std::uint16_t kOwnNode = ipc::proto::lipc::kOwnNode;
 
 // A request of BodyLen body bytes behind the 16-byte header {kind 0, length after the
 // first 8 bytes, message type, body length}. The buffer holds at least a whole reply, so

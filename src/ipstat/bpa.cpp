@@ -5,7 +5,9 @@
 #include "common/dump_handle.hpp"
 #include "ipclient/ipstat.h"
 #include "ipclient/lipc.h"
+#include "ipproto/lipc.hpp"
 #include "ipproto/raii.hpp"
+#include "ipproto/svc_daemons.hpp"
 #include "ipstat/request.hpp"
 
 namespace {
@@ -13,8 +15,8 @@ namespace {
 using namespace ipc::ipstat;
 
 constexpr std::uint32_t kBpaLen = IP_BPA_RECORDS * IP_BPA_COUNTERS * 8;  // 2560
-constexpr std::uint16_t kBpaCfgMessageType = 13;
-constexpr std::uint16_t kOwnNode = 0x8000;
+constexpr std::uint16_t kBpaCfgMessageType = ipc::proto::ipstack::kBpaCfgType;
+constexpr std::uint16_t kOwnNode = ipc::proto::lipc::kOwnNode;
 
 // One node's BPA records: counters 1-4 added, counter 5 stored over the caller's.
 std::uint32_t dump_node(std::uint16_t node, const ipc::wire::Frame<8>& req, std::uint64_t* records) noexcept {

@@ -4,6 +4,7 @@
 
 #include "ipclient/ipstat.h"
 #include "ipproto/kmod_ipstat.hpp"
+#include "ipproto/lipc.hpp"
 #include "ipproto/raii.hpp"
 #include "ipstat/request.hpp"
 
@@ -12,7 +13,7 @@ namespace {
 using namespace ipc::ipstat;
 using ipc::kernel::node_word;
 
-constexpr std::uint16_t kOwnNode = 0x8000;
+constexpr std::uint16_t kOwnNode = ipc::proto::lipc::kOwnNode;
 constexpr std::uint32_t kFwReplyCap = 256;
 constexpr std::uint32_t kFwReplyLen = 112;
 constexpr std::uint32_t kMibReplyCap = 256;

@@ -12,7 +12,7 @@ using namespace ipc::ipstat;
 using ipc::kernel::kLocalNodeWord;
 using ipc::kernel::node_word;
 
-constexpr std::uint32_t kNotSupported = 0x40010008u;
+constexpr std::uint32_t kNotSupported = IPSTATUS_NOT_SUPPORTED;
 constexpr std::uint32_t kTtlOnFailure = 255;
 
 // A reply of `words` big-endian words into the caller's buffer; converted when the status

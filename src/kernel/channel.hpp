@@ -5,10 +5,13 @@
 #include <cstdint>
 #include <span>
 
+#include "ipclient/status.h"
+#include "ipproto/lipc.hpp"
+
 namespace ipc::kernel {
 
 // The node number that addresses the caller's own node; the platform routes it.
-inline constexpr std::uint16_t kLocalNode = 0x8000;
+inline constexpr std::uint16_t kLocalNode = proto::lipc::kOwnNode;
 
 // A 16-bit node as the channel takes it: sign-extended, so 0x8000 becomes 0xFFFF8000.
 constexpr std::uint32_t node_word(std::uint16_t node) noexcept {
@@ -27,7 +30,7 @@ std::uint32_t ipaddr_DrvkCioctl(std::uint32_t request_len, const void* request, 
 // own code differs, 0x40010005 for the ARP readers). Other statuses pass through unchanged;
 // readers that fold them into a code of their own do so themselves.
 std::uint32_t read_fixed(std::uint32_t node, std::uint32_t command, std::span<const std::uint8_t> request,
-                         std::span<std::uint8_t> reply, std::uint32_t wrong_length = 0x40010001u) noexcept;
+                         std::span<std::uint8_t> reply, std::uint32_t wrong_length = IPSTATUS_FAILED) noexcept;
 
 // How a per-node counter reader treats the nodes and their replies.
 enum class NodeWalk {

@@ -4,11 +4,12 @@
 
 #include "ipclient/lipc.h"
 #include "ipplat/platform.h"
+#include "ipproto/lipc.hpp"
 #include "ipproto/raii.hpp"
 
 namespace {
 
-constexpr std::uint16_t kOwnNode = 0x8000;
+constexpr std::uint16_t kOwnNode = ipc::proto::lipc::kOwnNode;
 
 char g_default_service_name[] = "IPStack";
 

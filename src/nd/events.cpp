@@ -13,6 +13,7 @@
 
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
@@ -21,15 +22,10 @@ namespace {
 constexpr std::uint16_t kPort = ADJ_PORT_ND;
 constexpr std::uint32_t kSendTimeout = 5;
 constexpr std::uint32_t kRecvTimeout = 2;
-constexpr std::uint8_t kSubscribe = 19;
-constexpr std::uint8_t kBatchReplay = 36;
-constexpr std::uint8_t kBatchByVsi = 40;
-constexpr std::uint8_t kBatchByIf = 65;
-constexpr std::uint8_t kAddConcerned = 67;
-constexpr std::uint8_t kDelConcerned = 68;
-constexpr std::size_t kHead = ND_EVENT_RECORD_HEAD;
+using namespace ipc::proto::adj6;  // message types of the service
+constexpr std::size_t kHead = ipc::proto::adj::kRecordHead;
 constexpr std::size_t kBody = ND_EVENT_RECORD_LEN;
-constexpr std::size_t kFullRecord = kHead + kBody;  // 72
+constexpr std::size_t kFullRecord = kEventRecordLen;  // 72
 
 static_assert(sizeof(NdEventRecord) == kBody);
 static_assert(sizeof(NdEventProcNode) == 32, "the subscription node is 32 bytes");

@@ -14,6 +14,7 @@
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
 #include "ipproto/raii.hpp"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "lipc/socket.hpp"
 
@@ -22,32 +23,8 @@ namespace {
 using ipc::wire::Field;
 using ipc::wire::Frame;
 
-// Message types on the IPv6 adjacency service's port.
-enum MsgType : std::uint8_t {
-    kSwitch = 0,
-    kOpenFlowSmooth = 11,
-    kRuleRefresh = 15,
-    kRuleDelete = 16,
-    kRuleSmoothStart = 17,
-    kRuleSmoothEnd = 18,
-    kOpenFlowRefresh = 27,
-    kOpenFlowDelete = 28,
-    kVsiRefresh = 60,
-    kVsiDelete = 61,
-    kVsiSmoothStart = 62,
-    kVsiSmoothEnd = 63,
-    kRoaming = 80,
-};
-
-// First byte of the OpenFlow smooth marker.
-constexpr std::uint8_t kSmoothStartMark = 2;
-constexpr std::uint8_t kSmoothEndMark = 3;
-
-// Request codes of the overlay suppression switch (payload byte 0).
-enum SwitchCode : std::uint8_t {
-    kSetOverlay = 26,
-    kGetOverlay = 100,
-};
+using namespace ipc::proto::adj6;  // message types and smooth marks of the ND table service
+using namespace ipc::proto::nd_overlay;  // the overlay suppression service
 
 constexpr std::uint32_t kNoTimeout = ADJ_TIMEOUT_DEFAULT;
 constexpr std::uint32_t kSwitchTimeout = 5;

@@ -85,7 +85,8 @@ std::string interface_name(std::uint32_t ifindex);
 // One printer per record type, for show and for monitor alike.
 Record addr_record(const struct IPAddrEntry& e);
 // An ARP entry as its printer takes it, read from whichever of the module's layouts a call
-// returns (ipproto/kmod_arp.hpp); mac points into the record it was read from.
+// returns (ipproto/kmod_arp.hpp, ipproto/svc_adj.hpp); mac points into the record it was read
+// from.
 struct ArpEntry {
     std::uint32_t addr = 0;  // network order
     std::uint32_t ifindex = 0;

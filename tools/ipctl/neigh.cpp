@@ -22,6 +22,7 @@
 #include "ipclient/nd.h"
 #include "ipctl.hpp"
 #include "ipproto/kmod_arp.hpp"
+#include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "progress.hpp"
 
@@ -205,7 +206,7 @@ ArpEntry arp_from_lookup(const std::uint8_t* entry) {
 }
 
 ArpEntry arp_from_event(const std::uint8_t* entry, unsigned vrf) {
-    namespace at = arp::event;
+    namespace at = ipc::proto::adj4::event;
     // State and kind are words in the event; the table keeps them as bytes.
     return ArpEntry{host_at<std::uint32_t>(entry + at::kAddr),
                     host_at<std::uint32_t>(entry + at::kIfIndex),
