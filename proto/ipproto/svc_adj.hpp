@@ -53,7 +53,7 @@ enum MsgType : std::uint8_t {
     kVsiSmoothEnd = 51,
     kBatchReplay = 52,
     kOpenFlowVerify = 53,
-    kOpenFlowVerifyEnd = 54,
+    kOpenFlowVerifyEnd = 54,  // from the service: the head alone ends a verification
     kBatchByVsi = 56,
     kOpenFlowSmoothStart = 63,
     kOpenFlowSmoothEnd = 64,

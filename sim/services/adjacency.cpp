@@ -284,7 +284,7 @@ private:
             case Op::kVerify: {
                 std::uint8_t head[kHeader];
                 Writer w(head);
-                w.be(std::uint8_t{54}).zeros(1).be(std::uint16_t{0}).be(std::uint16_t{0});
+                w.be(std::uint8_t{adj4::kOpenFlowVerifyEnd}).zeros(1).be(std::uint16_t{0}).be(std::uint16_t{0});
                 send(w.bytes());
                 return;
             }
