@@ -11,6 +11,10 @@
 #include "ipclient/status.h"
 #include "leaf_mutex.hpp"
 
+// The simulator answers a pull that leaves more with the device status IPSTATUS_MORE_DATA;
+// the platform hands it on under its own name.
+static_assert(DUMP_MORE_DATA == IPSTATUS_MORE_DATA);
+
 namespace ipp {
 namespace {
 

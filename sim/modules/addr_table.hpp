@@ -33,7 +33,7 @@ inline constexpr std::uint32_t kAddrConflict = IPSTATUS_ADDR_CONFLICT;  // confl
 inline constexpr std::uint32_t kAddrLastBatch = IPADDR_LAST_BATCH; // the batch holds the last entries
 
 inline constexpr std::uint16_t kAnyVrf = 0xFFFF;
-inline constexpr std::uint32_t kAnyIf = 0xFFFFFFFFu;
+inline constexpr std::uint32_t kAnyIf = IPADDR_ANY_IFINDEX;
 
 // Per-interface settings, kept with the addresses.
 struct IfSettings {
