@@ -4,6 +4,7 @@
 
 #include "context.hpp"
 #include "core/log.hpp"
+#include "core/status.hpp"
 #include "device/libraries.hpp"
 #include "ipclient/status.h"
 #include "ipproto/device.hpp"
@@ -15,8 +16,6 @@ namespace {
 using ipc::device::Call;
 using ipc::wire::Reader;
 using ipc::wire::Writer;
-
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 
 const char* call_name(std::uint32_t c) {
     static constexpr const char* kNames[] = {"",           "hello",         "cioctl",        "device",

@@ -9,7 +9,7 @@ namespace sim {
 namespace {
 
 namespace codec = ipc::proto::addr;
-using codec::Op;
+using AddrOp = codec::Op;
 using ipc::wire::Reader;
 using ipc::wire::Writer;
 
@@ -37,46 +37,46 @@ void write_entry(Writer& w, const IPAddrEntry& e) { write_record(w, e, codec::kE
 void write_info(Writer& w, const IPAddrInfo& i) { write_record(w, i, codec::kInfoFields); }
 
 // Expected payload length of each operation.
-constexpr std::size_t payload_len(Op op) {
+constexpr std::size_t payload_len(AddrOp op) {
     switch (op) {
-        case Op::kAddIP: return 52;
-        case Op::kDelIP: return 20;
-        case Op::kLookupAddr: return 28;
-        case Op::kGetConflictAddr: return 28;
-        case Op::kGetMatchAddr: return 32;
-        case Op::kGetMatchAddrNum: return 28;
-        case Op::kGetMatchBestNet: return 28;
-        case Op::kGetNextAddrOnIf: return 32;
-        case Op::kGetPriorAddrOnIf: return 8;
-        case Op::kGetFwdAddrInVrf: return 2;
-        case Op::kGetNextAddrInVrf: return 34;
-        case Op::kSetCfgMethod: return 8;
-        case Op::kClearCfgMethod: return 8;
-        case Op::kGetIFMethod: return 4;
-        case Op::kGetBatchAddrOnIF: return 28;
-        case Op::kGetNextIf: return 4;
-        case Op::kGetBatchEvNotify: return 28;
-        case Op::kGetRTEvNotifyInfo: return 0;
-        case Op::kGetAddrCountOnIF: return 12;
-        case Op::kSetDbgInfo: return 8;
-        case Op::kGetDbgInfo: return 2;
-        case Op::kIncAddrGlobalEpoch: return 8;
-        case Op::kGetAddrGlobalEpoch: return 8;
-        case Op::kSelectSrcAddr: return 14;
-        case Op::kSetDrvMethod: return 8;
-        case Op::kGetLoopBackInfo: return 4;
-        case Op::kModMainIP: return 72;
-        case Op::kSearchGWAddr: return 10;
-        case Op::kSetNetProtocol: return 12;
-        case Op::kGetNetProtoBit: return 4;
-        case Op::kGetMaxAddrInVrf: return 10;
-        case Op::kAddVFWIP: return 12;
-        case Op::kDelVFWIP: return 12;
-        case Op::kGetMac: return 24;
-        case Op::kSetMacType: return 6;
-        case Op::kGetMatchAddrByIP: return 8;
-        case Op::kGetNextMatchAddrByIP: return 32;
-        case Op::kGetConflictAddr2CfgRecover: return 28;
+        case AddrOp::kAddIP: return 52;
+        case AddrOp::kDelIP: return 20;
+        case AddrOp::kLookupAddr: return 28;
+        case AddrOp::kGetConflictAddr: return 28;
+        case AddrOp::kGetMatchAddr: return 32;
+        case AddrOp::kGetMatchAddrNum: return 28;
+        case AddrOp::kGetMatchBestNet: return 28;
+        case AddrOp::kGetNextAddrOnIf: return 32;
+        case AddrOp::kGetPriorAddrOnIf: return 8;
+        case AddrOp::kGetFwdAddrInVrf: return 2;
+        case AddrOp::kGetNextAddrInVrf: return 34;
+        case AddrOp::kSetCfgMethod: return 8;
+        case AddrOp::kClearCfgMethod: return 8;
+        case AddrOp::kGetIFMethod: return 4;
+        case AddrOp::kGetBatchAddrOnIF: return 28;
+        case AddrOp::kGetNextIf: return 4;
+        case AddrOp::kGetBatchEvNotify: return 28;
+        case AddrOp::kGetRTEvNotifyInfo: return 0;
+        case AddrOp::kGetAddrCountOnIF: return 12;
+        case AddrOp::kSetDbgInfo: return 8;
+        case AddrOp::kGetDbgInfo: return 2;
+        case AddrOp::kIncAddrGlobalEpoch: return 8;
+        case AddrOp::kGetAddrGlobalEpoch: return 8;
+        case AddrOp::kSelectSrcAddr: return 14;
+        case AddrOp::kSetDrvMethod: return 8;
+        case AddrOp::kGetLoopBackInfo: return 4;
+        case AddrOp::kModMainIP: return 72;
+        case AddrOp::kSearchGWAddr: return 10;
+        case AddrOp::kSetNetProtocol: return 12;
+        case AddrOp::kGetNetProtoBit: return 4;
+        case AddrOp::kGetMaxAddrInVrf: return 10;
+        case AddrOp::kAddVFWIP: return 12;
+        case AddrOp::kDelVFWIP: return 12;
+        case AddrOp::kGetMac: return 24;
+        case AddrOp::kSetMacType: return 6;
+        case AddrOp::kGetMatchAddrByIP: return 8;
+        case AddrOp::kGetNextMatchAddrByIP: return 32;
+        case AddrOp::kGetConflictAddr2CfgRecover: return 28;
     }
     return SIZE_MAX;
 }
@@ -107,7 +107,7 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
     Reader r(request.data(), request.size());
     const std::uint32_t op_word = r.be<std::uint32_t>();
     const std::uint32_t len = r.be<std::uint32_t>();
-    if (!r.ok() || !known(op_word) || len != r.remaining() || len != payload_len(static_cast<Op>(op_word))) {
+    if (!r.ok() || !known(op_word) || len != r.remaining() || len != payload_len(static_cast<AddrOp>(op_word))) {
         return kAddrFailure;
     }
     Writer w(reply);
@@ -121,13 +121,13 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
         return done(kAddrOk);
     };
 
-    switch (static_cast<Op>(op_word)) {
-        case Op::kAddIP: return add(read_info(r));
-        case Op::kDelIP: {
+    switch (static_cast<AddrOp>(op_word)) {
+        case AddrOp::kAddIP: return add(read_info(r));
+        case AddrOp::kDelIP: {
             const IPAddrKey k = read_key(r);
             return table_.remove(k.uiIfIndex, k.uiAddr) ? kAddrOk : kAddrFailure;
         }
-        case Op::kLookupAddr: {
+        case AddrOp::kLookupAddr: {
             const IPAddrEntry e = read_entry(r);
             const IPAddrKey& k = e.stKey;
             const IPAddrInfo* rec = nullptr;
@@ -144,26 +144,26 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             write_info(w, *rec);
             return done(kAddrOk);
         }
-        case Op::kGetConflictAddr:
-        case Op::kGetConflictAddr2CfgRecover: {
+        case AddrOp::kGetConflictAddr:
+        case AddrOp::kGetConflictAddr2CfgRecover: {
             const IPAddrEntry e = read_entry(r);
             const IPAddrInfo* c = table_.conflict(e);
             write_entry(w, c != nullptr ? c->stEntry : e);
             return done(c != nullptr ? kAddrConflict : kAddrOk);
         }
-        case Op::kGetMatchAddr: {
+        case AddrOp::kGetMatchAddr: {
             const IPAddrEntry key = read_entry(r);
             const std::uint32_t wanted = r.be<std::uint32_t>();
             const std::size_t limit = std::min<std::size_t>(wanted, reply.size() / sizeof(IPAddrEntry));
             for (const IPAddrInfo* rec : table_.match(key, limit)) write_entry(w, rec->stEntry);
             return done(kAddrOk);
         }
-        case Op::kGetMatchAddrNum: {
+        case AddrOp::kGetMatchAddrNum: {
             w.be(static_cast<std::uint32_t>(table_.match_count(read_entry(r))));
             return done(kAddrOk);
         }
-        case Op::kGetMatchBestNet: return entry_or_fail(table_.best_net(read_entry(r)));
-        case Op::kGetNextAddrOnIf: {
+        case AddrOp::kGetMatchBestNet: return entry_or_fail(table_.best_net(read_entry(r)));
+        case AddrOp::kGetNextAddrOnIf: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             const std::uint32_t mask = r.be<std::uint32_t>();
             const std::uint32_t mode = r.be<std::uint32_t>();
@@ -173,11 +173,11 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             write_info(w, *rec);
             return done(kAddrOk);
         }
-        case Op::kGetPriorAddrOnIf: {
+        case AddrOp::kGetPriorAddrOnIf: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             return entry_or_fail(table_.prior(ifindex, r.be<std::uint32_t>()));
         }
-        case Op::kGetFwdAddrInVrf: {
+        case AddrOp::kGetFwdAddrInVrf: {
             const std::uint16_t vrf = r.be<std::uint16_t>();
             const IPAddrInfo* found = nullptr;
             table_.each([&](const IPAddrInfo& rec) {
@@ -189,33 +189,33 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             });
             return entry_or_fail(found != nullptr ? found : table_.first_in_vrf(vrf, 0));
         }
-        case Op::kGetNextAddrInVrf: {
+        case AddrOp::kGetNextAddrInVrf: {
             const std::uint32_t mask = r.be<std::uint32_t>();
             const std::uint16_t vrf = r.be<std::uint16_t>();
             return entry_or_fail(table_.next_in_vrf(vrf, mask, read_entry(r)));
         }
-        case Op::kSetCfgMethod:
-        case Op::kClearCfgMethod: {
+        case AddrOp::kSetCfgMethod:
+        case AddrOp::kClearCfgMethod: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             const std::uint32_t bits = r.be<std::uint32_t>();
             if (device_.interface(ifindex) == nullptr) return kAddrFailure;
             IfSettings& s = table_.settings(ifindex);
-            s.cfg_methods = static_cast<Op>(op_word) == Op::kSetCfgMethod ? (s.cfg_methods | bits) : (s.cfg_methods & ~bits);
+            s.cfg_methods = static_cast<AddrOp>(op_word) == AddrOp::kSetCfgMethod ? (s.cfg_methods | bits) : (s.cfg_methods & ~bits);
             table_.settings_changed(ifindex);
             return kAddrOk;
         }
-        case Op::kGetIFMethod: {
+        case AddrOp::kGetIFMethod: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             if (device_.interface(ifindex) == nullptr) return kAddrFailure;
             w.be(table_.methods_on(ifindex));
             return done(kAddrOk);
         }
-        case Op::kGetBatchAddrOnIF:
-        case Op::kGetBatchEvNotify: {
+        case AddrOp::kGetBatchAddrOnIF:
+        case AddrOp::kGetBatchEvNotify: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             const std::uint32_t mask = r.be<std::uint32_t>();
             const IPAddrKey k = read_key(r);
-            const bool events = static_cast<Op>(op_word) == Op::kGetBatchEvNotify;
+            const bool events = static_cast<AddrOp>(op_word) == AddrOp::kGetBatchEvNotify;
             const std::size_t rec_len = events ? 40 : sizeof(IPAddrInfo);
             bool last = true;
             const std::uint32_t start_if = (k.uiAddr == 0 && k.usVrfIndex == kAnyVrf) ? 0 : k.uiIfIndex;
@@ -229,26 +229,26 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             }
             return done(last ? kAddrLastBatch : kAddrOk);
         }
-        case Op::kGetNextIf: {
+        case AddrOp::kGetNextIf: {
             const std::uint32_t next = table_.next_interface(r.be<std::uint32_t>());
             if (next == 0) return kAddrFailure;
             w.be(next);
             return done(kAddrOk);
         }
-        case Op::kGetRTEvNotifyInfo: {
+        case AddrOp::kGetRTEvNotifyInfo: {
             std::uint32_t interfaces = 0;
             for (std::uint32_t i = table_.next_interface(0); i != 0; i = table_.next_interface(i)) ++interfaces;
             w.be(table_.epoch()).be(static_cast<std::uint32_t>(table_.size())).be(interfaces);
             return done(kAddrOk);
         }
-        case Op::kGetAddrCountOnIF: {
+        case AddrOp::kGetAddrCountOnIF: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             const std::uint32_t mask = r.be<std::uint32_t>();
             const std::uint32_t vrf = r.be<std::uint32_t>();
             w.be(table_.count(ifindex, mask, static_cast<std::uint16_t>(vrf > 0xFFFF ? kAnyVrf : vrf)));
             return done(kAddrOk);
         }
-        case Op::kSetDbgInfo: {
+        case AddrOp::kSetDbgInfo: {
             const std::uint16_t item = r.be<std::uint16_t>();
             const std::uint16_t how = r.be<std::uint16_t>();
             const std::uint32_t word = r.be<std::uint32_t>();
@@ -261,16 +261,16 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             }
             return kAddrOk;
         }
-        case Op::kGetDbgInfo: {
+        case AddrOp::kGetDbgInfo: {
             w.be(debug_word(node, r.be<std::uint16_t>()));
             return done(kAddrOk);
         }
-        case Op::kIncAddrGlobalEpoch: table_.bump_epoch(); return kAddrOk;
-        case Op::kGetAddrGlobalEpoch: {
+        case AddrOp::kIncAddrGlobalEpoch: table_.bump_epoch(); return kAddrOk;
+        case AddrOp::kGetAddrGlobalEpoch: {
             w.be(static_cast<std::uint8_t>(table_.epoch() & 0xFF));
             return done(kAddrOk);
         }
-        case Op::kSelectSrcAddr: {
+        case AddrOp::kSelectSrcAddr: {
             std::uint32_t dst = 0, want = 0;
             r.raw_into(&dst, 4);
             const std::uint16_t vrf = r.be<std::uint16_t>();
@@ -293,7 +293,7 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             w.raw(&src->stEntry.stKey.uiAddr, 4);
             return done(kAddrOk);
         }
-        case Op::kSetDrvMethod: {
+        case AddrOp::kSetDrvMethod: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             const std::uint32_t method = r.be<std::uint32_t>();
             if (!device_.serves(node, ifindex)) return kAddrFailure;
@@ -301,13 +301,13 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             table_.settings_changed(ifindex);
             return kAddrOk;
         }
-        case Op::kGetLoopBackInfo: {
+        case AddrOp::kGetLoopBackInfo: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             if (!device_.serves(node, ifindex)) return kAddrFailure;
             w.be(static_cast<std::uint16_t>(device_.interface(ifindex)->type == kTypeLoopback ? 1 : 0));
             return done(kAddrOk);
         }
-        case Op::kModMainIP: {
+        case AddrOp::kModMainIP: {
             const IPAddrKey old = read_key(r);
             IPAddrInfo next = read_info(r);
             const IPAddrInfo* was = table_.find(old.uiIfIndex, old.uiAddr);
@@ -321,13 +321,13 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             table_.put(next);
             return kAddrOk;
         }
-        case Op::kSearchGWAddr: {
+        case AddrOp::kSearchGWAddr: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             std::uint32_t gw = 0;
             r.raw_into(&gw, 4);
             return entry_or_fail(table_.gateway(ifindex, gw, r.be<std::uint16_t>()));
         }
-        case Op::kSetNetProtocol: {
+        case AddrOp::kSetNetProtocol: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             const std::uint32_t bits = r.be<std::uint32_t>();
             const std::uint32_t action = r.be<std::uint32_t>();
@@ -337,17 +337,17 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             table_.settings_changed(ifindex);
             return kAddrOk;
         }
-        case Op::kGetNetProtoBit: {
+        case AddrOp::kGetNetProtoBit: {
             const IfSettings* s = table_.find_settings(r.be<std::uint32_t>());
             w.be(s != nullptr ? s->net_proto : 0u);
             return done(kAddrOk);
         }
-        case Op::kGetMaxAddrInVrf: {
+        case AddrOp::kGetMaxAddrInVrf: {
             const std::uint16_t vrf = r.be<std::uint16_t>();
             const std::uint32_t mask = r.be<std::uint32_t>();
             return entry_or_fail(table_.max_in_vrf(vrf, mask, r.be<std::uint32_t>()));
         }
-        case Op::kAddVFWIP: {
+        case AddrOp::kAddVFWIP: {
             const std::uint32_t id = r.be<std::uint32_t>();
             std::uint32_t addr = 0;
             r.raw_into(&addr, 4);
@@ -355,12 +355,12 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             table_.bump_epoch();
             return kAddrOk;
         }
-        case Op::kDelVFWIP: {
+        case AddrOp::kDelVFWIP: {
             const bool gone = vfw_.erase(r.be<std::uint32_t>()) != 0;
             if (gone) table_.bump_epoch();
             return gone ? kAddrOk : kAddrFailure;
         }
-        case Op::kGetMac: {
+        case AddrOp::kGetMac: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             (void)r.be<std::uint16_t>();
             const std::uint16_t presence = r.be<std::uint16_t>();
@@ -374,20 +374,20 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
             w.raw(itf->mac, 6).be(static_cast<std::uint32_t>(s != nullptr ? s->mac_type : 0));
             return done(kAddrOk);
         }
-        case Op::kSetMacType: {
+        case AddrOp::kSetMacType: {
             const std::uint32_t ifindex = r.be<std::uint32_t>();
             if (device_.interface(ifindex) == nullptr) return kAddrFailure;
             table_.settings(ifindex).mac_type = r.be<std::uint16_t>();
             table_.settings_changed(ifindex);
             return kAddrOk;
         }
-        case Op::kGetMatchAddrByIP: {
+        case AddrOp::kGetMatchAddrByIP: {
             const std::uint32_t word = r.be<std::uint32_t>();
             std::uint32_t addr = 0;
             r.raw_into(&addr, 4);
             return entry_or_fail(table_.by_ip(addr, static_cast<std::uint16_t>(word > 0xFFFF ? kAnyVrf : word), 0, false));
         }
-        case Op::kGetNextMatchAddrByIP: {
+        case AddrOp::kGetNextMatchAddrByIP: {
             const std::uint32_t word = r.be<std::uint32_t>();
             const IPAddrEntry pos = read_entry(r);
             return entry_or_fail(table_.by_ip(pos.stKey.uiAddr, static_cast<std::uint16_t>(word > 0xFFFF ? kAnyVrf : word),

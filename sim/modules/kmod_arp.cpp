@@ -11,6 +11,7 @@
 
 #include "context.hpp"
 #include "control/args.hpp"
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/wire.hpp"
 #include "modules/resolver.hpp"
@@ -20,7 +21,6 @@ namespace {
 
 using ipc::wire::Writer;
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::uint8_t kArp = 2;
 using namespace ipc::proto::arp;  // sub-operations, request shapes and record layouts
 
@@ -84,18 +84,6 @@ const char* kind_name(NeighKind k) {
         case NeighKind::kSet: return "set";
     }
     return "unknown";
-}
-
-std::string address_text(const Neighbour& n) {
-    char buf[INET6_ADDRSTRLEN] = {};
-    ::inet_ntop(n.family == 10 ? AF_INET6 : AF_INET, n.addr.data(), buf, sizeof buf);
-    return buf;
-}
-
-std::string mac_text(const std::array<std::uint8_t, 6>& mac) {
-    char buf[18];
-    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
-    return buf;
 }
 
 nlohmann::json entry_json(const Context& ctx, const Neighbour& n) {

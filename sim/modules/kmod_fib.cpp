@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/wire.hpp"
 
@@ -12,7 +13,6 @@ using ipc::wire::Writer;
 
 namespace fib = ipc::proto::fib;
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::size_t kSearchMax = ipc::proto::fib::kSearchMaxEntries;
 constexpr std::size_t kSearchEntry = ipc::proto::fib::kSearchEntryLen;
 constexpr std::uint16_t kMaxPaths = 8;

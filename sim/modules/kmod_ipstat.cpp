@@ -4,6 +4,7 @@
 
 #include "context.hpp"
 #include "control/args.hpp"
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/kmod_ipstat.hpp"
 #include "ipproto/wire.hpp"
@@ -15,21 +16,20 @@ using ipc::wire::Reader;
 using ipc::wire::Writer;
 using json = nlohmann::json;
 using namespace ipstat;
-using ipc::proto::ipstat::Op;
+using StatOp = ipc::proto::ipstat::Op;
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::size_t kFwReplyLen = 112;
 constexpr std::size_t kBpaLen = kBpaRecords * kBpaCounters * 8;  // 2560
 
 // Operations whose data is an interface index or a value.
-bool takes_data(Op op) {
+bool takes_data(StatOp op) {
     switch (op) {
-        case Op::kFwIfStat:
-        case Op::kIcmpIfStat:
-        case Op::kIfMtu:
-        case Op::kSetDefTtl:
-        case Op::kMibIfStat:
-        case Op::kClearFwIfStat: return true;
+        case StatOp::kFwIfStat:
+        case StatOp::kIcmpIfStat:
+        case StatOp::kIfMtu:
+        case StatOp::kSetDefTtl:
+        case StatOp::kMibIfStat:
+        case StatOp::kClearFwIfStat: return true;
         default: return false;
     }
 }
@@ -180,70 +180,70 @@ std::uint32_t IpStatModule::handle(Context& ctx, std::uint16_t node, std::span<c
                                    std::span<std::uint8_t> reply, std::uint32_t* returned) {
     *returned = 0;
     Reader r(request.data(), request.size());
-    const auto op = static_cast<Op>(r.be<std::uint16_t>());
+    const auto op = static_cast<StatOp>(r.be<std::uint16_t>());
     const auto len = r.be<std::uint16_t>();
     if (!r.ok() || len != r.remaining() || (len != 0 && len != 4) || takes_data(op) != (len == 4)) return kFailure;
     const std::uint32_t data = len == 4 ? r.be<std::uint32_t>() : 0;
     // Every operation with data names an interface except the TTL's.
-    const bool names_if = len == 4 && op != Op::kSetDefTtl;
+    const bool names_if = len == 4 && op != StatOp::kSetDefTtl;
     if (names_if && ctx.device.interface(data) == nullptr) return kFailure;
 
     Writer w(reply);
     const Settings& s = settings(node);
     const NodeIf key{node, data};
     switch (op) {
-        case Op::kShowIpStat: {
+        case StatOp::kShowIpStat: {
             const auto it = ip_.find(node);
             for (std::size_t i = 0; i < kIpCounters; ++i) {
                 w.be(it != ip_.end() ? static_cast<std::uint32_t>(it->second.total[i] - it->second.at_reset[i]) : 0u);
             }
             break;
         }
-        case Op::kIpStat: {
+        case StatOp::kIpStat: {
             const auto it = ip_.find(node);
             put_all(w, it != ip_.end() ? it->second.total : IpCounters{});
             break;
         }
-        case Op::kFwIfStat: {
+        case StatOp::kFwIfStat: {
             const auto it = fw_.find(key);
             const FwState st = it != fw_.end() ? it->second : FwState{};
             put_all(w, st.counters);
             w.be(data).be(static_cast<std::uint32_t>(node)).be(st.cleared_at).zeros(kFwReplyLen - 80);
             break;
         }
-        case Op::kIcmpIfStat: {
+        case StatOp::kIcmpIfStat: {
             const auto it = icmp_.find(data);
             put_all(w, it != icmp_.end() ? it->second : IcmpCounters{});
             break;
         }
-        case Op::kIfMtu: w.be(mtu(ctx, data)); break;
-        case Op::kSetDefTtl: {
+        case StatOp::kIfMtu: w.be(mtu(ctx, data)); break;
+        case StatOp::kSetDefTtl: {
             if (data < 1 || data > 255) return kFailure;
             Settings changed = s;
             changed.ttl = data;
             set_settings(ctx, node, changed);
             return 0;
         }
-        case Op::kGetDefTtl: w.be(s.ttl); break;
-        case Op::kEcmp: w.be(s.ecmp_paths).be(kEcmpBound); break;
-        case Op::kEcmpMode:
+        case StatOp::kGetDefTtl: w.be(s.ttl); break;
+        case StatOp::kEcmp: w.be(s.ecmp_paths).be(kEcmpBound); break;
+        case StatOp::kEcmpMode:
             w.be(s.ecmp_mode).be(s.ecmp_paths).be(kEcmpBound).be(s.load_sharing).be(s.hash_fields).be(s.hash_seed);
             w.be(flag(s.local_first)).zeros(4);
             break;
-        case Op::kConf: w.be(flag(s.forwarding)).be(s.ttl).be(s.ecmp_paths).be(s.ecmp_mode); break;
-        case Op::kMibIfStat: {
+        case StatOp::kConf: w.be(flag(s.forwarding)).be(s.ttl).be(s.ecmp_paths).be(s.ecmp_mode); break;
+        case StatOp::kMibIfStat: {
             const auto it = mib_.find(key);
             put_all(w, it != mib_.end() ? it->second : MibCounters{});
             break;
         }
-        case Op::kClearFwIfStat: {
+        case StatOp::kClearFwIfStat: {
             FwState& st = fw_[key];
             st.counters = {};
             st.cleared_at = ctx.uptime();
             return 0;
         }
-        case Op::kLoadSharing: w.be(s.load_sharing).be(s.hash_fields).be(s.hash_seed).be(flag(s.local_first)); break;
-        case Op::kFwConf: w.be(fw_conf(s)); break;
+        case StatOp::kLoadSharing: w.be(s.load_sharing).be(s.hash_fields).be(s.hash_seed).be(flag(s.local_first)); break;
+        case StatOp::kFwConf: w.be(fw_conf(s)); break;
         default: return kFailure;
     }
     // A reply that does not fit the caller's room is not given at all.
@@ -258,7 +258,7 @@ std::unique_ptr<DumpCursor> IpStatModule::dump(const Context& ctx, std::uint16_t
     const auto op = r.be<std::uint16_t>();
     const auto len = r.be<std::uint16_t>();
     const auto ifindex = r.be<std::uint32_t>();
-    if (!r.ok() || r.remaining() != 0 || static_cast<Op>(op) != Op::kBpaStat || len != 4) return nullptr;
+    if (!r.ok() || r.remaining() != 0 || static_cast<StatOp>(op) != StatOp::kBpaStat || len != 4) return nullptr;
     if (ifindex != 0 && ctx.device.interface(ifindex) == nullptr) return nullptr;
     return std::make_unique<BpaDump>(bpa_of(node, ifindex));
 }

@@ -11,6 +11,7 @@
 
 #include "context.hpp"
 #include "control/args.hpp"
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/kmod_nd.hpp"
 #include "ipproto/wire.hpp"
@@ -23,7 +24,6 @@ using ipc::wire::Reader;
 using ipc::wire::Writer;
 using nlohmann::json;
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::uint8_t kFamily = 10;
 constexpr std::size_t kAddrLen = 16;
 constexpr std::size_t kMacLen = 6;
@@ -348,12 +348,6 @@ std::string hex(const std::uint8_t* p, std::size_t n) {
         s += b;
     }
     return s;
-}
-
-std::string mac_text(const std::array<std::uint8_t, kMacLen>& m) {
-    char b[18];
-    std::snprintf(b, sizeof b, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return b;
 }
 
 std::string addr_text(const NeighAddr& a) {

@@ -2,13 +2,13 @@
 
 #include <cstring>
 
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/wire.hpp"
 
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 using namespace ipc::proto::wlan;  // sub-operations and request layout
 
 // The words of a request are the caller's host-order values, copied unchanged.

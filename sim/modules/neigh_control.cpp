@@ -58,18 +58,6 @@ Neighbour entry_of(const Context& ctx, const nlohmann::json& req, std::string_vi
     return n;
 }
 
-std::string address_text(const Neighbour& n) {
-    char buf[INET6_ADDRSTRLEN] = {};
-    ::inet_ntop(n.family == 10 ? AF_INET6 : AF_INET, n.addr.data(), buf, sizeof buf);
-    return buf;
-}
-
-std::string mac_text(const arg::Mac& m) {
-    char buf[18];
-    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return buf;
-}
-
 }  // namespace
 
 void register_neigh_control(Context& ctx) {

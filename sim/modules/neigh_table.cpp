@@ -1,6 +1,23 @@
 #include "modules/neigh_table.hpp"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+
 namespace sim {
+
+std::string address_text(const Neighbour& n) {
+    char buf[INET6_ADDRSTRLEN] = {};
+    ::inet_ntop(n.family == AF_INET6 ? AF_INET6 : AF_INET, n.addr.data(), buf, sizeof buf);
+    return buf;
+}
+
+std::string mac_text(const std::array<std::uint8_t, 6>& mac) {
+    char buf[18];
+    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    return buf;
+}
 
 void NeighTable::report(NeighChange::Kind kind, const Neighbour& n) const {
     if (muted_) return;

@@ -14,6 +14,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -52,6 +53,11 @@ struct Neighbour {
 
     bool operator==(const Neighbour&) const = default;
 };
+
+// The entry's address as text ("10.1.1.1", "fe80::1") and a MAC as "00:11:22:33:44:55", for
+// logs and control answers.
+std::string address_text(const Neighbour& n);
+std::string mac_text(const std::array<std::uint8_t, 6>& mac);
 
 struct NeighChange {
     enum Kind : std::uint8_t { kAdd = 0, kUpdate = 1, kDelete = 2 } kind;

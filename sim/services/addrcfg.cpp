@@ -27,6 +27,7 @@
 #include <utility>
 
 #include "core/log.hpp"
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/kmod_addr.hpp"
 #include "ipproto/svc_addr.hpp"
@@ -39,7 +40,6 @@ namespace {
 using namespace ipc::proto::addr_svc;  // operations and sub-operations of the service
 
 constexpr std::uint32_t kOk = 0;
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::uint32_t kNoWait = 0x40;
 
 // One interface-configuration record in a control-socket message: [BE32 0][BE32 24]

@@ -10,6 +10,7 @@
 #include "context.hpp"
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
@@ -21,7 +22,6 @@ namespace {
 using ipc::wire::Reader;
 using ipc::wire::Writer;
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 using namespace ipc::proto::adj;  // message head, event types and the record header
 constexpr std::size_t kHeader = kMsgHeadLen;
 constexpr std::size_t kDatagram = kDatagramMax;

@@ -26,6 +26,7 @@
 // Instances and interfaces never set are off.
 #include <cstring>
 
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
@@ -34,11 +35,10 @@
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 // Most EVI instances whose suppression is on.
-constexpr std::size_t kMaxSwitches = 65536;
+constexpr std::size_t kMaxEviSwitches = 65536;
 using namespace ipc::proto::arp_daemon;  // message types, lengths and switch codes
-constexpr std::uint8_t kSwitchType = kSwitch;
+constexpr std::uint8_t kEviSwitchType = kSwitch;
 constexpr std::uint8_t kEntryType = kEntry;
 constexpr std::uint8_t kOpSet = 0, kOpRemove = 1;
 constexpr std::uint16_t kVlanMax = 4094;
@@ -51,7 +51,7 @@ public:
 protected:
     void message(std::span<const std::uint8_t> msg) override {
         const auto m = read_adj_message(msg);
-        const bool sized = m && ((m->type == kSwitchType && m->payload.size() == kSwitchLen) ||
+        const bool sized = m && ((m->type == kEviSwitchType && m->payload.size() == kSwitchLen) ||
                                  (m->type == kEntryType && m->payload.size() == kEntryLen));
         if (!sized) {
             capture_lipc(ctx_, *this, "request", msg, {{"error", "not an ARP daemon request"}});
@@ -101,16 +101,16 @@ private:
         const bool on = p[1] == 1;
         const auto instance = ipc::wire::load_be<std::uint32_t>(p.data() + 4);
         const auto ifindex = ipc::wire::load_be<std::uint32_t>(p.data() + 16);
-        capture_lipc(ctx_, *this, "request", msg, {{"type", kSwitchType}, {"code", code}});
+        capture_lipc(ctx_, *this, "request", msg, {{"type", kEviSwitchType}, {"code", code}});
         auto& evi = ctx_.arp.evi_suppression;
         auto& overlay = ctx_.arp.overlay_suppression;
         switch (code) {
             case kSetEvi:
                 if (instance == 0) return kFailure;
-                // A switch that is off is no entry; at most kMaxSwitches are on.
+                // A switch that is off is no entry; at most kMaxEviSwitches are on.
                 if (!on) {
                     evi.erase(instance);
-                } else if (evi.size() < kMaxSwitches || evi.count(instance) != 0) {
+                } else if (evi.size() < kMaxEviSwitches || evi.count(instance) != 0) {
                     evi[instance] = true;
                 } else {
                     return kFailure;

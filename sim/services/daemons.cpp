@@ -14,6 +14,7 @@
 // [BE32 result][BE32 0], result 0 or 0x40010001 for an unknown type, a length that
 // disagrees or an unknown interface. Settings persist with the interface's settings.
 #include "core/log.hpp"
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/kmod_ipstat.hpp"
 #include "ipproto/svc_daemons.hpp"
@@ -22,8 +23,6 @@
 
 namespace sim {
 namespace {
-
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 
 // A setting is stored before it is acknowledged (kStoreFailed, and undone, when it cannot be).
 class DaemonConn : public StoringConn {

@@ -11,6 +11,7 @@
 // Every answer is the bare 4-byte word. A message whose length disagrees with its header, of
 // another type or size, an unknown code or the VSI index 0xFFFFFFFF is answered with
 // [BE32 0x40010001]. The state is the device's (Context::nd), kept until the simulator ends.
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
@@ -19,11 +20,10 @@
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 // Most VSIs whose overlay suppression is on.
-constexpr std::size_t kMaxSwitches = 65536;
+constexpr std::size_t kMaxVsiSwitches = 65536;
 constexpr std::size_t kPayloadLen = ipc::proto::nd_overlay::kRequestLen;
-constexpr std::uint8_t kSwitchType = ipc::proto::nd_overlay::kSwitch;
+constexpr std::uint8_t kVsiSwitchType = ipc::proto::nd_overlay::kSwitch;
 constexpr std::uint8_t kCodeSet = ipc::proto::nd_overlay::kSetOverlay;
 constexpr std::uint8_t kCodeGet = ipc::proto::nd_overlay::kGetOverlay;
 constexpr std::uint32_t kNoVsi = 0xFFFFFFFFu;
@@ -36,7 +36,7 @@ public:
 protected:
     void message(std::span<const std::uint8_t> msg) override {
         const auto m = read_adj_message(msg);
-        if (!m || m->type != kSwitchType || m->payload.size() != kPayloadLen) {
+        if (!m || m->type != kVsiSwitchType || m->payload.size() != kPayloadLen) {
             capture_lipc(ctx_, *this, "request", msg, {{"error", "not an overlay suppression request"}});
             return answer(kFailure);
         }
@@ -49,10 +49,10 @@ protected:
         auto& table = ctx_.nd.overlay_suppression;
         switch (code) {
             case kCodeSet:
-                // A switch that is off is no entry; at most kMaxSwitches are on.
+                // A switch that is off is no entry; at most kMaxVsiSwitches are on.
                 if (!on) {
                     table.erase(vsi);
-                } else if (table.size() < kMaxSwitches || table.count(vsi) != 0) {
+                } else if (table.size() < kMaxVsiSwitches || table.count(vsi) != 0) {
                     table[vsi] = true;
                 } else {
                     return answer(kFailure);

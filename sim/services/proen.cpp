@@ -4,6 +4,7 @@
 
 #include "control/args.hpp"
 #include "core/log.hpp"
+#include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/svc_daemons.hpp"
 #include "ipproto/wire.hpp"
@@ -12,7 +13,6 @@
 namespace sim {
 namespace {
 
-constexpr std::uint32_t kFailure = IPSTATUS_FAILED;
 constexpr std::uint32_t kEnable = 1;
 constexpr std::uint32_t kSmoothStart = 4;
 constexpr std::uint32_t kSmoothEnd = 6;

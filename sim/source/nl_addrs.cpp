@@ -11,12 +11,12 @@
 namespace sim::nl {
 namespace {
 
-struct Attrs {
+struct AddrAttrs {
     const nlattr* tb[IFA_MAX + 1] = {};
 };
 
 int addr_attr_cb(const nlattr* attr, void* data) {
-    auto& a = *static_cast<Attrs*>(data);
+    auto& a = *static_cast<AddrAttrs*>(data);
     if (mnl_attr_type_valid(attr, IFA_MAX) < 0) return MNL_CB_OK;
     const std::uint16_t type = mnl_attr_get_type(attr);
     switch (type) {
@@ -36,7 +36,7 @@ int addr_cb(const nlmsghdr* nlh, void* data) {
     if (mnl_nlmsg_get_payload_len(nlh) < sizeof(ifaddrmsg)) return MNL_CB_OK;
     const auto* ifa = static_cast<const ifaddrmsg*>(mnl_nlmsg_get_payload(nlh));
     if (ifa->ifa_family != AF_INET) return MNL_CB_OK;
-    Attrs a;
+    AddrAttrs a;
     if (mnl_attr_parse(nlh, sizeof(*ifa), addr_attr_cb, &a) < 0) return MNL_CB_OK;
     // The local address; on a point-to-point link IFA_ADDRESS is the peer's.
     const nlattr* local = a.tb[IFA_LOCAL] != nullptr ? a.tb[IFA_LOCAL] : a.tb[IFA_ADDRESS];

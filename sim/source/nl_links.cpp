@@ -11,12 +11,12 @@
 namespace sim::nl {
 namespace {
 
-struct Attrs {
+struct LinkAttrs {
     const nlattr* tb[IFLA_MAX + 1] = {};
 };
 
 int link_attr_cb(const nlattr* attr, void* data) {
-    auto& a = *static_cast<Attrs*>(data);
+    auto& a = *static_cast<LinkAttrs*>(data);
     if (mnl_attr_type_valid(attr, IFLA_MAX) < 0) return MNL_CB_OK;
     const std::uint16_t type = mnl_attr_get_type(attr);
     int ok = 0;
@@ -75,7 +75,7 @@ int link_cb(const nlmsghdr* nlh, void* data) {
     if (nlh->nlmsg_type != RTM_NEWLINK && nlh->nlmsg_type != RTM_DELLINK) return MNL_CB_OK;
     if (mnl_nlmsg_get_payload_len(nlh) < sizeof(ifinfomsg)) return MNL_CB_OK;
     const auto* ifm = static_cast<const ifinfomsg*>(mnl_nlmsg_get_payload(nlh));
-    Attrs a;
+    LinkAttrs a;
     if (mnl_attr_parse(nlh, sizeof(*ifm), link_attr_cb, &a) < 0) return MNL_CB_OK;
 
     Link l;

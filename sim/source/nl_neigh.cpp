@@ -11,12 +11,12 @@
 namespace sim::nl {
 namespace {
 
-struct Attrs {
+struct NeighAttrs {
     const nlattr* tb[NDA_MAX + 1] = {};
 };
 
 int neigh_attr_cb(const nlattr* attr, void* data) {
-    auto& a = *static_cast<Attrs*>(data);
+    auto& a = *static_cast<NeighAttrs*>(data);
     if (mnl_attr_type_valid(attr, NDA_MAX) < 0) return MNL_CB_OK;
     const std::uint16_t type = mnl_attr_get_type(attr);
     if ((type == NDA_DST || type == NDA_LLADDR) && mnl_attr_validate(attr, MNL_TYPE_BINARY) >= 0) a.tb[type] = attr;
@@ -29,7 +29,7 @@ int neigh_cb(const nlmsghdr* nlh, void* data) {
     const auto* ndm = static_cast<const ndmsg*>(mnl_nlmsg_get_payload(nlh));
     if (ndm->ndm_family != AF_INET && ndm->ndm_family != AF_INET6) return MNL_CB_OK;
     const std::size_t alen = ndm->ndm_family == AF_INET ? 4 : 16;
-    Attrs a;
+    NeighAttrs a;
     if (mnl_attr_parse(nlh, sizeof(*ndm), neigh_attr_cb, &a) < 0) return MNL_CB_OK;
     if (a.tb[NDA_DST] == nullptr || mnl_attr_get_payload_len(a.tb[NDA_DST]) != alen) return MNL_CB_OK;
     Neigh n;

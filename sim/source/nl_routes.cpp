@@ -10,12 +10,12 @@
 namespace sim::nl {
 namespace {
 
-struct Attrs {
+struct RouteAttrs {
     const nlattr* tb[RTA_MAX + 1] = {};
 };
 
 int route_attr_cb(const nlattr* attr, void* data) {
-    auto& a = *static_cast<Attrs*>(data);
+    auto& a = *static_cast<RouteAttrs*>(data);
     if (mnl_attr_type_valid(attr, RTA_MAX) < 0) return MNL_CB_OK;
     const std::uint16_t type = mnl_attr_get_type(attr);
     int ok = 0;
@@ -45,7 +45,7 @@ int route_cb(const nlmsghdr* nlh, void* data) {
     const auto* rtm = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(nlh));
     if (rtm->rtm_family != AF_INET && rtm->rtm_family != AF_INET6) return MNL_CB_OK;
     const std::size_t alen = rtm->rtm_family == AF_INET ? 4 : 16;
-    Attrs a;
+    RouteAttrs a;
     if (mnl_attr_parse(nlh, sizeof(*rtm), route_attr_cb, &a) < 0) return MNL_CB_OK;
 
     Route r;
@@ -70,7 +70,7 @@ int route_cb(const nlmsghdr* nlh, void* data) {
             std::memcpy(&nh, first, sizeof nh);
             if (nh.rtnh_len >= sizeof nh && nh.rtnh_len <= room) {
                 r.oif = static_cast<std::uint32_t>(nh.rtnh_ifindex);
-                Attrs path;
+                RouteAttrs path;
                 const std::size_t head = (sizeof nh + 3u) & ~std::size_t{3};  // attributes start 4-aligned
                 if (nh.rtnh_len > head &&
                     mnl_attr_parse_payload(first + head, nh.rtnh_len - head, route_attr_cb, &path) >= 0) {

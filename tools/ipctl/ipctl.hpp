@@ -7,7 +7,9 @@
 // add_<object>(); a verb sets the action that main() runs once the command line is parsed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <optional>
 #include <string>
@@ -16,6 +18,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ipclient/kernel.h"
 #include "print.hpp"
 
 namespace ipctl {
@@ -78,12 +81,20 @@ CLI::App* add_verb(CLI::App* object, const std::string& name, const std::string&
 // An object's subcommand, which takes exactly one verb; usage lists its verbs.
 CLI::App* add_object(CLI::App& app, const std::string& name, const std::string& help, const std::string& usage);
 
+// A value stored in host order at byte `off` of a record, at any alignment.
+template <class U>
+U host_at(const void* p, std::size_t off = 0) {
+    U v;
+    std::memcpy(&v, static_cast<const std::uint8_t*>(p) + off, sizeof v);
+    return v;
+}
+
 // Interfaces by full name or index (as the device's directory knows them).
 std::uint32_t interface_index(const CLI::App& verb, const std::string& name);
 std::string interface_name(std::uint32_t ifindex);
 
 // One printer per record type, for show and for monitor alike.
-Record addr_record(const struct IPAddrEntry& e);
+Record addr_record(const IPAddrEntry& e);
 // An ARP entry as its printer takes it, read from whichever of the module's layouts a call
 // returns (ipproto/kmod_arp.hpp, ipproto/svc_adj.hpp); mac points into the record it was read
 // from.

@@ -52,13 +52,6 @@ std::string stamp() {
     return buf;
 }
 
-template <class U>
-U host_at(const void* p, std::size_t off) {
-    U v;
-    std::memcpy(&v, static_cast<const std::uint8_t*>(p) + off, sizeof v);
-    return v;
-}
-
 const char* neigh_event(std::uint32_t type) {
     switch (type) {
         case 0: return "add";

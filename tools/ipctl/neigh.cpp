@@ -172,17 +172,6 @@ void neigh_resolve(Context& ctx, const CLI::App& verb, Words words) {
 
 }  // namespace
 
-namespace {
-
-template <class U>
-U host_at(const std::uint8_t* p) {
-    U v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-}  // namespace
-
 ArpEntry arp_from_table(const std::uint8_t* entry) {
     namespace at = arp::entry;
     return ArpEntry{host_at<std::uint32_t>(entry + at::kAddr),

@@ -166,13 +166,6 @@ void show_v4(Context& ctx, const std::optional<std::string>& vrf, const std::opt
 
 // A route entry of a search (128 bytes, host order): 0 VRF, 4 outgoing interface, 8 prefix
 // length, 12 family, 16 next hop, 32 destination, 48 node, 52 flags (bit 0 active).
-template <class U>
-U host_at(const std::uint8_t* p) {
-    U v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
 Record entry_record(const std::uint8_t* e) {
     const bool v6 = host_at<std::uint16_t>(e + FIB_ENTRY_FAMILY_OFFSET) == 10;
     const std::string dst = (v6 ? inet6_text(e + 32) : inet4_text(host_at<std::uint32_t>(e + 32))) + "/" +
