@@ -97,12 +97,6 @@ std::array<std::uint8_t, 16> ip6(const char* text) {
     return a;
 }
 
-nlohmann::json ok(const nlohmann::json& req) {
-    const auto r = control(req);
-    EXPECT_TRUE(r.value("ok", false)) << req.dump() << " -> " << r.dump();
-    return r;
-}
-
 // Waits until the family's adjacency service counts `n` subscribers: a subscription travels
 // on its own connection, so a change made on another channel right after ARP_RegEvent or
 // ND_RegEvent could otherwise be handled first.

@@ -65,12 +65,6 @@ bool present(const char* addr) {
     return ARP_GetEntryByIP(ip(addr), &e) == 0;
 }
 
-json ok(const json& req) {
-    const json r = control(req);
-    EXPECT_TRUE(r.value("ok", false)) << r.dump();
-    return r;
-}
-
 // One display line as the library formats it: the label left-aligned in 25 columns, the
 // number right-aligned in 11.
 std::string display_line(const std::string& label, unsigned n) {

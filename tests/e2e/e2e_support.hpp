@@ -31,6 +31,14 @@ inline std::string dotted(std::uint32_t network_order) {
     return buf;
 }
 
+// A control request that the test needs to succeed: its answer; a refusal fails the test
+// with the request and the answer.
+inline nlohmann::json ok(const nlohmann::json& request) {
+    nlohmann::json answer = control(request);
+    EXPECT_TRUE(answer.value("ok", false)) << request.dump() << " -> " << answer.dump();
+    return answer;
+}
+
 // An address driver lookup of an address on any interface of any VRF.
 inline std::uint32_t lookup_any(std::uint32_t addr, IPAddrInfo* info) {
     IPAddrEntry key{};

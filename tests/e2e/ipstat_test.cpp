@@ -29,12 +29,6 @@ constexpr std::size_t kMibInReceives = 0, kMibInOctets = 1, kMibInDelivers = 4, 
 constexpr std::size_t kIcmpInMsgs = 0, kIcmpInEcho = 9, kIcmpOutMsgs = 21, kIcmpOutUnreachable = 23,
                       kIcmpOutMulticast = 42;
 
-json ok(const json& req) {
-    json r = control(req);
-    EXPECT_TRUE(r.value("ok", false)) << req.dump() << " -> " << r.dump();
-    return r;
-}
-
 using IpWords = std::array<std::uint32_t, IP_STAT_COUNTERS>;
 using FwWords = std::array<std::uint64_t, IP_FWIF_COUNTERS>;
 using IcmpWords = std::array<std::uint32_t, IP_ICMPIF_COUNTERS>;
