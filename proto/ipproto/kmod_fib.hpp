@@ -24,10 +24,32 @@ inline constexpr std::uint32_t kCmdLast = kCmdAlarmThresholdStat;
 inline constexpr std::uint32_t kDumpRequest = 0x640001;
 inline constexpr std::size_t kDumpEntryLen = 48;
 
+namespace dump_entry {
+inline constexpr std::size_t kVrf = 0;          // 16 bits, then two zero bytes
+inline constexpr std::size_t kDestination = 4;  // network order
+inline constexpr std::size_t kMask = 8;
+inline constexpr std::size_t kNextHop = 12;     // network order
+inline constexpr std::size_t kLabel = 16;       // printed as a number, or "Null" when none
+inline constexpr std::size_t kViaIf = 20;       // interface printed when there is no tunnel
+inline constexpr std::size_t kTunnel = 24;      // printed instead of the interface at kViaIf
+inline constexpr std::size_t kMac = 28;         // the next hop's
+inline constexpr std::size_t kOwnMac = 34;      // the outgoing interface's
+inline constexpr std::size_t kVlan = 40;        // 16 bits
+inline constexpr std::size_t kPort = 42;        // 16 bits
+inline constexpr std::size_t kIfIndex = 44;     // outgoing interface
+static_assert(kIfIndex + 4 == kDumpEntryLen);
+// A label or tunnel the route does not have.
+inline constexpr std::uint32_t kNone = 0xFFFFFFFFu;
+// A VLAN or port the route does not have (printed as 0).
+inline constexpr std::uint16_t kNoneHalf = 0xFFFF;
+}  // namespace dump_entry
+
 // A search: request and reply start with a count of entries (8 bytes, host order); the
 // reply's entries follow it.
 inline constexpr std::size_t kSearchReplyHead = sizeof(std::uint64_t);
 inline constexpr std::size_t kSearchEntryLen = FIB_SEARCH_ENTRY_SIZE;
 inline constexpr std::size_t kSearchMaxEntries = FIB_SEARCH_MAX_ENTRIES;
+// A search's instance that stands for every instance.
+inline constexpr std::uint32_t kEveryInstance = 0xFFFFFFFFu;
 
 }  // namespace ipc::proto::fib

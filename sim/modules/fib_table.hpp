@@ -13,6 +13,8 @@
 #include <optional>
 #include <tuple>
 
+#include "ipproto/kmod_fib.hpp"
+
 namespace sim {
 
 struct Route {
@@ -23,13 +25,14 @@ struct Route {
     std::array<std::uint8_t, 16> next_hop{};  // network order; all zero: none
     std::uint32_t ifindex = 0;         // outgoing interface, 0 none
     std::uint16_t node = 0;            // 0: every node
-    std::uint32_t label = 0xFFFFFFFFu;      // value printed at offset 16 of a dump entry; all ones none
-    std::uint32_t tunnel = 0xFFFFFFFFu;     // value printed instead of the interface at 20; all ones none
-    std::uint32_t via_ifindex = 0;          // interface at offset 20
+    // Carried by a dump entry (ipproto/kmod_fib.hpp, dump_entry); all ones: none.
+    std::uint32_t label = ipc::proto::fib::dump_entry::kNone;
+    std::uint32_t tunnel = ipc::proto::fib::dump_entry::kNone;  // printed instead of via_ifindex
+    std::uint32_t via_ifindex = 0;          // interface printed when there is no tunnel
     std::array<std::uint8_t, 6> mac{};      // next hop's MAC
     std::array<std::uint8_t, 6> own_mac{};  // outgoing interface's MAC
-    std::uint16_t vlan = 0xFFFF;            // 65535 prints as 0
-    std::uint16_t port = 0xFFFF;
+    std::uint16_t vlan = ipc::proto::fib::dump_entry::kNoneHalf;  // none: prints as 0
+    std::uint16_t port = ipc::proto::fib::dump_entry::kNoneHalf;
     bool active = true;
 };
 
@@ -52,14 +55,16 @@ public:
 
     // The first route after `after` (or the first of all) of a family on a node.
     const Route* next(std::uint8_t family, std::uint16_t node, const std::optional<Key>& after) const;
-    // Routes of a family with exactly this prefix, in a VRF (0xFFFFFFFF any), on a node.
+    // Routes of a family with exactly this prefix, in a VRF (or every VRF: kEveryInstance of
+    // ipproto/kmod_fib.hpp), on a node.
     // Each VRF's routes of the prefix sit together in table order: one search per VRF, not a
     // walk of the table.
     template <class F>
     void exact(std::uint8_t family, std::uint32_t vrf, const std::array<std::uint8_t, 16>& prefix,
                std::uint8_t len, std::uint16_t node, F&& f) const {
-        if (vrf != 0xFFFFFFFFu && vrf > 0xFFFFu) return;
-        std::uint32_t v = vrf == 0xFFFFFFFFu ? 0 : vrf;
+        constexpr std::uint32_t kEvery = ipc::proto::fib::kEveryInstance;
+        if (vrf != kEvery && vrf > 0xFFFFu) return;
+        std::uint32_t v = vrf == kEvery ? 0 : vrf;
         while (v <= 0xFFFFu) {
             const auto at = static_cast<std::uint16_t>(v);
             for (auto it = routes_.lower_bound(Key{family, at, prefix, len, 0});
@@ -69,7 +74,7 @@ public:
                 if (r.prefix_len != len || (r.node != 0 && r.node != node)) continue;
                 if (!f(r)) return;
             }
-            if (vrf != 0xFFFFFFFFu || at == 0xFFFFu) return;
+            if (vrf != kEvery || at == 0xFFFFu) return;
             // The next VRF that has routes of the family.
             const auto next = routes_.lower_bound(Key{family, static_cast<std::uint16_t>(at + 1), {}, 0, 0});
             if (next == routes_.end() || std::get<0>(next->first) != family) return;

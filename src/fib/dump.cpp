@@ -23,7 +23,6 @@ constexpr std::size_t kEntryRead = ipc::proto::fib::kDumpEntryLen;
 // Chunks in a row without an entry after which a dump counts as failed.
 constexpr std::uint32_t kMaxEmptyPulls = 1024;
 constexpr std::size_t kLineMax = 512;
-constexpr std::uint32_t kNone = 0xFFFFFFFFu;
 constexpr char kHeader[] = "[FIB Info]\r\n";
 
 // One route's line, the bytes of the format
@@ -77,8 +76,16 @@ void decimal(std::uint32_t v, std::span<char> out) noexcept {
     if (!out.empty()) out[i] = '\0';
 }
 
-// Big-endian fields of the dump entry converted before use (the mask at 8 when used).
-constexpr std::array<ipc::wire::Field, 7> kEntryFields{{{0, 2}, {40, 2}, {42, 2}, {16, 4}, {20, 4}, {24, 4}, {44, 4}}};
+namespace entry = ipc::proto::fib::dump_entry;
+
+// Big-endian fields of the dump entry converted before use (the mask when used).
+constexpr std::array<ipc::wire::Field, 7> kEntryFields{{{entry::kVrf, 2},
+                                                        {entry::kVlan, 2},
+                                                        {entry::kPort, 2},
+                                                        {entry::kLabel, 4},
+                                                        {entry::kViaIf, 4},
+                                                        {entry::kTunnel, 4},
+                                                        {entry::kIfIndex, 4}}};
 
 using VrfNameFn = std::uint32_t (*)(std::uint16_t vrf, std::uint32_t size, char* name);
 
@@ -109,7 +116,7 @@ U field(const std::uint8_t* rec, std::size_t off) noexcept {
 
 // Writes one route's line; false when the line could not be written.
 bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) noexcept {
-    const std::uint16_t vrf = field<std::uint16_t>(rec, 0);
+    const std::uint16_t vrf = field<std::uint16_t>(rec, entry::kVrf);
     char vpn[32] = {};
     if (vrf == 0) {
         (void)scnprintf(vpn, sizeof vpn, "public");
@@ -118,31 +125,31 @@ bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) no
     }
     vpn[sizeof vpn - 1] = '\0';
     char dest[16] = {}, hop[16] = {};
-    (void)inet_ntop(2, rec + 4, dest, sizeof dest);
-    (void)inet_ntop(2, rec + 12, hop, sizeof hop);
-    const std::uint32_t mask = ipc::wire::load_be<std::uint32_t>(rec + 8);
+    (void)inet_ntop(2, rec + entry::kDestination, dest, sizeof dest);
+    (void)inet_ntop(2, rec + entry::kNextHop, hop, sizeof hop);
+    const std::uint32_t mask = ipc::wire::load_be<std::uint32_t>(rec + entry::kMask);
     char out_if[32] = {};
-    interface_name(field<std::uint32_t>(rec, 44), out_if);
+    interface_name(field<std::uint32_t>(rec, entry::kIfIndex), out_if);
     char via[32] = {};
-    const auto at24 = field<std::uint32_t>(rec, 24);
-    if (at24 != kNone) {
-        decimal(at24, std::span<char>(via, 25));
+    const auto tunnel = field<std::uint32_t>(rec, entry::kTunnel);
+    if (tunnel != entry::kNone) {
+        decimal(tunnel, std::span<char>(via, 25));
     } else {
-        interface_name(field<std::uint32_t>(rec, 20), via);
+        interface_name(field<std::uint32_t>(rec, entry::kViaIf), via);
     }
-    char at16[16] = {};
-    const auto v16 = field<std::uint32_t>(rec, 16);
-    if (v16 != kNone) {
-        decimal(v16, at16);
+    char label[16] = {};
+    const auto label_value = field<std::uint32_t>(rec, entry::kLabel);
+    if (label_value != entry::kNone) {
+        decimal(label_value, label);
     } else {
-        (void)scnprintf(at16, sizeof at16, "Null");
+        (void)scnprintf(label, sizeof label, "Null");
     }
     const auto half = [&](std::size_t off) -> unsigned short {
         const auto v = field<std::uint16_t>(rec, off);
-        return v == 0xFFFF ? 0 : v;
+        return v == entry::kNoneHalf ? 0 : v;
     };
-    const std::uint8_t* m1 = rec + 28;
-    const std::uint8_t* m2 = rec + 34;
+    const std::uint8_t* m1 = rec + entry::kMac;
+    const std::uint8_t* m2 = rec + entry::kOwnMac;
     LineText line;
     line.text("{");
     line.number(LIP_GetChassID(node));
@@ -161,15 +168,15 @@ bool write_line(std::uint16_t node, const std::uint8_t* rec, std::FILE* file) no
     line.text(", ");
     line.text(via);
     line.text(", ");
-    line.text(at16);
+    line.text(label);
     line.text("}, {");
     line.mac(m1);
     line.text(", ");
     line.mac(m2);
     line.text(", ");
-    line.number(half(40));
+    line.number(half(entry::kVlan));
     line.text("/");
-    line.number(half(42));
+    line.number(half(entry::kPort));
     line.text(", ");
     line.text(out_if);
     line.text("}\r\n");
