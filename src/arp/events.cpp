@@ -1,54 +1,64 @@
-// ARP event subscriptions: the callback list under the process-wide lock, and dispatch.
-#include <sys/socket.h>
-#include <unistd.h>
-
+// ARP event subscriptions: the family's part of the neighbour-event core (adj/neigh_events.hpp)
+// and the requests on a subscription.
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
+#include "adj/neigh_events.hpp"
 #include "ipclient/arp.h"
-#include "ipplat/platform.h"
 #include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
-#include "lipc/socket.hpp"
 
 namespace {
 
-constexpr std::uint16_t kPort = ADJ_PORT_ARP;
-constexpr std::uint32_t kSendTimeout = 5;
-constexpr std::uint32_t kRecvTimeout = 2;
 using namespace ipc::proto::adj4;  // message types of the service
-constexpr std::size_t kRecordHead = ipc::proto::adj::kRecordHead;
-constexpr std::size_t kFullRecord = kEventRecordLen;  // 60
 
-// Fields of the entry converted from network order; the others pass untouched.
-constexpr std::array<ipc::wire::Field, 11> kEntryFields{{{0, 4}, {8, 4}, {12, 4}, {16, 2}, {18, 2}, {28, 4},
-                                                         {32, 4}, {36, 4}, {40, 4}, {46, 2}, {48, 2}}};
+// ARP as a family of the neighbour-event core: the entry (52 bytes after the record head)
+// is handed over where it lies, at any alignment, with the converted 16 bits at 48.
+struct ArpFamily {
+    using Node = ARP_EVENT_PROC_NODE_S;
+    using Handler = ARP_EVENT_PF;
+    static Node*& head() noexcept { return g_stARPEventProcList; }
+    static pthread_rwlock_t& lock() noexcept { return g_stARPEventProcList_rwLock; }
+    static Handler& handler(Node& n) noexcept { return n.pfCallback; }
+    static Handler handler(const Node& n) noexcept { return n.pfCallback; }
 
-// RAII holders of the process-wide reader/writer lock.
-struct WriteLock {
-    WriteLock() { pthread_rwlock_wrlock(&g_stARPEventProcList_rwLock); }
-    ~WriteLock() { pthread_rwlock_unlock(&g_stARPEventProcList_rwLock); }
-};
-struct ReadLock {
-    ReadLock() { pthread_rwlock_rdlock(&g_stARPEventProcList_rwLock); }
-    ~ReadLock() { pthread_rwlock_unlock(&g_stARPEventProcList_rwLock); }
-};
-
-ARP_EVENT_PROC_NODE_S* find(int fd) noexcept {
-    for (ARP_EVENT_PROC_NODE_S* n = g_stARPEventProcList; n != nullptr; n = n->pstNext) {
-        if (n->iSocket == fd) return n;
+    static constexpr std::uint16_t kPort = ADJ_PORT_ARP;
+    static constexpr std::uint8_t kSubscribe = ipc::proto::adj4::kSubscribe;
+    static constexpr std::uint8_t kBatchReplay = ipc::proto::adj4::kBatchReplay;
+    static std::int32_t open(std::uint16_t node, std::uint16_t port, std::uint32_t send_timeout,
+                             std::uint32_t recv_timeout) noexcept {
+        return ADJ4_GetMsgStart(node, port, send_timeout, recv_timeout);
     }
-    return nullptr;
-}
+    static std::uint32_t send(std::uint8_t type, std::int32_t fd, std::uint16_t len, std::uint16_t count,
+                              const void* payload, std::int32_t flags) noexcept {
+        return ADJ4_Send(type, fd, len, count, payload, flags);
+    }
 
-// A short record's scratch copy: zero but for the two defaults, as they read converted.
-void reset_scratch(std::uint8_t (&scratch)[kFullRecord]) noexcept {
-    std::memset(scratch, 0, sizeof scratch);
-    ipc::wire::store_be(scratch + kRecordHead + 8, 0xFFFFFFFFu);
-    ipc::wire::store_be(scratch + kRecordHead + 12, 0x0000FFFFu);
-}
+    static constexpr std::size_t kDatagramMax = ARP_EVENT_DATAGRAM_MAX;
+    static constexpr std::size_t kBody = ARP_EVENT_ENTRY_LEN;
+    static constexpr std::size_t kAlign = 1;
+    // Fields of the entry converted from network order; the others pass untouched.
+    static constexpr std::array<ipc::wire::Field, 11> kFields{
+        {{0, 4}, {8, 4}, {12, 4}, {16, 2}, {18, 2}, {28, 4}, {32, 4}, {36, 4}, {40, 4}, {46, 2}, {48, 2}}};
+    static_assert(ipc::proto::adj::kRecordHead + kBody == kEventRecordLen);
+
+    static constexpr bool accepts(std::uint32_t type) noexcept { return type <= ARP_EVENT_TYPE_MAX; }
+    // A short entry reads zero but for the two defaults, as they read converted.
+    static void reset(std::uint8_t* entry) noexcept {
+        std::memset(entry, 0, kBody);
+        ipc::wire::store_be(entry + 8, 0xFFFFFFFFu);
+        ipc::wire::store_be(entry + 12, 0x0000FFFFu);
+    }
+    static void deliver(Handler handler, std::uint32_t type, std::uint8_t* entry) noexcept {
+        std::uint16_t field48;
+        std::memcpy(&field48, entry + 48, sizeof field48);
+        (void)handler(type, entry, field48);
+    }
+    static std::uint32_t passes() noexcept { return ARP_EVENT_PASSES; }
+};
+
+using Events = ipc::adj::NeighEvents<ArpFamily>;
 
 std::uint32_t concerned(std::uint8_t type, int fd, std::uint32_t addr, std::uint32_t scope) noexcept {
     if (fd < 0) return IPSTATUS_FAILED;
@@ -76,87 +86,14 @@ ARP_EVENT_PROC_NODE_S* g_stARPEventProcList = nullptr;
 pthread_rwlock_t g_stARPEventProcList_rwLock = PTHREAD_RWLOCK_INITIALIZER;
 
 int32_t ARP_RegEvent(uint32_t uiFirst, uint32_t uiSecond, ARP_EVENT_PF pfCallback) {
-    const int fd = ADJ4_GetMsgStart(static_cast<std::uint16_t>(DEV_GetSystemMaster()), kPort, kSendTimeout, kRecvTimeout);
-    if (fd < 0) return -1;
-    std::uint8_t payload[12] = {};
-    ipc::wire::store_be(payload, uiFirst);
-    ipc::wire::store_be(payload + 8, uiSecond);
-    auto* rec = ADJ4_Send(kSubscribe, fd, sizeof payload, 1, payload, ADJ_SEND_DONTWAIT) == IPSTATUS_OK
-                    ? static_cast<ARP_EVENT_PROC_NODE_S*>(std::calloc(1, sizeof(ARP_EVENT_PROC_NODE_S)))
-                    : nullptr;
-    if (rec == nullptr) {
-        ARP_DeregEvent(fd);
-        return -1;
-    }
-    rec->pfCallback = pfCallback;
-    rec->iSocket = fd;
-    const WriteLock lock;
-    rec->pstNext = g_stARPEventProcList;
-    rec->ppstPrev = &g_stARPEventProcList;
-    if (g_stARPEventProcList != nullptr) g_stARPEventProcList->ppstPrev = &rec->pstNext;
-    g_stARPEventProcList = rec;
-    return fd;
+    return Events::subscribe(uiFirst, uiSecond, pfCallback);
 }
 
-void ARP_DeregEvent(int32_t iFd) {
-    if (iFd < 0) return;
-    {
-        const WriteLock lock;
-        if (ARP_EVENT_PROC_NODE_S* rec = find(iFd)) {
-            *rec->ppstPrev = rec->pstNext;
-            if (rec->pstNext != nullptr) rec->pstNext->ppstPrev = rec->ppstPrev;
-            std::free(rec);
-        }
-    }
-    ::close(iFd);
-}
+void ARP_DeregEvent(int32_t iFd) { Events::unsubscribe(iFd); }
 
-uint32_t arp_EventProc(int32_t iFd, ARP_EVENT_PF pfCallback) {
-    if (iFd < 0 || pfCallback == nullptr) return IPSTATUS_FAILED;
-    alignas(8) std::uint8_t buf[ARP_EVENT_DATAGRAM_MAX];
-    const ssize_t n = ::recv(iFd, buf, sizeof buf, ipc::lipc::kDontWait);
-    if (n < 0) return IPSTATUS_FAILED;
-    alignas(8) std::uint8_t scratch[kFullRecord];
-    std::size_t remaining = static_cast<std::size_t>(n);
-    std::uint8_t* rec = buf;
-    while (remaining >= kRecordHead) {
-        const auto len = ipc::wire::load_be<std::uint32_t>(rec);
-        const auto type = ipc::wire::load_be<std::uint32_t>(rec + 4);
-        // A record shorter than its header or longer than what remains ends the datagram.
-        if (len < kRecordHead || len > remaining) break;
-        if (type <= ARP_EVENT_TYPE_MAX) {
-            std::uint8_t* entry = rec + kRecordHead;
-            if (len < kFullRecord) {
-                // A short record is completed in the scratch copy, whose bytes beyond it read
-                // as the defaults; a whole one is converted where it lies.
-                reset_scratch(scratch);
-                std::memcpy(scratch, rec, len);
-                entry = scratch + kRecordHead;
-            }
-            ipc::wire::swap_fields<kEntryFields, ARP_EVENT_ENTRY_LEN>(entry);
-            std::uint16_t field48;
-            std::memcpy(&field48, entry + 48, sizeof field48);
-            (void)pfCallback(type, entry, field48);
-        }
-        remaining -= len;
-        rec += len;
-    }
-    return IPSTATUS_OK;
-}
+uint32_t arp_EventProc(int32_t iFd, ARP_EVENT_PF pfCallback) { return Events::receive(iFd, pfCallback); }
 
-uint32_t ARP_ProcEvent(int32_t iFd) {
-    ARP_EVENT_PF callback = nullptr;
-    {
-        const ReadLock lock;
-        const ARP_EVENT_PROC_NODE_S* rec = find(iFd);
-        if (rec == nullptr) return IPSTATUS_FAILED;
-        callback = rec->pfCallback;
-    }
-    for (std::uint32_t pass = 0; pass < ARP_EVENT_PASSES; ++pass) {
-        if (arp_EventProc(iFd, callback) != IPSTATUS_OK) break;
-    }
-    return IPSTATUS_OK;
-}
+uint32_t ARP_ProcEvent(int32_t iFd) { return Events::process(iFd); }
 
 uint32_t ARP_AddConcernedIP(int32_t iFd, uint32_t uiAddr, uint32_t uiScope) {
     return concerned(kAddConcerned, iFd, uiAddr, uiScope);
@@ -166,10 +103,7 @@ uint32_t ARP_DelConcernedIP(int32_t iFd, uint32_t uiAddr, uint32_t uiScope) {
     return concerned(kDelConcerned, iFd, uiAddr, uiScope);
 }
 
-void ARP_RequestBatchEvent(int32_t iFd) {
-    if (iFd < 0) return;
-    (void)ADJ4_Send(kBatchReplay, iFd, 0, 0, nullptr, ADJ_SEND_DONTWAIT);
-}
+void ARP_RequestBatchEvent(int32_t iFd) { Events::replay(iFd); }
 
 uint32_t ARP_RequestBatchByAc(int32_t iFd, const ARP_BATCH_REQ_S* pstReq) {
     if (iFd < 0 || pstReq == nullptr) return IPSTATUS_FAILED;

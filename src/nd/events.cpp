@@ -1,9 +1,6 @@
-// ND event subscriptions: the handler list under the process-wide lock, dispatch of
-// neighbour events, the subscription requests, error notifications through kernel events,
-// and the VSI predicates answered by the layer-2 VPN library.
-#include <sys/socket.h>
-#include <unistd.h>
-
+// ND event subscriptions: the family's part of the neighbour-event core
+// (adj/neigh_events.hpp), the requests on a subscription, error notifications through kernel
+// events, and the VSI predicates answered by the layer-2 VPN library.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -11,72 +8,78 @@
 #include <cstring>
 #include <span>
 
+#include "adj/neigh_events.hpp"
 #include "ipclient/nd.h"
 #include "ipplat/platform.h"
 #include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
-#include "lipc/socket.hpp"
 
 namespace {
 
-constexpr std::uint16_t kPort = ADJ_PORT_ND;
-constexpr std::uint32_t kSendTimeout = 5;
-constexpr std::uint32_t kRecvTimeout = 2;
 using namespace ipc::proto::adj6;  // message types of the service
-constexpr std::size_t kHead = ipc::proto::adj::kRecordHead;
-constexpr std::size_t kBody = ND_EVENT_RECORD_LEN;
-constexpr std::size_t kFullRecord = kEventRecordLen;  // 72
 
-static_assert(sizeof(NdEventRecord) == kBody);
+static_assert(sizeof(NdEventRecord) == ND_EVENT_RECORD_LEN);
 static_assert(sizeof(NdEventProcNode) == 32, "the subscription node is 32 bytes");
 
-// Words of the event record that travel big-endian; the other bytes pass untouched.
-constexpr std::array<ipc::wire::Field, 11> kRecordFields{{{0, 4},
-                                                          {20, 4},
-                                                          {24, 4},
-                                                          {28, 2},
-                                                          {30, 2},
-                                                          {40, 4},
-                                                          {44, 4},
-                                                          {48, 4},
-                                                          {52, 4},
-                                                          {58, 2},
-                                                          {60, 2}}};
+// ND as a family of the neighbour-event core: the body (64 bytes after the record head) is
+// handed over as an aligned NdEventRecord, copied when it lies misaligned in the datagram.
+struct NdFamily {
+    using Node = NdEventProcNode;
+    using Handler = NdEventProc;
+    static Node*& head() noexcept { return g_stNDEventProcList; }
+    static pthread_rwlock_t& lock() noexcept { return g_stNDEventProcList_rwLock; }
+    static Handler& handler(Node& n) noexcept { return n.pfProc; }
+    static Handler handler(const Node& n) noexcept { return n.pfProc; }
+
+    static constexpr std::uint16_t kPort = ADJ_PORT_ND;
+    static constexpr std::uint8_t kSubscribe = ipc::proto::adj6::kSubscribe;
+    static constexpr std::uint8_t kBatchReplay = ipc::proto::adj6::kBatchReplay;
+    static std::int32_t open(std::uint16_t node, std::uint16_t port, std::uint32_t send_timeout,
+                             std::uint32_t recv_timeout) noexcept {
+        return ADJ6_GetMsgStart(node, port, send_timeout, recv_timeout);
+    }
+    static std::uint32_t send(std::uint8_t type, std::int32_t fd, std::uint16_t len, std::uint16_t count,
+                              const void* payload, std::int32_t flags) noexcept {
+        return ADJ6_Send(type, fd, len, count, payload, flags);
+    }
+
+    static constexpr std::size_t kDatagramMax = ND_EVENT_DATAGRAM_MAX;
+    static constexpr std::size_t kBody = ND_EVENT_RECORD_LEN;
+    static constexpr std::size_t kAlign = alignof(NdEventRecord);
+    // Words of the event record that travel big-endian; the other bytes pass untouched.
+    static constexpr std::array<ipc::wire::Field, 11> kFields{{{0, 4},
+                                                               {20, 4},
+                                                               {24, 4},
+                                                               {28, 2},
+                                                               {30, 2},
+                                                               {40, 4},
+                                                               {44, 4},
+                                                               {48, 4},
+                                                               {52, 4},
+                                                               {58, 2},
+                                                               {60, 2}}};
+    static_assert(ipc::proto::adj::kRecordHead + kBody == kEventRecordLen);
+
+    static constexpr bool accepts(std::uint32_t type) noexcept { return type < ND_EVENT_TYPE_COUNT; }
+    // A short body reads zero but for the two defaults, stored as the raw bytes FF FF FF FF
+    // at 20 and 00 00 FF FF at 24, so that they read 0xFFFFFFFF and 0x0000FFFF once
+    // converted.
+    static void reset(std::uint8_t* body) noexcept {
+        std::memset(body, 0, kBody);
+        ipc::wire::store_be(body + offsetof(NdEventRecord, uiField20), 0xFFFFFFFFu);
+        ipc::wire::store_be(body + offsetof(NdEventRecord, uiField24), 0x0000FFFFu);
+    }
+    static void deliver(Handler handler, std::uint32_t type, std::uint8_t* body) noexcept {
+        (void)handler(type, reinterpret_cast<NdEventRecord*>(body));
+    }
+    // Read again on every pass: the application may change it at any time.
+    static std::uint32_t passes() noexcept { return g_uiNdEventEpollLoop; }
+};
+
+using Events = ipc::adj::NeighEvents<NdFamily>;
 
 // The batch key's big-endian words; the two bytes at 8 travel unchanged.
 constexpr std::array<ipc::wire::Field, 3> kBatchKeyFields{{{0, 4}, {4, 4}, {10, 2}}};
-
-// RAII holders of the process-wide reader/writer lock.
-struct WriteLock {
-    WriteLock() { pthread_rwlock_wrlock(&g_stNDEventProcList_rwLock); }
-    ~WriteLock() { pthread_rwlock_unlock(&g_stNDEventProcList_rwLock); }
-    WriteLock(const WriteLock&) = delete;
-    WriteLock& operator=(const WriteLock&) = delete;
-};
-struct ReadLock {
-    ReadLock() { pthread_rwlock_rdlock(&g_stNDEventProcList_rwLock); }
-    ~ReadLock() { pthread_rwlock_unlock(&g_stNDEventProcList_rwLock); }
-    ReadLock(const ReadLock&) = delete;
-    ReadLock& operator=(const ReadLock&) = delete;
-};
-
-// The first node from the head whose socket is fd; the caller holds the lock.
-NdEventProcNode* find(std::int32_t fd) noexcept {
-    for (NdEventProcNode* n = g_stNDEventProcList; n != nullptr; n = n->pstNext) {
-        if (n->iSocket == fd) return n;
-    }
-    return nullptr;
-}
-
-// The record handed to the handler: zero but for the two defaults, stored as the raw bytes
-// FF FF FF FF at 20 and 00 00 FF FF at 24, so that they read 0xFFFFFFFF and 0x0000FFFF once
-// converted. Body bytes a record does not reach keep these values.
-void reset_local(NdEventRecord& local) noexcept {
-    local = NdEventRecord{};
-    auto* bytes = reinterpret_cast<std::uint8_t*>(&local);
-    ipc::wire::store_be(bytes + offsetof(NdEventRecord, uiField20), 0xFFFFFFFFu);
-    ipc::wire::store_be(bytes + offsetof(NdEventRecord, uiField24), 0x0000FFFFu);
-}
 
 std::uint32_t concerned(std::uint8_t type, std::int32_t fd, std::uint32_t word, const NdIPv6Addr& addr) noexcept {
     if (fd < 0) return IPSTATUS_FAILED;
@@ -105,103 +108,20 @@ NdErrorNotifyProc g_pfNdOpenFlowProc = nullptr;
 // ---- Subscriptions --------------------------------------------------------------------
 
 int32_t ND_RegEvent(uint32_t uiFirst, uint32_t uiSecond, NdEventProc pfProc) {
-    const std::int32_t fd =
-        ADJ6_GetMsgStart(static_cast<std::uint16_t>(DEV_GetSystemMaster()), kPort, kSendTimeout, kRecvTimeout);
-    if (fd < 0) return -1;
-    ipc::wire::Frame<12> payload;
-    payload.be<0>(uiFirst);
-    payload.be<8>(uiSecond);
-    auto* node = ADJ6_Send(kSubscribe, fd, payload.size(), 1, payload.data(), ADJ_SEND_DONTWAIT) == IPSTATUS_OK
-                     ? static_cast<NdEventProcNode*>(std::calloc(1, sizeof(NdEventProcNode)))
-                     : nullptr;
-    if (node == nullptr) {
-        ND_DeregEvent(fd);  // finds no node and closes the socket
-        return -1;
-    }
-    node->pfProc = pfProc;
-    node->iSocket = fd;
-    const WriteLock lock;
-    node->pstNext = g_stNDEventProcList;
-    node->ppstPrev = &g_stNDEventProcList;
-    if (g_stNDEventProcList != nullptr) g_stNDEventProcList->ppstPrev = &node->pstNext;
-    g_stNDEventProcList = node;
-    return fd;
+    return Events::subscribe(uiFirst, uiSecond, pfProc);
 }
 
-void ND_DeregEvent(int32_t iFd) {
-    if (iFd < 0) return;
-    {
-        const WriteLock lock;
-        if (NdEventProcNode* node = find(iFd)) {
-            *node->ppstPrev = node->pstNext;
-            if (node->pstNext != nullptr) node->pstNext->ppstPrev = node->ppstPrev;
-            std::free(node);
-        }
-    }
-    ::close(iFd);  // after the lock, whether or not a node was found
-}
+void ND_DeregEvent(int32_t iFd) { Events::unsubscribe(iFd); }
 
 // ---- Dispatch -------------------------------------------------------------------------
 
-uint32_t nd_RecvEvents(int32_t iFd, NdEventProc pfProc) {
-    if (iFd < 0 || pfProc == nullptr) return IPSTATUS_FAILED;
-    alignas(8) std::uint8_t buf[ND_EVENT_DATAGRAM_MAX];
-    const ssize_t n = ::recv(iFd, buf, sizeof buf, ipc::lipc::kDontWait);
-    if (n < 0) return IPSTATUS_FAILED;
-    // A whole body (its first 64 bytes) is converted in the datagram and handed over from
-    // there; one aligned 64-byte record on the stack serves the short ones.
-    NdEventRecord local;
-    auto* const local_bytes = reinterpret_cast<std::uint8_t*>(&local);
-    std::size_t remaining = static_cast<std::size_t>(n);
-    std::uint8_t* rec = buf;
-    while (remaining >= kHead) {
-        const auto len = ipc::wire::load_be<std::uint32_t>(rec);
-        const auto type = ipc::wire::load_be<std::uint32_t>(rec + 4);
-        // A record shorter than its header or longer than what remains ends the datagram,
-        // skipped types included: nothing past the received bytes is ever read.
-        if (len < kHead || len > remaining) break;
-        if (type < ND_EVENT_TYPE_COUNT) {
-            std::uint8_t* body = rec + kHead;
-            if (len < kFullRecord || reinterpret_cast<std::uintptr_t>(body) % alignof(NdEventRecord) != 0) {
-                // A short body lands on the defaults, laid down again since the handler may
-                // have written over them; a whole one that lies misaligned in the datagram is
-                // copied whole. Either way the handler gets an aligned record.
-                if (len < kFullRecord) reset_local(local);
-                std::memcpy(local_bytes, body, len < kFullRecord ? len - kHead : kBody);
-                body = local_bytes;
-            }
-            // A whole, aligned body is converted where it lies.
-            ipc::wire::swap_fields<kRecordFields, kBody>(body);
-            (void)pfProc(type, reinterpret_cast<NdEventRecord*>(body));
-        }
-        remaining -= len;
-        rec += len;
-    }
-    return IPSTATUS_OK;
-}
+uint32_t nd_RecvEvents(int32_t iFd, NdEventProc pfProc) { return Events::receive(iFd, pfProc); }
 
-uint32_t ND_ProcEvent(uint32_t uiFd) {
-    const auto fd = static_cast<std::int32_t>(uiFd);
-    NdEventProc proc = nullptr;
-    {
-        const ReadLock lock;
-        const NdEventProcNode* node = find(fd);
-        if (node == nullptr) return IPSTATUS_FAILED;
-        proc = node->pfProc;
-    }
-    // The bound is read again on every pass: the application may change it at any time.
-    for (std::uint32_t pass = 0; pass < g_uiNdEventEpollLoop; ++pass) {
-        if (nd_RecvEvents(fd, proc) != IPSTATUS_OK) break;
-    }
-    return IPSTATUS_OK;
-}
+uint32_t ND_ProcEvent(uint32_t uiFd) { return Events::process(static_cast<std::int32_t>(uiFd)); }
 
 // ---- Requests on a subscription -------------------------------------------------------
 
-void ND_RequestBatchEvent(int32_t iFd) {
-    if (iFd < 0) return;
-    (void)ADJ6_Send(kBatchReplay, iFd, 0, 0, nullptr, ADJ_SEND_DONTWAIT);
-}
+void ND_RequestBatchEvent(int32_t iFd) { Events::replay(iFd); }
 
 uint32_t ND_RequestBatchByVsi(int32_t iFd, const NdBatchKey* pstKey) { return batch(kBatchByVsi, iFd, pstKey); }
 
