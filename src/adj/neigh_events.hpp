@@ -131,7 +131,7 @@ public:
         Handler handler = nullptr;
         {
             const ReadLock lock;
-            const Node* node = find(fd);
+            Node* node = find(fd);
             if (node == nullptr) return IPSTATUS_FAILED;
             handler = F::handler(*node);
         }

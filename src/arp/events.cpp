@@ -21,19 +21,12 @@ struct ArpFamily {
     static Node*& head() noexcept { return g_stARPEventProcList; }
     static pthread_rwlock_t& lock() noexcept { return g_stARPEventProcList_rwLock; }
     static Handler& handler(Node& n) noexcept { return n.pfCallback; }
-    static Handler handler(const Node& n) noexcept { return n.pfCallback; }
 
     static constexpr std::uint16_t kPort = ADJ_PORT_ARP;
     static constexpr std::uint8_t kSubscribe = ipc::proto::adj4::kSubscribe;
     static constexpr std::uint8_t kBatchReplay = ipc::proto::adj4::kBatchReplay;
-    static std::int32_t open(std::uint16_t node, std::uint16_t port, std::uint32_t send_timeout,
-                             std::uint32_t recv_timeout) noexcept {
-        return ADJ4_GetMsgStart(node, port, send_timeout, recv_timeout);
-    }
-    static std::uint32_t send(std::uint8_t type, std::int32_t fd, std::uint16_t len, std::uint16_t count,
-                              const void* payload, std::int32_t flags) noexcept {
-        return ADJ4_Send(type, fd, len, count, payload, flags);
-    }
+    static constexpr auto open = &ADJ4_GetMsgStart;
+    static constexpr auto send = &ADJ4_Send;
 
     static constexpr std::size_t kDatagramMax = ARP_EVENT_DATAGRAM_MAX;
     static constexpr std::size_t kBody = ARP_EVENT_ENTRY_LEN;

@@ -29,19 +29,12 @@ struct NdFamily {
     static Node*& head() noexcept { return g_stNDEventProcList; }
     static pthread_rwlock_t& lock() noexcept { return g_stNDEventProcList_rwLock; }
     static Handler& handler(Node& n) noexcept { return n.pfProc; }
-    static Handler handler(const Node& n) noexcept { return n.pfProc; }
 
     static constexpr std::uint16_t kPort = ADJ_PORT_ND;
     static constexpr std::uint8_t kSubscribe = ipc::proto::adj6::kSubscribe;
     static constexpr std::uint8_t kBatchReplay = ipc::proto::adj6::kBatchReplay;
-    static std::int32_t open(std::uint16_t node, std::uint16_t port, std::uint32_t send_timeout,
-                             std::uint32_t recv_timeout) noexcept {
-        return ADJ6_GetMsgStart(node, port, send_timeout, recv_timeout);
-    }
-    static std::uint32_t send(std::uint8_t type, std::int32_t fd, std::uint16_t len, std::uint16_t count,
-                              const void* payload, std::int32_t flags) noexcept {
-        return ADJ6_Send(type, fd, len, count, payload, flags);
-    }
+    static constexpr auto open = &ADJ6_GetMsgStart;
+    static constexpr auto send = &ADJ6_Send;
 
     static constexpr std::size_t kDatagramMax = ND_EVENT_DATAGRAM_MAX;
     static constexpr std::size_t kBody = ND_EVENT_RECORD_LEN;
