@@ -9,11 +9,10 @@
 #include "core/log.hpp"
 #include "ipproto/endpoints.hpp"
 #include "ipproto/wire.hpp"
-#include "modules/fib_control.hpp"
-#include "modules/neigh_control.hpp"
+#include "modules/module.hpp"
 #include "modules/vpn.hpp"
+#include "services/service.hpp"
 #include "services/services.hpp"
-#include "store/records.hpp"
 
 namespace sim {
 
@@ -45,10 +44,9 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
     register_vpn(ctx_, s);
     services_.schedule = [this](std::chrono::milliseconds d, std::function<void()> fn) { loop_.after(d, std::move(fn)); };
     services_.on_running = [this](std::uint16_t node, const std::string& name) {
-        if (listening_ && name == "IPStack" && device_.node_up(node)) {
-            listen_service(node, kPortIPStack, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_ipstack_conn(ctx_, l, fd, w, pid);
-            });
+        if (!listening_ || name != "IPStack" || !device_.node_up(node)) return;
+        for (const ServiceOps& svc : services()) {
+            if (svc.where == ServiceOps::Where::kWhileIpStackRuns) (void)listen_service(node, svc);
         }
     };
 }
@@ -120,67 +118,16 @@ void Daemon::load_neighbours(const scenario::Scenario& s) {
 // The connections refer to the context; they end before it does.
 Daemon::~Daemon() { loop_.close_all(); }
 
-void Daemon::persist(const AddrChange& change) {
-    // The mirrored system's own changes are not a client's: the system keeps them.
-    if (ctx_.mirror != nullptr && ctx_.mirror->applying()) return;
-    const IPAddrKey& k = change.info.stEntry.stKey;
-    const auto key = records::addr_key(k.uiIfIndex, k.uiAddr);
-    if (change.kind == AddrChange::kDelete) {
-        store_.remove("addr", key);
-    } else {
-        store_.put("addr", key, records::encode_addr(change.info));
-    }
-    // Should the request's work be rolled back, the table gets back what it held.
-    store_.on_rollback([this, ifindex = k.uiIfIndex, addr = k.uiAddr, before = change.before] {
-        if (before) {
-            addrs_.put(*before, false);
-        } else {
-            addrs_.remove(ifindex, addr, false);
-        }
-    });
-}
-
-void Daemon::persist_settings(std::uint32_t ifindex, const IfSettings& s) {
-    store_.put("ifset", records::settings_key(ifindex), records::encode_settings(s));
-    // Stored: the settings the store now has. Rolled back: the settings as the store has
-    // them (none stored: the defaults).
-    store_.after_commit([this, ifindex, s] { stored_settings_[ifindex] = s; });
-    store_.on_rollback([this, ifindex] {
-        const auto it = stored_settings_.find(ifindex);
-        addrs_.settings(ifindex) = it != stored_settings_.end() ? it->second : IfSettings{};
-    });
-}
-
+// What the store kept, read back by each module before any request. The whole load is
+// refused on one bad row: a half-restored device would be worse.
 std::optional<std::string> Daemon::restore() {
     if (opts_.state_dir.empty()) return std::nullopt;
     if (auto err = store_.open(opts_.state_dir)) return err;
     for (const auto& w : store_.warnings()) SIM_LOG(kWarn, "state: %s", w.c_str());
-    // The whole load is refused on one bad row: a half-restored device would be worse.
-    std::string bad;
-    const bool addrs_ok = store_.each("addr", [&](std::span<const std::uint8_t> key, const std::vector<std::uint8_t>* value) {
-        if (value == nullptr) {
-            std::uint32_t ifindex = 0, addr = 0;
-            if (!records::decode_addr_key(key, &ifindex, &addr)) return bad = "a bad address key", false;
-            addrs_.remove(ifindex, addr, false);
-            return true;
-        }
-        const auto info = records::decode_addr(key, *value);
-        if (!info || device_.interface(info->stEntry.stKey.uiIfIndex) == nullptr) {
-            return bad = "an address row that does not fit this scenario", false;
-        }
-        addrs_.put(*info, false);
-        return true;
-    });
-    const bool settings_ok = addrs_ok && store_.each("ifset", [&](std::span<const std::uint8_t> key,
-                                                                  const std::vector<std::uint8_t>* value) {
-        const auto ifindex = records::decode_settings_key(key);
-        const auto s = value != nullptr ? records::decode_settings(*value) : std::nullopt;
-        if (!ifindex || !s || device_.interface(*ifindex) == nullptr) return bad = "a bad settings row", false;
-        addrs_.settings(*ifindex) = *s;
-        stored_settings_[*ifindex] = *s;
-        return true;
-    });
-    if (!addrs_ok || !settings_ok) return opts_.state_dir + "/ipsimd.db: " + (bad.empty() ? "unreadable" : bad);
+    for (const KernelModuleOps* m : kernel_modules()) {
+        if (m->restore == nullptr) continue;
+        if (auto err = m->restore(ctx_)) return opts_.state_dir + "/ipsimd.db: " + *err;
+    }
     return std::nullopt;
 }
 
@@ -194,16 +141,23 @@ std::string held_by(const std::string& holder, const std::string& instance) {
 
 }  // namespace
 
-bool Daemon::listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make) {
+bool Daemon::listen_service(std::uint16_t node, const ServiceOps& svc) {
     sockaddr_un sun{};
-    const socklen_t n = ipc::names::endpoint(opts_.instance, node, port, &sun);
+    const socklen_t n = ipc::names::endpoint(opts_.instance, node, svc.port, &sun);
     std::string holder;
-    if (!loop_.listen(&sun, n, Endpoint{node, port, "lipc"}, std::move(make), &holder)) {
-        SIM_LOG(kError, "cannot listen on node %u port %u%s", static_cast<unsigned>(node), static_cast<unsigned>(port),
-                held_by(holder, opts_.instance).c_str());
+    auto accept = [this, make = svc.accept](Loop& l, int fd, const Endpoint& w, pid_t pid) {
+        return make(ctx_, l, fd, w, pid);
+    };
+    if (!loop_.listen(&sun, n, Endpoint{node, svc.port, "lipc"}, std::move(accept), &holder)) {
+        SIM_LOG(kError, "cannot listen on node %u port %u%s", static_cast<unsigned>(node),
+                static_cast<unsigned>(svc.port), held_by(holder, opts_.instance).c_str());
         return false;
     }
     return true;
+}
+
+std::string Daemon::cannot_listen(const ServiceOps& svc, std::uint16_t node) {
+    return std::string("cannot listen on the ") + svc.name + " of node " + std::to_string(node);
 }
 
 std::optional<std::string> Daemon::start() {
@@ -212,21 +166,21 @@ std::optional<std::string> Daemon::start() {
     }
     if (auto err = restore()) return err;
     addrs_.set_observer([this](const AddrChange& c) {
-        persist(c);
+        // The mirrored system's own changes are not a client's: the system keeps them.
+        if (ctx_.mirror == nullptr || !ctx_.mirror->applying()) addr_module_.persist(store_, c);
         // Announced once the request's change is stored.
         store_.after_commit([this, c] { publish_addr_change(ctx_, c); });
     });
+    addrs_.set_settings_observer([this](std::uint32_t ifindex, const IfSettings& s) {
+        addr_module_.persist_settings(store_, ifindex, s);
+    });
     ctx_.neighs.add_observer([this](const NeighChange& c) { publish_neigh_change(ctx_, c); });
-    register_adj_control(ctx_);
-    register_neigh_control(ctx_);
-    register_fib_control(ctx_);
-    register_wlan(ctx_);
-    register_proen(ctx_);
-    register_nd_errors(ctx_);
-    register_arp_controls(ctx_);
-    ctx_.nd.attach(ctx_);
-    if (auto err = ctx_.ipstat.attach(ctx_)) return opts_.state_dir + "/ipsimd.db: " + *err;
-    addrs_.set_settings_observer([this](std::uint32_t ifindex, const IfSettings& s) { persist_settings(ifindex, s); });
+    for (const KernelModuleOps* m : kernel_modules()) {
+        if (m->controls != nullptr) m->controls(ctx_);
+    }
+    for (const ServiceOps& svc : services()) {
+        if (svc.controls != nullptr) svc.controls(ctx_);
+    }
 
     sockaddr_un sun{};
     const socklen_t n = ipc::names::device(opts_.instance, &sun);
@@ -245,49 +199,30 @@ std::optional<std::string> Daemon::start() {
         return "cannot listen on the control channel of instance " + opts_.instance + held_by(holder, opts_.instance);
     }
     listening_ = true;
-    for (const auto& [node, state] : device_.nodes()) {
-        if (!state.info.up) continue;
-        const bool ok =
-            listen_service(node, kPortAddrCfg, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_addrcfg_conn(ctx_, l, fd, w, pid);
-            }) &&
-            listen_service(node, kPortAddrEvents, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_addr_event_conn(ctx_, l, fd, w, pid);
-            }) &&
-            listen_service(node, kPortPortAttack, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_portatk_conn(ctx_, l, fd, w, pid);
-            }) &&
-            listen_service(node, kPortAdj4, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_adj_conn(ctx_, false, l, fd, w, pid);
-            }) &&
-            listen_service(node, kPortAdj6, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_adj_conn(ctx_, true, l, fd, w, pid);
-            });
-        if (!ok) return "cannot listen on the services of node " + std::to_string(node);
-        const bool wlan_proen_ok =
-            listen_service(node, kPortWlan, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_wlan_conn(ctx_, l, fd, w, pid);
-            }) &&
-            listen_service(node, kPortProen, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_proen_conn(ctx_, l, fd, w, pid);
-            }) &&
-            listen_service(node, kPortProenLocal, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_proen_conn(ctx_, l, fd, w, pid);
-            });
-        if (!wlan_proen_ok) return "cannot listen on the WLAN and protocol-to-CPU services of node " + std::to_string(node);
-        if (!listen_service(node, kPortArpDaemon, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-                return make_arp_daemon_conn(ctx_, l, fd, w, pid);
-            })) {
-            return "cannot listen on the ARP daemon of node " + std::to_string(node);
+    for (const ServiceOps& svc : services()) {
+        switch (svc.where) {
+            case ServiceOps::Where::kEveryNode:
+                for (const auto& [node, state] : device_.nodes()) {
+                    if (state.info.up && !listen_service(node, svc)) return cannot_listen(svc, node);
+                }
+                break;
+            case ServiceOps::Where::kMasterEndpoint:
+                if (device_.node_up(device_.master_ep()) && !listen_service(device_.master_ep(), svc)) {
+                    return cannot_listen(svc, device_.master_ep());
+                }
+                break;
+            case ServiceOps::Where::kWhileIpStackRuns:
+                // Where it runs already; from now on each node's service listens once its
+                // IPStack runs (on_running). A port it cannot have is logged, as when the
+                // service starts later.
+                for (const auto& [node, state] : device_.nodes()) {
+                    if (state.info.up && services_.status(node, "IPStack") == kSvcRunning) {
+                        (void)listen_service(node, svc);
+                    }
+                }
+                break;
+            case ServiceOps::Where::kNowhere: break;
         }
-        if (services_.status(node, "IPStack") == kSvcRunning) services_.on_running(node, "IPStack");
-    }
-    // ND overlay suppression is served by the master's endpoint alone.
-    if (device_.node_up(device_.master_ep()) &&
-        !listen_service(device_.master_ep(), kPortNdOverlay, [this](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-            return make_nd_overlay_conn(ctx_, l, fd, w, pid);
-        })) {
-        return "cannot listen on the ND overlay suppression service of node " + std::to_string(device_.master_ep());
     }
     return std::nullopt;
 }

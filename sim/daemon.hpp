@@ -10,6 +10,7 @@
 
 #include "context.hpp"
 #include "scenario/scenario.hpp"
+#include "services/service.hpp"
 
 namespace sim {
 
@@ -38,9 +39,8 @@ public:
 
 private:
     std::optional<std::string> restore();
-    bool listen_service(std::uint16_t node, std::uint16_t port, ConnFactory make);
-    void persist(const AddrChange& change);
-    void persist_settings(std::uint32_t ifindex, const IfSettings& s);
+    bool listen_service(std::uint16_t node, const ServiceOps& svc);
+    static std::string cannot_listen(const ServiceOps& svc, std::uint16_t node);
     void load_routes(const scenario::Scenario& s);
     void load_neighbours(const scenario::Scenario& s);
 
@@ -58,8 +58,6 @@ private:
     FibModule fib_module_;
     Dumps dumps_;
     Context ctx_;
-    // Each interface's settings as the store holds them: what a rolled-back change returns to.
-    std::map<std::uint32_t, IfSettings> stored_settings_;
     bool listening_ = false;
 };
 

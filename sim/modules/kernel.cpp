@@ -1,31 +1,30 @@
-// The kernel modules behind the control channel, by command, and the dumps of their
-// tables, by request. A module that the device does not have answers 0x40010001, as a
-// device without it would, and a dump it cannot serve is refused.
+// The kernel modules behind the control channel, offered each request in turn from their
+// operations tables, and the dumps of their tables, by request. A command that no module
+// answers gets 0x40010001, as on a device without the module, and a dump no module serves is
+// refused.
 #include "context.hpp"
+#include "core/status.hpp"
+#include "modules/module.hpp"
 
 namespace sim {
 
 namespace {
 
-std::uint32_t dispatch(Context& ctx, std::uint16_t node, std::uint32_t command, std::span<const std::uint8_t> request,
-                       std::span<std::uint8_t> reply, std::uint32_t* returned) {
-    switch (command) {
-        case AddrModule::kCommand: return ctx.addr_module.handle(node, request, reply, returned);
-        case IpStatModule::kCommand: return ctx.ipstat.handle(ctx, node, request, reply, returned);
-        case WlanModule::kCommand: return ctx.wlan.handle(ctx.device, node, request, reply, returned);
-        case ArpModule::kQueryCommand:
-        case ArpModule::kIfCountersCommand:
-        case ArpModule::kOpenFlowCountCommand: return ctx.arp.handle(ctx, node, command, request, reply, returned);
-        default: break;
+constexpr const KernelModuleOps* kModules[] = {
+    &kAddrModuleOps, &kIpStatModuleOps, &kWlanModuleOps, &kArpModuleOps,
+    &kFibModuleOps,  &kNdModuleOps,     &kNeighTableOps,
+};
+
+std::uint32_t dispatch(Context& ctx, const KernelCall& call) {
+    for (const KernelModuleOps* m : kModules) {
+        if (m->serves != nullptr && m->serves(call.command)) return m->handle(ctx, call);
     }
-    if (command >= FibModule::kFirstCommand && command <= FibModule::kLastCommand) {
-        return ctx.fib_module.handle(node, command, request, reply, returned);
-    }
-    if (NdModule::serves_command(command)) return ctx.nd.handle(ctx, node, command, request, reply, returned);
-    return 0x40010001u;
+    return kFailure;
 }
 
 }  // namespace
+
+std::span<const KernelModuleOps* const> kernel_modules() { return kModules; }
 
 // Each request is one unit of work of the store: a setting it changes is stored before the
 // reply leaves, or the request fails with kStoreFailed and its change is undone; a request
@@ -35,7 +34,7 @@ std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t co
                               std::uint32_t* returned) {
     *returned = 0;
     Store::Work work(ctx.store);
-    const std::uint32_t status = dispatch(ctx, node, command, request, reply, returned);
+    const std::uint32_t status = dispatch(ctx, KernelCall{node, command, request, reply, returned});
     if (status != 0) return status;
     if (!work.commit()) {
         *returned = 0;
@@ -46,11 +45,12 @@ std::uint32_t kernel_dispatch(Context& ctx, std::uint16_t node, std::uint32_t co
 
 std::unique_ptr<DumpCursor> open_dump(Context& ctx, std::uint16_t node, std::uint32_t request_id,
                                       std::span<const std::uint8_t> request) {
-    switch (request_id) {
-        case FibModule::kDumpRequest: return ctx.fib_module.dump(node, request);
-        case IpStatModule::kBpaDumpRequest: return ctx.ipstat.dump(ctx, node, request);
-        default: return nullptr;
+    for (const KernelModuleOps* m : kModules) {
+        for (const KernelDump& d : m->dumps) {
+            if (d.request_id == request_id) return d.open(ctx, node, request);
+        }
     }
+    return nullptr;
 }
 
 }  // namespace sim

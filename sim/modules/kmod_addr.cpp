@@ -2,8 +2,10 @@
 
 #include <cstring>
 
+#include "context.hpp"
 #include "ipproto/kmod_addr.hpp"
 #include "ipproto/wire.hpp"
+#include "modules/module.hpp"
 
 namespace sim {
 namespace {
@@ -396,5 +398,15 @@ std::uint32_t AddrModule::handle(std::uint16_t node, std::span<const std::uint8_
     }
     return kAddrFailure;
 }
+
+// The module's table: its command, and the addresses and settings it keeps.
+const KernelModuleOps kAddrModuleOps{
+    .name = "addr",
+    .serves = [](std::uint32_t command) { return command == AddrModule::kCommand; },
+    .handle = [](Context& ctx, const KernelCall& call) {
+        return ctx.addr_module.handle(call.node, call.request, call.reply, call.returned);
+    },
+    .restore = [](Context& ctx) { return ctx.addr_module.restore(ctx.store); },
+};
 
 }  // namespace sim

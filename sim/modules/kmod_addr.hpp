@@ -36,11 +36,16 @@
 #include <span>
 #include <utility>
 
+#include <optional>
+#include <string>
+
 #include "device/device.hpp"
 #include "ipproto/kmod_addr.hpp"
 #include "modules/addr_table.hpp"
 
 namespace sim {
+
+class Store;
 
 class AddrModule {
 public:
@@ -57,9 +62,20 @@ public:
 
     std::uint32_t debug_word(std::uint16_t node, std::uint16_t item) const;
 
+    // What the store keeps of the table (modules/addr_store.cpp): the addresses and the
+    // interfaces' settings. restore() reads them back before any request (the whole load is
+    // refused on one row that does not fit: a half-restored device would be worse); persist
+    // and persist_settings store a change within the request's unit of work and undo it in
+    // the table should the work be rolled back.
+    std::optional<std::string> restore(Store& store);
+    void persist(Store& store, const AddrChange& change);
+    void persist_settings(Store& store, std::uint32_t ifindex, const IfSettings& s);
+
 private:
     Device& device_;
     AddrTable& table_;
+    // The settings as the store has them: what a rolled-back change goes back to.
+    std::map<std::uint32_t, IfSettings> stored_settings_;
     std::map<std::pair<std::uint16_t, std::uint16_t>, std::uint32_t> debug_;  // (node, item) -> word
     std::map<std::uint32_t, std::pair<std::uint16_t, std::uint32_t>> vfw_;    // id -> (half, address)
 };

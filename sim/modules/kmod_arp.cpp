@@ -1,7 +1,6 @@
 #include "modules/kmod_arp.hpp"
 
 #include <arpa/inet.h>
-
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -14,6 +13,7 @@
 #include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/wire.hpp"
+#include "modules/module.hpp"
 #include "modules/resolver.hpp"
 
 namespace sim {
@@ -371,5 +371,18 @@ void register_arp_controls(Context& ctx) {
         return out;
     });
 }
+
+// The module's table: its three commands and its control operations.
+const KernelModuleOps kArpModuleOps{
+    .name = "arp",
+    .serves = [](std::uint32_t command) {
+        return command == ArpModule::kQueryCommand || command == ArpModule::kIfCountersCommand ||
+               command == ArpModule::kOpenFlowCountCommand;
+    },
+    .handle = [](Context& ctx, const KernelCall& call) {
+        return ctx.arp.handle(ctx, call.node, call.command, call.request, call.reply, call.returned);
+    },
+    .controls = register_arp_controls,
+};
 
 }  // namespace sim

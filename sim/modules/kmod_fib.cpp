@@ -2,9 +2,12 @@
 
 #include <cstring>
 
+#include "context.hpp"
 #include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/wire.hpp"
+#include "modules/fib_control.hpp"
+#include "modules/module.hpp"
 
 namespace sim {
 namespace {
@@ -177,5 +180,25 @@ std::unique_ptr<DumpCursor> FibModule::dump(std::uint16_t node, std::span<const 
     if (request.size() != 8 || request[0] != 11) return nullptr;
     return std::make_unique<FibDump>(table_, node);
 }
+
+namespace {
+constexpr KernelDump kFibDumps[] = {
+    {FibModule::kDumpRequest,
+     [](Context& ctx, std::uint16_t node, std::span<const std::uint8_t> request) { return ctx.fib_module.dump(node, request); }},
+};
+}  // namespace
+
+// The module's table: its range of commands, the dump of its table, its control operations.
+const KernelModuleOps kFibModuleOps{
+    .name = "fib",
+    .serves = [](std::uint32_t command) {
+        return command >= FibModule::kFirstCommand && command <= FibModule::kLastCommand;
+    },
+    .handle = [](Context& ctx, const KernelCall& call) {
+        return ctx.fib_module.handle(call.node, call.command, call.request, call.reply, call.returned);
+    },
+    .dumps = kFibDumps,
+    .controls = register_fib_control,
+};
 
 }  // namespace sim

@@ -8,6 +8,7 @@
 #include "ipclient/status.h"
 #include "ipproto/kmod_ipstat.hpp"
 #include "ipproto/wire.hpp"
+#include "modules/module.hpp"
 
 namespace sim {
 namespace {
@@ -263,7 +264,7 @@ std::unique_ptr<DumpCursor> IpStatModule::dump(const Context& ctx, std::uint16_t
     return std::make_unique<BpaDump>(bpa_of(node, ifindex));
 }
 
-std::optional<std::string> IpStatModule::attach(Context& ctx) {
+std::optional<std::string> IpStatModule::restore(Context& ctx) {
     std::string bad;
     const bool settings_ok = ctx.store.each(kSettingsTable, [&](std::span<const std::uint8_t> key,
                                                                 const std::vector<std::uint8_t>* value) {
@@ -282,6 +283,10 @@ std::optional<std::string> IpStatModule::attach(Context& ctx) {
         return true;
     });
     if (!settings_ok || !mtu_ok) return bad.empty() ? std::string("the IP settings are unreadable") : bad;
+    return std::nullopt;
+}
+
+void IpStatModule::attach(Context& ctx) {
 
     // The counters of a node (and of an interface on it) as the control channel shows them.
     auto show = [this, &ctx](std::uint16_t node, std::optional<std::uint32_t> ifindex) {
@@ -496,7 +501,26 @@ std::optional<std::string> IpStatModule::attach(Context& ctx) {
         }
         return out;
     });
-    return std::nullopt;
 }
+
+namespace {
+constexpr KernelDump kIpStatDumps[] = {
+    {IpStatModule::kBpaDumpRequest,
+     [](Context& ctx, std::uint16_t node, std::span<const std::uint8_t> request) { return ctx.ipstat.dump(ctx, node, request); }},
+};
+}  // namespace
+
+// The module's table: its command, the dump of the BPA statistics, its control operations
+// and the settings it keeps.
+const KernelModuleOps kIpStatModuleOps{
+    .name = "ipstat",
+    .serves = [](std::uint32_t command) { return command == IpStatModule::kCommand; },
+    .handle = [](Context& ctx, const KernelCall& call) {
+        return ctx.ipstat.handle(ctx, call.node, call.request, call.reply, call.returned);
+    },
+    .dumps = kIpStatDumps,
+    .controls = [](Context& ctx) { ctx.ipstat.attach(ctx); },
+    .restore = [](Context& ctx) { return ctx.ipstat.restore(ctx); },
+};
 
 }  // namespace sim

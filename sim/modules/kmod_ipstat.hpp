@@ -81,9 +81,10 @@ public:
     // A dump of the node's BPA statistics, or nothing for a request the module refuses.
     std::unique_ptr<DumpCursor> dump(const Context& ctx, std::uint16_t node,
                                      std::span<const std::uint8_t> request) const;
-    // Restores the stored settings and registers the control operations; an error text
-    // when a stored row does not fit the device.
-    std::optional<std::string> attach(Context& ctx);
+    // Restores the stored settings: an error text when a stored row does not fit the device.
+    std::optional<std::string> restore(Context& ctx);
+    // Registers the control operations.
+    void attach(Context& ctx);
 
     // IP counters of a node since it started, and their value at the last reset.
     struct NodeCounters {

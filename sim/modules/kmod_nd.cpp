@@ -1,7 +1,6 @@
 #include "modules/kmod_nd.hpp"
 
 #include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <limits>
@@ -15,6 +14,7 @@
 #include "ipclient/status.h"
 #include "ipproto/kmod_nd.hpp"
 #include "ipproto/wire.hpp"
+#include "modules/module.hpp"
 #include "modules/resolver.hpp"
 
 namespace sim {
@@ -531,5 +531,15 @@ void NdModule::attach(Context& ctx) {
         return json::object();
     });
 }
+
+// The module's table: its commands and its control operations.
+const KernelModuleOps kNdModuleOps{
+    .name = "nd",
+    .serves = NdModule::serves_command,
+    .handle = [](Context& ctx, const KernelCall& call) {
+        return ctx.nd.handle(ctx, call.node, call.command, call.request, call.reply, call.returned);
+    },
+    .controls = [](Context& ctx) { ctx.nd.attach(ctx); },
+};
 
 }  // namespace sim

@@ -2,9 +2,11 @@
 
 #include <cstring>
 
+#include "context.hpp"
 #include "core/status.hpp"
 #include "ipclient/status.h"
 #include "ipproto/wire.hpp"
+#include "modules/module.hpp"
 
 namespace sim {
 namespace {
@@ -124,5 +126,15 @@ std::size_t WlanModule::clear(std::optional<std::uint16_t> node) {
 void WlanModule::report(const WlanChange& c) const {
     for (const auto& o : observers_) o(c);
 }
+
+// The module's table: its command (its events and control operations are the WLAN
+// service's).
+const KernelModuleOps kWlanModuleOps{
+    .name = "wlan",
+    .serves = [](std::uint32_t command) { return command == WlanModule::kCommand; },
+    .handle = [](Context& ctx, const KernelCall& call) {
+        return ctx.wlan.handle(ctx.device, call.node, call.request, call.reply, call.returned);
+    },
+};
 
 }  // namespace sim

@@ -23,6 +23,7 @@
 #include "context.hpp"
 #include "control/args.hpp"
 #include "ipproto/wire.hpp"
+#include "modules/module.hpp"
 #include "modules/neigh_control.hpp"
 
 namespace sim {
@@ -107,5 +108,12 @@ void register_neigh_control(Context& ctx) {
         return nlohmann::json{{"changed", changed}};
     });
 }
+
+// The neighbour tables: no command of their own (the ARP and ND modules answer from them);
+// their control operations.
+const KernelModuleOps kNeighTableOps{
+    .name = "neigh",
+    .controls = register_neigh_control,
+};
 
 }  // namespace sim

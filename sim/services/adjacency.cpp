@@ -414,8 +414,12 @@ private:
     std::vector<std::uint8_t> out_;
 };
 
-std::unique_ptr<Conn> make_adj_conn(Context& ctx, bool v6, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
-    return std::make_unique<AdjConn>(ctx, v6, loop, fd, where, pid);
+std::unique_ptr<Conn> make_adj4_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
+    return std::make_unique<AdjConn>(ctx, false, loop, fd, where, pid);
+}
+
+std::unique_ptr<Conn> make_adj6_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
+    return std::make_unique<AdjConn>(ctx, true, loop, fd, where, pid);
 }
 
 void publish_neigh_change(Context& ctx, const NeighChange& change) {

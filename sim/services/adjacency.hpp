@@ -102,7 +102,9 @@ private:
     std::unique_ptr<AdjState> state_[2];
 };
 
-std::unique_ptr<Conn> make_adj_conn(Context& ctx, bool v6, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+// A client of the IPv4 or IPv6 adjacency service (the ARP or ND table channel).
+std::unique_ptr<Conn> make_adj4_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+std::unique_ptr<Conn> make_adj6_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 // Hands a neighbour-table change to the subscribers of its family.
 void publish_neigh_change(Context& ctx, const NeighChange& change);
 // Registers the control operations of the services ("adj.tables").
