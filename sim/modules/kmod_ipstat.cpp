@@ -177,6 +177,37 @@ BpaRecords IpStatModule::bpa_of(std::uint16_t node, std::uint32_t ifindex) const
     return out;
 }
 
+std::optional<std::string> IpStatModule::add_counts(const Context& ctx, std::uint16_t node, std::string_view set,
+                                                    std::uint32_t ifindex, NamedCounts counts) {
+    if (!ctx.device.node_up(node)) return "node " + std::to_string(node) + " is down";
+    if (ifindex != 0 && ctx.device.interface(ifindex) == nullptr) return "no interface " + std::to_string(ifindex);
+    if (set != "ip" && ifindex == 0) return "these counters are an interface's";
+    std::vector<std::pair<std::size_t, std::uint64_t>> raw;
+    for (const auto& [name, n] : counts) {
+        const auto at = set == "ip"     ? index_of(kIpNames, name)
+                        : set == "mib"  ? index_of(kMibNames, name)
+                        : set == "fw"   ? index_of(kFwNames, name)
+                        : set == "icmp" ? index_of(kIcmpNames, name)
+                                        : std::nullopt;
+        if (!at) return std::string(set) + " has no counter named " + std::string(name);
+        raw.emplace_back(*at, n);
+    }
+    IpCounters& ip = ip_[node].total;
+    if (ifindex == 0) {
+        add_raw(ip, raw);
+        return std::nullopt;
+    }
+    // The interface's counters are made as traffic on it makes them.
+    MibCounters& mib = mib_[{node, ifindex}];
+    FwCounters& fw = fw_[{node, ifindex}].counters;
+    IcmpCounters& icmp = icmp_[ifindex];
+    if (set == "ip") add_raw(ip, raw);
+    if (set == "mib") add_raw(mib, raw);
+    if (set == "fw") add_raw(fw, raw);
+    if (set == "icmp") add_raw(icmp, raw);
+    return std::nullopt;
+}
+
 std::uint32_t IpStatModule::handle(Context& ctx, std::uint16_t node, std::span<const std::uint8_t> request,
                                    std::span<std::uint8_t> reply, std::uint32_t* returned) {
     *returned = 0;

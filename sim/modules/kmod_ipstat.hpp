@@ -60,6 +60,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "device/dumps.hpp"
@@ -99,6 +100,14 @@ public:
 
     const ipstat::Settings& settings(std::uint16_t node) const;
     std::uint32_t mtu(const Context& ctx, std::uint32_t ifindex) const;
+
+    // Counts by counter name added to a node's IP counters (set "ip", interface 0) or to an
+    // interface's ("mib", "fw", "icmp"), as "ipstat.traffic" adds them: the way the mirrored
+    // system's own counts come in. An error text, and nothing added, for a node that is
+    // down, an interface the device does not have or a name that the set does not have.
+    using NamedCounts = std::span<const std::pair<std::string_view, std::uint64_t>>;
+    std::optional<std::string> add_counts(const Context& ctx, std::uint16_t node, std::string_view set,
+                                          std::uint32_t ifindex, NamedCounts counts);
 
 private:
     void set_settings(Context& ctx, std::uint16_t node, const ipstat::Settings& s);

@@ -10,8 +10,6 @@
 #include <chrono>
 #include <cstring>
 
-#include <nlohmann/json.hpp>
-
 #include "core/log.hpp"
 #include "ipproto/wire.hpp"
 
@@ -491,7 +489,7 @@ void LinuxSource::refresh_counters() {
 }
 
 void LinuxSource::add_counts(const char* set, std::uint32_t ifindex, const nl::Named& values) {
-    nlohmann::json counts = nlohmann::json::object();
+    nl::Named deltas;
     for (const auto& [name, value] : values) {
         std::string key = std::string(set) + "/" + std::to_string(ifindex) + "/";
         key.append(name);
@@ -499,14 +497,11 @@ void LinuxSource::add_counts(const char* set, std::uint32_t ifindex, const nl::N
         // A counter that went down started again (a link made anew): all of it is new.
         const std::uint64_t delta = value >= last ? value - last : value;
         last = value;
-        if (delta != 0) counts[std::string(name)] = delta;
+        if (delta != 0) deltas.emplace_back(name, delta);
     }
-    if (counts.empty()) return;
-    nlohmann::json req{{"op", "ipstat.traffic"}, {"node", kNode}, {set, std::move(counts)}};
-    if (ifindex != 0) req["interface"] = ifindex;
-    const auto answer = nlohmann::json::parse(ctx_->control.answer(req.dump()), nullptr, false);
-    if (!answer.is_object() || !answer.value("ok", false)) {
-        SIM_LOG(kDebug, "%s: counters of %s not taken: %s", describe().c_str(), set, answer.dump().c_str());
+    if (deltas.empty()) return;
+    if (const auto err = ctx_->ipstat.add_counts(*ctx_, kNode, set, ifindex, deltas)) {
+        SIM_LOG(kDebug, "%s: counters of %s not taken: %s", describe().c_str(), set, err->c_str());
     }
 }
 
