@@ -17,18 +17,6 @@ using ipc::device::Call;
 using ipc::wire::Reader;
 using ipc::wire::Writer;
 
-const char* call_name(std::uint32_t c) {
-    static constexpr const char* kNames[] = {"",           "hello",         "cioctl",        "device",
-                                             "node-location", "nodes",      "node-up",       "if-data",
-                                             "if-predicate", "if-by-name",  "if-next",       "mdc-is-child",
-                                             "service-status", "service-start", "service-batch-start",
-                                             "dump-request", "dump-pull",   "dump-terminate", "dbm-open",
-                                             "dbm-next",    "dbm-close",     "dbm-len",       "kevent-subscribe",
-                                             "ping",        "anchor-begin",  "anchor-inquire", "anchor-set",
-                                             "anchor-end",  "library"};
-    return c < std::size(kNames) ? kNames[c] : "unknown";
-}
-
 class DeviceConn : public Conn {
 public:
     DeviceConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid)
@@ -41,24 +29,34 @@ protected:
     void message(std::span<const std::uint8_t> msg) override {
         Reader r(msg.data(), msg.size());
         const std::uint32_t call = r.be<std::uint32_t>();
-        if (ctx_.capture.on()) capture("request", msg, {{"call", call_name(call)}});
+        const CallOps* ops = call < std::size(kCalls) ? &kCalls[call] : nullptr;
+        if (ctx_.capture.on()) capture("request", msg, {{"call", ops != nullptr ? ops->name : "unknown"}});
         if (!r.ok()) return reply(kFailure, 0);
-        if (node_ == 0 && call != static_cast<std::uint32_t>(Call::kHello) &&
-            call != static_cast<std::uint32_t>(Call::kKEventSubscribe) &&
-            call != static_cast<std::uint32_t>(Call::kPing)) {
+        if (node_ == 0 && (ops == nullptr || !ops->before_greeting)) {
             // Every other call comes after the greeting that fixes the node.
             SIM_LOG(kWarn, "device channel: call %u before the greeting from pid %d; closing", call,
                     static_cast<int>(peer_pid()));
             return close();
         }
         Writer w(out().subspan(4));
-        const std::uint32_t result = serve(static_cast<Call>(call), r, w);
+        const std::uint32_t result = ops != nullptr && ops->serve != nullptr ? (this->*ops->serve)(r, w) : kFailure;
         reply(result, w.ok() ? w.size() : 0);
     }
 
     void closed() override { leave(); }
 
 private:
+    // Each call of the channel, by its number: its name in the capture, whether a client may
+    // make it before the greeting that fixes its node, and what answers it.
+    struct CallOps {
+        const char* name;
+        bool before_greeting;
+        std::uint32_t (DeviceConn::*serve)(Reader& r, Writer& w);
+    };
+    // Defined with one row per call, numbers 0 (none) to kLibrary: a row more or less fails
+    // to compile against this bound.
+    static const CallOps kCalls[static_cast<std::size_t>(Call::kLibrary) + 1];
+
     void capture(const char* dir, std::span<const std::uint8_t> bytes, nlohmann::json fields) {
         ctx_.capture.record({dir, node_, "device", 0, 0, static_cast<int>(peer_pid())}, bytes, std::move(fields));
     }
@@ -83,211 +81,239 @@ private:
         return s;
     }
 
-    std::uint32_t serve(Call call, Reader& r, Writer& w) {
-        switch (call) {
-            case Call::kHello: {
-                const std::uint16_t wanted = r.be<std::uint16_t>();
-                if (!r.ok()) return kFailure;
-                const std::uint16_t node = wanted == 0 ? ctx_.device.master() : wanted;
-                if (ctx_.device.node(node) == nullptr) {
-                    SIM_LOG(kWarn, "pid %d asks for node %u, which the device does not have",
-                            static_cast<int>(peer_pid()), static_cast<unsigned>(node));
-                    return kFailure;
-                }
-                node_ = node;
-                SIM_LOG(kDebug, "pid %d runs on node %u", static_cast<int>(peer_pid()), static_cast<unsigned>(node));
-                w.be(node_);
-                return 0;
-            }
-            case Call::kCioctl: return cioctl(r, w);
-            case Call::kDevice:
-                w.be(node_).be(ctx_.device.master()).be(ctx_.device.master_ep()).be(ctx_.device.mdc());
-                w.be(static_cast<std::uint32_t>(ctx_.device.mdc_child() ? 1 : 0));
-                return 0;
-            case Call::kNodeLocation: {
-                const NodeState* n = ctx_.device.node(resolve(r.be<std::uint16_t>()));
-                w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.chassis : 0));
-                w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.slot : 0));
-                w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.cpu : 0));
-                return r.ok() ? 0 : kFailure;
-            }
-            case Call::kNodes: {
-                const std::uint32_t which = r.be<std::uint32_t>();
-                std::vector<std::uint16_t> list;
-                if (which == 0) {
-                    for (const auto& [number, n] : ctx_.device.nodes()) list.push_back(number);
-                } else {
-                    list = ctx_.device.standby_nodes();
-                }
-                w.be(std::uint32_t{1}).be(static_cast<std::uint32_t>(list.size()));
-                for (const std::uint16_t n : list) w.be(n);
-                return r.ok() ? 0 : kFailure;
-            }
-            case Call::kNodeUp: {
-                const std::uint16_t n = resolve(r.be<std::uint32_t>());
-                w.be(static_cast<std::uint32_t>(ctx_.device.node_up(n) ? 1 : 0));
-                return r.ok() ? 0 : kFailure;
-            }
-            case Call::kMdcIsChild: {
-                const std::uint16_t mdc = r.be<std::uint16_t>();
-                w.be(static_cast<std::uint32_t>(mdc == ctx_.device.mdc() && ctx_.device.mdc_child() ? 1 : 0));
-                return r.ok() ? 0 : kFailure;
-            }
-            case Call::kIfData: return if_data(r, w);
-            case Call::kIfPredicate: {
-                const std::uint32_t ifindex = r.be<std::uint32_t>();
-                const std::uint32_t which = r.be<std::uint32_t>();
-                const auto* i = ctx_.device.interface(ifindex);
-                bool v = false;
-                if (i != nullptr) {
-                    switch (static_cast<ipc::device::IfPredicate>(which)) {
-                        case ipc::device::IfPredicate::kValid: v = i->valid; break;
-                        case ipc::device::IfPredicate::kL2: v = i->l2; break;
-                        case ipc::device::IfPredicate::kTemp: v = i->temp; break;
-                        case ipc::device::IfPredicate::kVisible: v = i->visible; break;
-                        case ipc::device::IfPredicate::kConfigured: v = i->configured; break;
-                        default: return kFailure;
-                    }
-                }
-                w.be(static_cast<std::uint32_t>(v ? 1 : 0));
-                return r.ok() ? 0 : kFailure;
-            }
-            case Call::kIfByName: w.be(ctx_.device.find_interface(text(r))); return 0;
-            case Call::kIfNext: {
-                const std::uint32_t after = r.be<std::uint32_t>();
-                std::uint32_t bits[8];
-                for (std::uint32_t& b : bits) b = r.be<std::uint32_t>();
-                if (!r.ok()) return kFailure;
-                w.be(ctx_.device.next_interface(after, bits));
-                return 0;
-            }
-            case Call::kServiceStatus: {
-                const std::uint16_t node = resolve(r.be<std::uint16_t>());
-                const std::string name = text(r);
-                if (!r.ok() || ctx_.device.node(node) == nullptr) return kFailure;
-                w.be(ctx_.services.status(node, name));
-                return 0;
-            }
-            case Call::kServiceStart: {
-                const std::uint16_t node = resolve(r.be<std::uint16_t>());
-                const std::string name = text(r);
-                if (!r.ok()) return kFailure;
-                return ctx_.services.start(node, ctx_.device.node_up(node), name);
-            }
-            case Call::kServiceBatchStart: {
-                const std::uint32_t count = r.be<std::uint32_t>();
-                if (!r.ok() || count > r.remaining() / 2) return kFailure;
-                std::vector<std::uint16_t> nodes(count);
-                for (std::uint16_t& n : nodes) n = resolve(r.be<std::uint16_t>());
-                const std::string name = text(r);
-                for (const std::uint16_t n : nodes) (void)ctx_.services.start(n, ctx_.device.node_up(n), name);
-                return 0;
-            }
-            case Call::kDumpRequest: {
-                const std::uint16_t node = resolve(r.be<std::uint32_t>());
-                const std::uint32_t id = r.be<std::uint32_t>();
-                if (!r.ok() || !ctx_.device.node_up(node)) return kFailure;
-                auto cursor = open_dump(ctx_, node, id, r.rest());
-                if (!cursor) return kFailure;
-                w.be(static_cast<std::uint32_t>(ctx_.dumps.open(this, std::move(cursor))));
-                return 0;
-            }
-            case Call::kDumpPull: {
-                const auto handle = static_cast<std::int32_t>(r.be<std::uint32_t>());
-                const std::uint32_t cap = r.be<std::uint32_t>();
-                DumpCursor* cursor = r.ok() ? ctx_.dumps.find(this, handle) : nullptr;
-                if (cursor == nullptr) return kFailure;
-                const std::span<std::uint8_t> room = out().subspan(4, std::min<std::size_t>(cap, ipc::device::kMaxPayload));
-                std::size_t len = 0;
-                const std::uint32_t status = cursor->pull(room, &len);
-                (void)w.reserve(std::min(len, room.size()));
-                return status;
-            }
-            case Call::kDumpTerminate: {
-                const auto handle = static_cast<std::int32_t>(r.be<std::uint32_t>());
-                return r.ok() && ctx_.dumps.close(this, handle) ? 0 : kFailure;
-            }
-            case Call::kDbmOpen: {
-                const std::uint32_t mode = r.be<std::uint32_t>();
-                (void)mode;
-                const std::string both = [&] {
-                    const auto rest = r.rest();
-                    return std::string(reinterpret_cast<const char*>(rest.data()), rest.size());
-                }();
-                const auto nul = both.find('\0');
-                if (!r.ok() || nul == std::string::npos) return kFailure;
-                w.be(ctx_.database.open(both.substr(0, nul), both.substr(nul + 1)));
-                return 0;
-            }
-            case Call::kDbmNext: {
-                const std::uint32_t handle = r.be<std::uint32_t>();
-                const std::uint32_t position = r.be<std::uint32_t>();
-                const std::uint32_t cap = r.be<std::uint32_t>();
-                if (!r.ok()) return kFailure;
-                const auto list = ctx_.database.list(handle, r.rest());
-                if (!list) {
-                    w.be(static_cast<std::uint32_t>(-1));
-                    return 0;
-                }
-                if (position >= list->size()) {
-                    w.be(std::uint32_t{0});
-                    return 0;
-                }
-                const auto& rec = (*list)[position];
-                w.be(std::uint32_t{1}).raw(rec.data(), std::min<std::size_t>(cap, rec.size()));
-                return 0;
-            }
-            case Call::kDbmClose: return ctx_.database.close(r.be<std::uint32_t>()) ? 0 : kFailure;
-            case Call::kDbmLen: {
-                const std::uint32_t handle = r.be<std::uint32_t>();
-                if (!r.ok()) return kFailure;
-                const auto list = ctx_.database.list(handle, r.rest());
-                w.be(list ? static_cast<std::uint32_t>(list->size()) : static_cast<std::uint32_t>(-1));
-                return 0;
-            }
-            case Call::kKEventSubscribe: {
-                const std::uint32_t event_class = r.be<std::uint32_t>();
-                if (!r.ok() || subscribed_) return kFailure;
-                subscribed_ = true;
-                ctx_.kevent_subscribers.emplace(event_class, this);
-                return 0;
-            }
-            case Call::kPing: w.raw(r.rest()); return 0;
-            case Call::kAnchorBegin: {
-                const std::uint64_t anchor = r.be<std::uint64_t>();
-                const std::uint32_t key = r.be<std::uint32_t>();
-                const std::uint64_t position = r.be<std::uint64_t>();
-                if (!r.ok()) return kFailure;
-                w.be(ctx_.anchors.begin(peer_pid(), anchor, key, position));
-                return 0;
-            }
-            case Call::kAnchorInquire: {
-                const std::uint64_t anchor = r.be<std::uint64_t>();
-                const std::uint64_t path = r.be<std::uint64_t>();
-                const auto position = r.ok() ? ctx_.anchors.inquire(peer_pid(), anchor, path) : std::nullopt;
-                if (!position) return kFailure;
-                w.be(*position);
-                return 0;
-            }
-            case Call::kAnchorSet: {
-                const std::uint64_t anchor = r.be<std::uint64_t>();
-                const std::uint64_t path = r.be<std::uint64_t>();
-                const std::uint64_t position = r.be<std::uint64_t>();
-                return r.ok() && ctx_.anchors.set(peer_pid(), anchor, path, position) ? 0 : kFailure;
-            }
-            case Call::kAnchorEnd: {
-                const std::uint64_t anchor = r.be<std::uint64_t>();
-                const std::uint64_t path = r.be<std::uint64_t>();
-                return r.ok() && ctx_.anchors.end(peer_pid(), anchor, path) ? 0 : kFailure;
-            }
-            case Call::kLibrary: {
-                const auto file = runtime_library(text(r));
-                if (!file) return kFailure;
-                w.raw(file->data(), file->size());
-                return 0;
+
+    std::uint32_t hello(Reader& r, Writer& w) {
+        const std::uint16_t wanted = r.be<std::uint16_t>();
+        if (!r.ok()) return kFailure;
+        const std::uint16_t node = wanted == 0 ? ctx_.device.master() : wanted;
+        if (ctx_.device.node(node) == nullptr) {
+            SIM_LOG(kWarn, "pid %d asks for node %u, which the device does not have",
+                    static_cast<int>(peer_pid()), static_cast<unsigned>(node));
+            return kFailure;
+        }
+        node_ = node;
+        SIM_LOG(kDebug, "pid %d runs on node %u", static_cast<int>(peer_pid()), static_cast<unsigned>(node));
+        w.be(node_);
+        return 0;
+    }
+
+    std::uint32_t device_info(Reader&, Writer& w) {
+        w.be(node_).be(ctx_.device.master()).be(ctx_.device.master_ep()).be(ctx_.device.mdc());
+        w.be(static_cast<std::uint32_t>(ctx_.device.mdc_child() ? 1 : 0));
+        return 0;
+    }
+
+    std::uint32_t node_location(Reader& r, Writer& w) {
+        const NodeState* n = ctx_.device.node(resolve(r.be<std::uint16_t>()));
+        w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.chassis : 0));
+        w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.slot : 0));
+        w.be(static_cast<std::uint16_t>(n != nullptr ? n->info.cpu : 0));
+        return r.ok() ? 0 : kFailure;
+    }
+
+    std::uint32_t nodes(Reader& r, Writer& w) {
+        const std::uint32_t which = r.be<std::uint32_t>();
+        std::vector<std::uint16_t> list;
+        if (which == 0) {
+            for (const auto& [number, n] : ctx_.device.nodes()) list.push_back(number);
+        } else {
+            list = ctx_.device.standby_nodes();
+        }
+        w.be(std::uint32_t{1}).be(static_cast<std::uint32_t>(list.size()));
+        for (const std::uint16_t n : list) w.be(n);
+        return r.ok() ? 0 : kFailure;
+    }
+
+    std::uint32_t node_up(Reader& r, Writer& w) {
+        const std::uint16_t n = resolve(r.be<std::uint32_t>());
+        w.be(static_cast<std::uint32_t>(ctx_.device.node_up(n) ? 1 : 0));
+        return r.ok() ? 0 : kFailure;
+    }
+
+    std::uint32_t mdc_is_child(Reader& r, Writer& w) {
+        const std::uint16_t mdc = r.be<std::uint16_t>();
+        w.be(static_cast<std::uint32_t>(mdc == ctx_.device.mdc() && ctx_.device.mdc_child() ? 1 : 0));
+        return r.ok() ? 0 : kFailure;
+    }
+
+    std::uint32_t if_predicate(Reader& r, Writer& w) {
+        const std::uint32_t ifindex = r.be<std::uint32_t>();
+        const std::uint32_t which = r.be<std::uint32_t>();
+        const auto* i = ctx_.device.interface(ifindex);
+        bool v = false;
+        if (i != nullptr) {
+            switch (static_cast<ipc::device::IfPredicate>(which)) {
+                case ipc::device::IfPredicate::kValid: v = i->valid; break;
+                case ipc::device::IfPredicate::kL2: v = i->l2; break;
+                case ipc::device::IfPredicate::kTemp: v = i->temp; break;
+                case ipc::device::IfPredicate::kVisible: v = i->visible; break;
+                case ipc::device::IfPredicate::kConfigured: v = i->configured; break;
+                default: return kFailure;
             }
         }
-        return kFailure;
+        w.be(static_cast<std::uint32_t>(v ? 1 : 0));
+        return r.ok() ? 0 : kFailure;
+    }
+
+    std::uint32_t if_by_name(Reader& r, Writer& w) {
+        w.be(ctx_.device.find_interface(text(r)));
+        return 0;
+    }
+
+    std::uint32_t if_next(Reader& r, Writer& w) {
+        const std::uint32_t after = r.be<std::uint32_t>();
+        std::uint32_t bits[8];
+        for (std::uint32_t& b : bits) b = r.be<std::uint32_t>();
+        if (!r.ok()) return kFailure;
+        w.be(ctx_.device.next_interface(after, bits));
+        return 0;
+    }
+
+    std::uint32_t service_status(Reader& r, Writer& w) {
+        const std::uint16_t node = resolve(r.be<std::uint16_t>());
+        const std::string name = text(r);
+        if (!r.ok() || ctx_.device.node(node) == nullptr) return kFailure;
+        w.be(ctx_.services.status(node, name));
+        return 0;
+    }
+
+    std::uint32_t service_start(Reader& r, Writer&) {
+        const std::uint16_t node = resolve(r.be<std::uint16_t>());
+        const std::string name = text(r);
+        if (!r.ok()) return kFailure;
+        return ctx_.services.start(node, ctx_.device.node_up(node), name);
+    }
+
+    std::uint32_t service_batch_start(Reader& r, Writer&) {
+        const std::uint32_t count = r.be<std::uint32_t>();
+        if (!r.ok() || count > r.remaining() / 2) return kFailure;
+        std::vector<std::uint16_t> nodes(count);
+        for (std::uint16_t& n : nodes) n = resolve(r.be<std::uint16_t>());
+        const std::string name = text(r);
+        for (const std::uint16_t n : nodes) (void)ctx_.services.start(n, ctx_.device.node_up(n), name);
+        return 0;
+    }
+
+    std::uint32_t dump_request(Reader& r, Writer& w) {
+        const std::uint16_t node = resolve(r.be<std::uint32_t>());
+        const std::uint32_t id = r.be<std::uint32_t>();
+        if (!r.ok() || !ctx_.device.node_up(node)) return kFailure;
+        auto cursor = open_dump(ctx_, node, id, r.rest());
+        if (!cursor) return kFailure;
+        w.be(static_cast<std::uint32_t>(ctx_.dumps.open(this, std::move(cursor))));
+        return 0;
+    }
+
+    std::uint32_t dump_pull(Reader& r, Writer& w) {
+        const auto handle = static_cast<std::int32_t>(r.be<std::uint32_t>());
+        const std::uint32_t cap = r.be<std::uint32_t>();
+        DumpCursor* cursor = r.ok() ? ctx_.dumps.find(this, handle) : nullptr;
+        if (cursor == nullptr) return kFailure;
+        const std::span<std::uint8_t> room = out().subspan(4, std::min<std::size_t>(cap, ipc::device::kMaxPayload));
+        std::size_t len = 0;
+        const std::uint32_t status = cursor->pull(room, &len);
+        (void)w.reserve(std::min(len, room.size()));
+        return status;
+    }
+
+    std::uint32_t dump_terminate(Reader& r, Writer&) {
+        const auto handle = static_cast<std::int32_t>(r.be<std::uint32_t>());
+        return r.ok() && ctx_.dumps.close(this, handle) ? 0 : kFailure;
+    }
+
+    std::uint32_t dbm_open(Reader& r, Writer& w) {
+        const std::uint32_t mode = r.be<std::uint32_t>();
+        (void)mode;
+        const std::string both = [&] {
+            const auto rest = r.rest();
+            return std::string(reinterpret_cast<const char*>(rest.data()), rest.size());
+        }();
+        const auto nul = both.find('\0');
+        if (!r.ok() || nul == std::string::npos) return kFailure;
+        w.be(ctx_.database.open(both.substr(0, nul), both.substr(nul + 1)));
+        return 0;
+    }
+
+    std::uint32_t dbm_next(Reader& r, Writer& w) {
+        const std::uint32_t handle = r.be<std::uint32_t>();
+        const std::uint32_t position = r.be<std::uint32_t>();
+        const std::uint32_t cap = r.be<std::uint32_t>();
+        if (!r.ok()) return kFailure;
+        const auto list = ctx_.database.list(handle, r.rest());
+        if (!list) {
+            w.be(static_cast<std::uint32_t>(-1));
+            return 0;
+        }
+        if (position >= list->size()) {
+            w.be(std::uint32_t{0});
+            return 0;
+        }
+        const auto& rec = (*list)[position];
+        w.be(std::uint32_t{1}).raw(rec.data(), std::min<std::size_t>(cap, rec.size()));
+        return 0;
+    }
+
+    std::uint32_t dbm_close(Reader& r, Writer&) {
+        return ctx_.database.close(r.be<std::uint32_t>()) ? 0 : kFailure;
+    }
+
+    std::uint32_t dbm_len(Reader& r, Writer& w) {
+        const std::uint32_t handle = r.be<std::uint32_t>();
+        if (!r.ok()) return kFailure;
+        const auto list = ctx_.database.list(handle, r.rest());
+        w.be(list ? static_cast<std::uint32_t>(list->size()) : static_cast<std::uint32_t>(-1));
+        return 0;
+    }
+
+    std::uint32_t kevent_subscribe(Reader& r, Writer&) {
+        const std::uint32_t event_class = r.be<std::uint32_t>();
+        if (!r.ok() || subscribed_) return kFailure;
+        subscribed_ = true;
+        ctx_.kevent_subscribers.emplace(event_class, this);
+        return 0;
+    }
+
+    std::uint32_t ping(Reader& r, Writer& w) {
+        w.raw(r.rest());
+        return 0;
+    }
+
+    std::uint32_t anchor_begin(Reader& r, Writer& w) {
+        const std::uint64_t anchor = r.be<std::uint64_t>();
+        const std::uint32_t key = r.be<std::uint32_t>();
+        const std::uint64_t position = r.be<std::uint64_t>();
+        if (!r.ok()) return kFailure;
+        w.be(ctx_.anchors.begin(peer_pid(), anchor, key, position));
+        return 0;
+    }
+
+    std::uint32_t anchor_inquire(Reader& r, Writer& w) {
+        const std::uint64_t anchor = r.be<std::uint64_t>();
+        const std::uint64_t path = r.be<std::uint64_t>();
+        const auto position = r.ok() ? ctx_.anchors.inquire(peer_pid(), anchor, path) : std::nullopt;
+        if (!position) return kFailure;
+        w.be(*position);
+        return 0;
+    }
+
+    std::uint32_t anchor_set(Reader& r, Writer&) {
+        const std::uint64_t anchor = r.be<std::uint64_t>();
+        const std::uint64_t path = r.be<std::uint64_t>();
+        const std::uint64_t position = r.be<std::uint64_t>();
+        return r.ok() && ctx_.anchors.set(peer_pid(), anchor, path, position) ? 0 : kFailure;
+    }
+
+    std::uint32_t anchor_end(Reader& r, Writer&) {
+        const std::uint64_t anchor = r.be<std::uint64_t>();
+        const std::uint64_t path = r.be<std::uint64_t>();
+        return r.ok() && ctx_.anchors.end(peer_pid(), anchor, path) ? 0 : kFailure;
+    }
+
+    std::uint32_t library(Reader& r, Writer& w) {
+        const auto file = runtime_library(text(r));
+        if (!file) return kFailure;
+        w.raw(file->data(), file->size());
+        return 0;
     }
 
     std::uint32_t cioctl(Reader& r, Writer& w) {
@@ -367,6 +393,38 @@ private:
     std::uint16_t node_ = 0;
     bool subscribed_ = false;
     bool counted_ = true;
+};
+
+const DeviceConn::CallOps DeviceConn::kCalls[] = {
+    {"", false, nullptr},
+    {"hello", true, &DeviceConn::hello},
+    {"cioctl", false, &DeviceConn::cioctl},
+    {"device", false, &DeviceConn::device_info},
+    {"node-location", false, &DeviceConn::node_location},
+    {"nodes", false, &DeviceConn::nodes},
+    {"node-up", false, &DeviceConn::node_up},
+    {"if-data", false, &DeviceConn::if_data},
+    {"if-predicate", false, &DeviceConn::if_predicate},
+    {"if-by-name", false, &DeviceConn::if_by_name},
+    {"if-next", false, &DeviceConn::if_next},
+    {"mdc-is-child", false, &DeviceConn::mdc_is_child},
+    {"service-status", false, &DeviceConn::service_status},
+    {"service-start", false, &DeviceConn::service_start},
+    {"service-batch-start", false, &DeviceConn::service_batch_start},
+    {"dump-request", false, &DeviceConn::dump_request},
+    {"dump-pull", false, &DeviceConn::dump_pull},
+    {"dump-terminate", false, &DeviceConn::dump_terminate},
+    {"dbm-open", false, &DeviceConn::dbm_open},
+    {"dbm-next", false, &DeviceConn::dbm_next},
+    {"dbm-close", false, &DeviceConn::dbm_close},
+    {"dbm-len", false, &DeviceConn::dbm_len},
+    {"kevent-subscribe", true, &DeviceConn::kevent_subscribe},
+    {"ping", true, &DeviceConn::ping},
+    {"anchor-begin", false, &DeviceConn::anchor_begin},
+    {"anchor-inquire", false, &DeviceConn::anchor_inquire},
+    {"anchor-set", false, &DeviceConn::anchor_set},
+    {"anchor-end", false, &DeviceConn::anchor_end},
+    {"library", false, &DeviceConn::library},
 };
 
 }  // namespace
