@@ -25,6 +25,10 @@ static_assert(kMsgCountAt + 2 == kMsgHeadLen);
 // Event types of the records both services publish.
 enum EventType : std::uint32_t { kAdded = 0, kChanged = 1, kDeleted = 2, kPresent = 3, kBatchEnd = 4 };
 
+// An entry learnt outside any VSI, and outside any attachment-circuit link of one.
+inline constexpr std::uint32_t kNoVsi = ND_VSI_INDEX_NONE;
+inline constexpr std::uint16_t kNoLink = 0xFFFFu;
+
 inline constexpr std::size_t kRecordHead = 8;
 // The largest event datagram a subscriber reads at once.
 inline constexpr std::size_t kDatagramMax = ARP_EVENT_DATAGRAM_MAX;

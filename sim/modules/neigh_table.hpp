@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "ipproto/svc_adj.hpp"
+
 namespace sim {
 
 // Neighbour states, as the ND module numbers them (and the ARP module too).
@@ -43,8 +45,8 @@ struct Neighbour {
     NeighState state = NeighState::kReachable;
     NeighKind kind = NeighKind::kDynamic;
     std::uint16_t vlan = 0;
-    std::uint32_t vsi = 0xFFFFFFFFu; // VSI the entry was learnt in (all ones: none)
-    std::uint16_t link = 0xFFFF;     // attachment circuit link id within the VSI (all ones: none)
+    std::uint32_t vsi = ipc::proto::adj::kNoVsi;    // VSI the entry was learnt in
+    std::uint16_t link = ipc::proto::adj::kNoLink;  // attachment circuit link id within the VSI
     std::uint32_t port = 0;          // member interface of an aggregate that holds it (0 none)
     std::uint16_t node = 0;          // node that owns the interface
     std::uint32_t updated = 0;       // seconds since the device started, at the last change

@@ -26,7 +26,7 @@ constexpr std::size_t kPayloadLen = ipc::proto::nd_overlay::kRequestLen;
 constexpr std::uint8_t kVsiSwitchType = ipc::proto::nd_overlay::kSwitch;
 constexpr std::uint8_t kCodeSet = ipc::proto::nd_overlay::kSetOverlay;
 constexpr std::uint8_t kCodeGet = ipc::proto::nd_overlay::kGetOverlay;
-constexpr std::uint32_t kNoVsi = 0xFFFFFFFFu;
+constexpr std::uint32_t kNoVsi = ipc::proto::adj::kNoVsi;
 
 class NdOverlayConn : public Conn {
 public:
