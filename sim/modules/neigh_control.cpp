@@ -53,7 +53,7 @@ Neighbour entry_of(const Context& ctx, const nlohmann::json& req, std::string_vi
                        NeighKind::kDynamic);
     if (n.kind == NeighKind::kStatic) n.aging = 0;
     n.vlan = arg::whole<std::uint16_t, 0, 4095>(req, "vlan", 0);
-    n.vsi = arg::whole<std::uint32_t, 0, 0xFFFFFFFF>(req, "vsi", 0xFFFFFFFFu);
+    n.vsi = arg::whole<std::uint32_t, 0, 0xFFFFFFFF>(req, "vsi", ipc::proto::adj::kNoVsi);
     n.link = arg::whole<std::uint16_t, 0, 0xFFFF>(req, "link", 0xFFFF);
     n.updated = ctx.uptime();
     return n;
