@@ -17,6 +17,7 @@
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/sock_log.hpp"
 #include "support/statuses.hpp"
 
 namespace ipt {
@@ -26,15 +27,6 @@ constexpr std::uint16_t kController = 16;
 
 class AdjGenlTest : public PlatformTest {
 protected:
-    static std::vector<ipp_sock_event> events(ipp_call call) {
-        std::vector<ipp_sock_event> out;
-        for (std::uint32_t i = 0; i < ipp_sock_log_count(); ++i) {
-            ipp_sock_event ev{};
-            if (ipp_sock_log_get(i, &ev) == 0 && ev.call == call) out.push_back(ev);
-        }
-        return out;
-    }
-
     void SetUp() override {
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair_), 0);
     }
@@ -158,13 +150,13 @@ TEST_F(AdjGenlTest, GetFamilyIdRequestForShortNameIsPaddedToFourBytes) {
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(req.data() + 24)), "nlctrl");
     EXPECT_EQ(req[30], 0);
 
-    const auto sendtos = events(IPP_CALL_SENDTO);
+    const auto sendtos = sock_events(IPP_CALL_SENDTO);
     ASSERT_EQ(sendtos.size(), 1u);
     EXPECT_EQ(sendtos[0].fd, lib());
     EXPECT_EQ(sendtos[0].length, 32u);
     EXPECT_EQ(sendtos[0].addr_len, 16u);
     EXPECT_EQ(std::memcmp(sendtos[0].addr, kKernelAddr, 16), 0);
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 1u);
     EXPECT_EQ(recvs[0].flags, MSG_DONTWAIT);
     EXPECT_EQ(recvs[0].length, 48u);
@@ -198,7 +190,7 @@ TEST_F(AdjGenlTest, GetFamilyIdWithoutReplyFails) {
     EXPECT_EQ(ADJ4_GetGenlFamilyId(lib(), "nlctrl", &id), kFailed);  // nothing queued: no wait
     EXPECT_EQ(id, 0x7777u);
     EXPECT_EQ(read_peer().size(), 32u);  // the request went
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 1u);
     EXPECT_EQ(recvs[0].result, -1);
     EXPECT_EQ(recvs[0].err, EAGAIN);
@@ -229,13 +221,8 @@ TEST_F(AdjGenlTest, GenlOpenOfControllerGivesFamily16AndASocket) {
     ASSERT_EQ(ADJ4_GenlOpen(&genl), 0u);
     EXPECT_GE(genl.iSock, 0);
     EXPECT_EQ(genl.usFamilyId, 16u);
-    const auto sockets = events(IPP_CALL_SOCKET);
-    ASSERT_EQ(sockets.size(), 1u);
-    EXPECT_EQ(sockets[0].domain, 16);
-    EXPECT_EQ(sockets[0].type, 3);
-    EXPECT_EQ(sockets[0].protocol, 16);
-    EXPECT_EQ(sockets[0].result, genl.iSock);
-    const auto sendtos = events(IPP_CALL_SENDTO);
+    expect_one_socket(16, 3, 16, genl.iSock);
+    const auto sendtos = sock_events(IPP_CALL_SENDTO);
     ASSERT_EQ(sendtos.size(), 1u);
     EXPECT_EQ(sendtos[0].fd, genl.iSock);
     EXPECT_EQ(std::memcmp(sendtos[0].addr, kKernelAddr, 16), 0);
@@ -252,8 +239,8 @@ TEST_F(AdjGenlTest, GenlOpenOfUnknownFamilyFailsAndClosesItsSocket) {
     genl.pcFamilyName = "adjnosuchfamily";
     EXPECT_EQ(ADJ4_GenlOpen(&genl), kFailed);
     EXPECT_EQ(genl.iSock, -1);
-    const auto sockets = events(IPP_CALL_SOCKET);
-    const auto closes = events(IPP_CALL_CLOSE);
+    const auto sockets = sock_events(IPP_CALL_SOCKET);
+    const auto closes = sock_events(IPP_CALL_CLOSE);
     ASSERT_EQ(sockets.size(), 1u);
     ASSERT_EQ(closes.size(), 1u);
     EXPECT_GE(sockets[0].result, 0);
@@ -280,7 +267,7 @@ TEST_F(AdjGenlTest, GenlCloseClosesTheSocketAndFreesTheBuffer) {
     ASSERT_NE(genl.pBuffer, nullptr);
     ADJ4_GenlClose(&genl);
     EXPECT_FALSE(is_open(fd));
-    const auto closes = events(IPP_CALL_CLOSE);
+    const auto closes = sock_events(IPP_CALL_CLOSE);
     ASSERT_EQ(closes.size(), 1u);
     EXPECT_EQ(closes[0].fd, fd);
 }
@@ -315,7 +302,7 @@ TEST_F(AdjGenlTest, GenlSendCmdSendsHeadersThenPayloadToTheKernelAddress) {
     EXPECT_EQ(host16(got, 6), 5u);
     EXPECT_EQ(got[16], 9);
     EXPECT_EQ(std::memcmp(got.data() + 20, payload, 8), 0);
-    const auto sends = events(IPP_CALL_SENDMSG);
+    const auto sends = sock_events(IPP_CALL_SENDMSG);
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].fd, lib());
     EXPECT_EQ(sends[0].length, 28u);
@@ -374,11 +361,11 @@ TEST_F(AdjGenlTest, GenlRecvDoItOnControllerReturnsAReplyOfTheFamily) {
     // The rest of the buffer was cleared before the receive.
     for (std::size_t i = len; i < reply.size(); ++i) ASSERT_EQ(reply[i], 0) << "byte " << i;
 
-    const auto sends = events(IPP_CALL_SENDMSG);
+    const auto sends = sock_events(IPP_CALL_SENDMSG);
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].length, 20u + attrs.size());
     EXPECT_EQ(std::memcmp(sends[0].addr, kKernelAddr, 16), 0);
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 2u);  // family resolution, then the reply
     EXPECT_EQ(recvs[1].flags, MSG_DONTWAIT);
     EXPECT_EQ(recvs[1].length, 4096u);

@@ -6,13 +6,16 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "ipclient/adj.h"
 #include "ipplat/testctl.h"
+#include "support/directory_interface.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/sock_log.hpp"
 
 namespace ipt {
 namespace {
@@ -25,20 +28,9 @@ protected:
         PlatformTest::TearDown();
     }
 
-    static std::vector<ipp_sock_event> events(ipp_call call) {
-        std::vector<ipp_sock_event> out;
-        for (std::uint32_t i = 0; i < ipp_sock_log_count(); ++i) {
-            ipp_sock_event ev{};
-            if (ipp_sock_log_get(i, &ev) == 0 && ev.call == call) out.push_back(ev);
-        }
-        return out;
-    }
 
     static void add_interface(std::uint32_t ifindex, std::uint32_t type) {
-        ipp_interface itf{};
-        itf.ifindex = ifindex;
-        itf.type = type;
-        ipp_dir_add_interface(&itf);
+        DirInterface(ifindex).type(type).add();
     }
 };
 
@@ -90,6 +82,18 @@ FakeService::Script recording(std::vector<Bytes>* got) {
     };
 }
 
+// The requests a service at `port` on `node` received while `call` ran, each answered with
+// `status`.
+std::vector<Bytes> answered(std::uint16_t node, std::uint16_t port, std::uint32_t status,
+                            const std::function<void()>& call) {
+    std::vector<Bytes> got;
+    {
+        FakeService svc(node, port, answering(&got, status));
+        call();
+    }
+    return got;
+}
+
 TEST_F(ProenTest, MsgSendWithNullPayloadAndALengthFailsBeforeSending) {
     int sv[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sv), 0);
@@ -110,7 +114,7 @@ TEST_F(ProenTest, SendFramesTheTwentyByteHeaderAndSendsWithoutBlocking) {
     }
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0], concat(header(4, 1), {0x0A, 0x0B, 0x0C}));
-    const auto sends = events(IPP_CALL_SEND);
+    const auto sends = sock_events(IPP_CALL_SEND);
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].flags, 64);
 }
@@ -119,7 +123,7 @@ TEST_F(ProenTest, MsgStartSetsThirtySecondTimeOutsAndConnects) {
     FakeService svc(5, 1680, [](Conn& c) { c.recv_message(); });
     const int fd = PROEN_MSG_MsgStart(5, 1680);
     ASSERT_GE(fd, 0);
-    const auto opts = events(IPP_CALL_SETSOCKOPT);
+    const auto opts = sock_events(IPP_CALL_SETSOCKOPT);
     ASSERT_EQ(opts.size(), 2u);
     EXPECT_EQ(opts[0].option, 0x1005);
     EXPECT_EQ(opts[1].option, 0x1006);
@@ -130,10 +134,7 @@ TEST_F(ProenTest, MsgStartSetsThirtySecondTimeOutsAndConnects) {
         EXPECT_EQ(o.value_len, 16u);
         EXPECT_EQ(std::memcmp(o.value, &tv, 16), 0);
     }
-    const auto connects = events(IPP_CALL_CONNECT);
-    ASSERT_EQ(connects.size(), 1u);
-    const std::uint8_t want[16] = {16, 37, 0x06, 0x90, 0x00, 0x05};
-    EXPECT_EQ(std::memcmp(connects[0].addr, want, 16), 0);
+    expect_one_connect(0x0005, 0x0690);
     PROEN_MSG_MsgEnd(fd);
 }
 
@@ -155,12 +156,10 @@ TEST_F(ProenTest, MsgStartAcceptsEisconnAndFailsOnOtherErrorsAtOnce) {
 
 TEST_F(ProenTest, EnableSendsTheRequestToThePortAndReturnsTheServiceStatus) {
     add_interface(0x0A0B0C0D, 7);
-    std::vector<Bytes> got;
-    {
-        FakeService svc(0x8000, 1680, answering(&got, 0x12345678));
+    const auto got = answered(0x8000, 1680, 0x12345678, [] {
         EXPECT_EQ(IP_EnableProtocolToCPU(0x01020304, 1, 0x05060708, 0x11, 0x12, 0x13, 0x14, 0x15, 0x0A0B0C0D),
                   0x12345678u);
-    }
+    });
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0], concat(header(1, 0), request({{0, 0x01020304}, {4, 0x05060708}, {40, 0x11}, {44, 0x12},
                                                     {48, 0x13}, {52, 0x14}, {56, 0x15}, {60, 0x0A0B0C0D}})));
@@ -173,11 +172,8 @@ TEST_F(ProenTest, EnableWithFlagAndInterfaceZeroFailsWithoutSending) {
 }
 
 TEST_F(ProenTest, EnableWithFlagClearIgnoresTheInterfaceIndex) {
-    std::vector<Bytes> got;
-    {
-        FakeService svc(0x8000, 1680, answering(&got, 0));
-        EXPECT_EQ(IP_EnableProtocolToCPU(1, 0, 2, 3, 4, 5, 6, 7, 99), 0u);
-    }
+    const auto got =
+        answered(0x8000, 1680, 0, [] { EXPECT_EQ(IP_EnableProtocolToCPU(1, 0, 2, 3, 4, 5, 6, 7, 99), 0u); });
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0].size(), 116u);
     EXPECT_EQ(Bytes(got[0].begin() + 20 + 60, got[0].begin() + 20 + 64), Bytes(4, 0));
@@ -203,11 +199,8 @@ TEST_F(ProenTest, ChildContextMakesEveryEnableANoOp) {
 }
 
 TEST_F(ProenTest, LocalEnableGoesToTheLocalNodePortAndMarksTheRequest) {
-    std::vector<Bytes> got;
-    {
-        FakeService svc(3, 11557, answering(&got, 0));
-        EXPECT_EQ(IP_EnableProtocolToCPULocal(9, 0, 8, 7, 6, 5, 4, 3, 0), 0u);
-    }
+    const auto got =
+        answered(3, 11557, 0, [] { EXPECT_EQ(IP_EnableProtocolToCPULocal(9, 0, 8, 7, 6, 5, 4, 3, 0), 0u); });
     ASSERT_EQ(got.size(), 1u);
     EXPECT_EQ(got[0], concat(header(1, 0),
                              request({{0, 9}, {4, 8}, {40, 7}, {44, 6}, {48, 5}, {52, 4}, {56, 3}}, true)));
@@ -255,7 +248,7 @@ TEST_F(ProenTest, ListOpensOneSocketSetsItsSendBufferAndSendsWithoutWaiting) {
     EXPECT_EQ(ipp_call_count(IPP_CALL_SOCKET), 1u);
     EXPECT_EQ(ipp_call_count(IPP_CALL_RECV), 0u);
     bool buffer_set = false;
-    for (const auto& o : events(IPP_CALL_SETSOCKOPT)) {
+    for (const auto& o : sock_events(IPP_CALL_SETSOCKOPT)) {
         if (o.option == 0x1001) {
             const int size = 1024;
             buffer_set = o.level == 1 && std::memcmp(o.value, &size, 4) == 0;
@@ -307,7 +300,7 @@ TEST_F(ProenTest, ExPlacesEveryWordOfTheElement) {
     want[69] = 0xCD;
     EXPECT_EQ(got[0], concat(header(1, 1), want));
     // No socket option and no interface-kind test on this path.
-    for (const auto& o : events(IPP_CALL_SETSOCKOPT)) EXPECT_NE(o.option, 0x1001);
+    for (const auto& o : sock_events(IPP_CALL_SETSOCKOPT)) EXPECT_NE(o.option, 0x1001);
 }
 
 TEST_F(ProenTest, ProcessDescriptorIsSharedAndClosedOnlyByItself) {
@@ -368,7 +361,7 @@ TEST_F(ProenTest, ReceiveWaitsForAllAndRepeatsOnInterruption) {
     EXPECT_EQ(PROEN_MSG_Recv(fd, &len, buf), 0u);
     EXPECT_EQ(len, 8u);
     EXPECT_EQ(Bytes(buf, buf + sizeof buf), reply);
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 4u);
     for (std::size_t i = 0; i < recvs.size(); ++i) {
         EXPECT_EQ(recvs[i].fd, fd) << i;

@@ -1,7 +1,6 @@
 // WLAN adjacency: control requests and the event subscription.
 #include <gtest/gtest.h>
 #include <errno.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -10,9 +9,11 @@
 
 #include "ipclient/adj.h"
 #include "ipplat/testctl.h"
+#include "support/directory_interface.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/sock_log.hpp"
 
 namespace ipt {
 namespace {
@@ -44,18 +45,6 @@ protected:
     void TearDown() override {
         g_pfWADJ4EventProc = nullptr;
         PlatformTest::TearDown();
-    }
-    static bool readable(int fd) {
-        pollfd p{fd, POLLIN, 0};
-        return ::poll(&p, 1, 2000) == 1;
-    }
-    static std::vector<ipp_sock_event> events(ipp_call call) {
-        std::vector<ipp_sock_event> out;
-        for (std::uint32_t i = 0; i < ipp_sock_log_count(); ++i) {
-            ipp_sock_event ev{};
-            if (ipp_sock_log_get(i, &ev) == 0 && ev.call == call) out.push_back(ev);
-        }
-        return out;
     }
 };
 
@@ -97,18 +86,15 @@ TEST_F(WlanTest, RegisterSubscribesWithTypeFiveAndTimeOuts) {
         EXPECT_EQ(g_pfWADJ4EventProc, &on_event);
     }
     EXPECT_EQ(sub, (Bytes{5, 0, 0, 8, 0, 1, 0x01, 0x02, 0x03, 0x04, 0, 0, 0, 0}));
-    const auto opts = events(IPP_CALL_SETSOCKOPT);
+    const auto opts = sock_events(IPP_CALL_SETSOCKOPT);
     ASSERT_EQ(opts.size(), 2u);
     timeval five{5, 0}, one{1, 0};
     EXPECT_EQ(opts[0].option, 0x1005);
     EXPECT_EQ(std::memcmp(opts[0].value, &five, 16), 0);
     EXPECT_EQ(opts[1].option, 0x1006);
     EXPECT_EQ(std::memcmp(opts[1].value, &one, 16), 0);
-    const auto connects = events(IPP_CALL_CONNECT);
-    ASSERT_EQ(connects.size(), 1u);
-    const std::uint8_t want[16] = {16, 37, 0x06, 0x69, 0x80, 0x00};
-    EXPECT_EQ(std::memcmp(connects[0].addr, want, 16), 0);
-    const auto sends = events(IPP_CALL_SEND);
+    expect_one_connect(0x8000, 0x0669);
+    const auto sends = sock_events(IPP_CALL_SEND);
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].flags, 64);
     EXPECT_EQ(g_pfWADJ4EventProc, nullptr);
@@ -142,7 +128,7 @@ TEST_F(WlanTest, RecordsAreConvertedAndDeliveredInOrder) {
     d.insert(d.end(), third.begin(), third.end());
     Session s({d});
     ASSERT_GE(s.fd(), 0);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     ASSERT_EQ(g_events.size(), 3u);
     EXPECT_EQ(g_events[0].type, 1u);
@@ -158,13 +144,13 @@ TEST_F(WlanTest, RecordsAreConvertedAndDeliveredInOrder) {
 TEST_F(WlanTest, ProcEventReceivesWithoutBlocking) {
     Session s({record(20, 1, 0x0A0B0C0D, 7, 4)});
     ASSERT_GE(s.fd(), 0);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     EXPECT_EQ(g_events.size(), 1u);
     // The service is still connected and has nothing more to send: a receive that does not
     // block finds nothing and the call fails at once.
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), IPSTATUS_FAILED);
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 2u);
     for (const ipp_sock_event& ev : recvs) {
         EXPECT_EQ(ev.fd, s.fd());
@@ -178,7 +164,7 @@ TEST_F(WlanTest, ProcEventReceivesWithoutBlocking) {
 TEST_F(WlanTest, RecordWithZeroWordAtTwelveProducesNoCallback) {
     Bytes d = record(20, 1, 5, 0, 4);
     Session s({d});
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     EXPECT_TRUE(g_events.empty());
 }
@@ -187,7 +173,7 @@ TEST_F(WlanTest, DatagramOfNineteenBytesProducesNoCallbackAndReturnsZero) {
     Bytes d = record(19, 1, 5, 6);
     d.resize(19);
     Session s({d});
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     EXPECT_TRUE(g_events.empty());
 }
@@ -197,7 +183,7 @@ TEST_F(WlanTest, OtherTypesAreSteppedOver) {
     const Bytes next = record(20, 1, 5, 6, 4);
     d.insert(d.end(), next.begin(), next.end());
     Session s({d});
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     ASSERT_EQ(g_events.size(), 1u);
     EXPECT_EQ(g_events[0].type, 1u);
@@ -208,7 +194,7 @@ TEST_F(WlanTest, RecordShorterThanItsHeaderEndsTheDatagram) {
     const Bytes next = record(20, 1, 5, 6, 4);
     d.insert(d.end(), next.begin(), next.end());
     Session s({d});
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     EXPECT_TRUE(g_events.empty());
 }
@@ -218,7 +204,7 @@ TEST_F(WlanTest, RecordLongerThanWhatRemainsEndsTheDatagram) {
     const Bytes torn = record(4000, 1, 7, 8, 8);
     d.insert(d.end(), torn.begin(), torn.end());
     Session s({d});
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     ASSERT_EQ(g_events.size(), 1u);
     EXPECT_EQ(g_events[0].first, 5u);
@@ -229,7 +215,7 @@ TEST_F(WlanTest, FewerThanTwentyBytesLeftEndTheDatagram) {
     const Bytes tail = record(16, 1, 7, 8);  // a whole record, but under 20 bytes remain
     d.insert(d.end(), tail.begin(), tail.end());
     Session s({d});
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(WADJ4_ProcEvent(s.fd()), 0u);
     EXPECT_EQ(g_events.size(), 1u);
 }
@@ -290,10 +276,7 @@ TEST_F(WlanControlTest, DeleteByIfPlacesInterfaceAndSelector) {
 }
 
 TEST_F(WlanControlTest, DeletesOnAnInterfaceOfKindFourFailWithoutRequest) {
-    ipp_interface itf{};
-    itf.ifindex = 5;
-    itf.kind = 4;
-    ipp_dir_add_interface(&itf);
+    DirInterface(5).kind(4).add();
     EXPECT_EQ(WADJ4_Delete(1, 5), IPSTATUS_FAILED);
     EXPECT_EQ(WADJ4_DeleteByIf(5, 1), IPSTATUS_FAILED);
     EXPECT_EQ(kernel.count(), 0u);

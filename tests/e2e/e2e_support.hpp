@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "e2e/sim_process.hpp"
 #include "ipclient/kernel.h"
@@ -105,6 +106,20 @@ inline constexpr std::uint32_t kGeVpn = 3;      // GigabitEthernet1/0/2, node 1,
 inline constexpr std::uint32_t kGeNode2 = 4;    // GigabitEthernet1/1/1, node 2
 inline constexpr std::uint32_t kVlan1 = 5;      // Vlan-interface1, spans nodes
 inline constexpr std::uint32_t kLoop0 = 7;      // LoopBack0
+
+// The simulator's bundled default scenario, as it prints it.
+inline std::string printed_default_scenario() {
+    std::string text;
+    run({IPSIMD_PATH, "--print-default-scenario"}, &text);
+    return text;
+}
+
+// Simulator arguments for the default scenario with node 2 down, written to the file `name`.
+inline std::vector<std::string> node_two_down_args(const std::string& name) {
+    std::string text = printed_default_scenario();
+    text.replace(text.find("state: up", text.find("number: 2")), 9, "state: down");
+    return {"--scenario", temp_file(name, text)};
+}
 
 // A test with a fresh simulator on the default scenario (or SetUp's arguments).
 class SimTest : public ::testing::Test {

@@ -393,13 +393,7 @@ TEST_F(IpStatE2E, SettingsSurviveARestartWithTheSameState) {
 // The default device with its second board down.
 class IpStatDownNodeE2E : public SimTest {
 protected:
-    std::vector<std::string> args() override {
-        std::string text;
-        run({IPSIMD_PATH, "--print-default-scenario"}, &text);
-        const auto at = text.find("state: up", text.find("number: 2"));
-        text.replace(at, 9, "state: down");
-        return {"--scenario", temp_file("ipstat_down.yaml", text)};
-    }
+    std::vector<std::string> args() override { return node_two_down_args("ipstat_down.yaml"); }
 };
 
 TEST_F(IpStatDownNodeE2E, SumsLeaveOutTheNodeThatIsDown) {

@@ -113,17 +113,7 @@ TEST_F(NodeE2E, ProcessThatAsksForNode2RunsThere) {
 
 class DownNodeE2E : public SimTest {
 protected:
-    std::vector<std::string> args() override {
-        std::string text(sim_default_scenario());
-        const auto at = text.find("state: up", text.find("number: 2"));
-        text.replace(at, 9, "state: down");
-        return {"--scenario", temp_file("down.yaml", text)};
-    }
-    static std::string sim_default_scenario() {
-        std::string out;
-        run({IPSIMD_PATH, "--print-default-scenario"}, &out);
-        return out;
-    }
+    std::vector<std::string> args() override { return node_two_down_args("down.yaml"); }
 };
 
 TEST_F(DownNodeE2E, RequestsToADownNodeFailAndItsNodeIsNotUp) {

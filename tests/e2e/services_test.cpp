@@ -46,8 +46,7 @@ TEST_F(ServicesE2E, DaemonRunsOnEveryNodeOfTheScenario) {
 class StoppedDaemonE2E : public SimTest {
 protected:
     std::vector<std::string> args() override {
-        std::string text;
-        run({IPSIMD_PATH, "--print-default-scenario"}, &text);
+        std::string text = printed_default_scenario();
         const auto at = text.find("{node: 2, name: IPStack, status: running}");
         EXPECT_NE(at, std::string::npos) << text;
         if (at != std::string::npos) text.replace(at, 41, "{node: 2, name: IPStack, status: stopped}");

@@ -20,6 +20,7 @@
 
 #include "ipclient/fib.h"
 #include "ipplat/testctl.h"
+#include "support/directory_interface.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
 #include "support/statuses.hpp"
@@ -94,12 +95,7 @@ void add_chunk(std::uint16_t node, const Bytes& c) {
 }
 
 void add_interface(std::uint32_t ifindex, const char* name) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = 0x11;
-    std::snprintf(itf.name, sizeof itf.name, "%s", name);
-    itf.valid = 1;
-    ipp_dir_add_interface(&itf);
+    DirInterface(ifindex).node(0x11).name(name).valid().add();
 }
 
 // True when the library at path is mapped in this process.

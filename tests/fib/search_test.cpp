@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
+#include <ostream>
+#include <string>
 #include <vector>
 
 #include "ipclient/fib.h"
 #include "ipplat/testctl.h"
+#include "support/case_name.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/kernel_call.hpp"
 #include "support/statuses.hpp"
 
 namespace ipt {
@@ -56,206 +61,7 @@ Bytes search_reply(std::uint64_t claimed, std::size_t held) {
     return b;
 }
 
-class SearchTest : public PlatformTest {
-protected:
-    // The caller's entry buffer, pre-filled so that untouched bytes can be recognised.
-    std::vector<std::uint8_t> buffer(std::size_t entries) { return std::vector<std::uint8_t>(entries * kEntry, kUntouched); }
-
-    // The first `copied` entries hold the reply's entries; everything after is untouched.
-    static void expect_entries(const std::vector<std::uint8_t>& buf, std::size_t copied) {
-        ASSERT_LE(copied * kEntry, buf.size());
-        for (std::size_t k = 0; k < copied; ++k) {
-            const Bytes e = entry_bytes(k);
-            ASSERT_EQ(0, std::memcmp(buf.data() + k * kEntry, e.data(), kEntry)) << "entry " << k;
-        }
-        for (std::size_t i = copied * kEntry; i < buf.size(); ++i) {
-            ASSERT_EQ(buf[i], kUntouched) << "byte " << i << " written beyond the copied entries";
-        }
-    }
-
-    void expect_search_call(std::uint32_t command, const Bytes& request) {
-        ASSERT_EQ(kernel.count(), 1u);
-        const KernelCall c = kernel.last();
-        EXPECT_EQ(c.node, kOwnNode);
-        EXPECT_EQ(c.command, command);
-        EXPECT_EQ(c.request, request);
-        EXPECT_EQ(c.reply_cap, kSearchCap);
-        EXPECT_FALSE(c.reply_null);
-        EXPECT_FALSE(c.returned_len_null);
-        EXPECT_FALSE(c.async);
-    }
-
-    FakeKernel kernel;
-};
-
-TEST_F(SearchTest, Fib4RequestIsHostOrderCountThenTheKeyUnchanged) {
-    const Bytes key = key_bytes(FIB4_SEARCH_KEY_SIZE, 0x21);
-    kernel.reply(0, search_reply(2, 2));
-    std::uint64_t count = 0x0102;  // 258: its host-order bytes differ from its big-endian ones
-    auto buf = buffer(0x0102);
-    ASSERT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), 0u);
-
-    const Bytes request = count_then_key(0x0102, key);
-    ASSERT_EQ(request.size(), 44u);
-    expect_search_call(0x380003u, request);
-    EXPECT_EQ(count, 2u);
-    expect_entries(buf, 2);
-}
-
-TEST_F(SearchTest, Fib6RequestIsHostOrderCountThenTheKeyUnchanged) {
-    const Bytes key = key_bytes(FIB6_SEARCH_KEY_SIZE, 0x43);
-    kernel.reply(0, search_reply(1, 1));
-    std::uint64_t count = 0x0103;
-    auto buf = buffer(0x0103);
-    ASSERT_EQ(FIB6_SearchInfo(key.data(), &count, buf.data()), 0u);
-
-    const Bytes request = count_then_key(0x0103, key);
-    ASSERT_EQ(request.size(), 52u);
-    expect_search_call(0x380004u, request);
-    EXPECT_EQ(count, 1u);
-    expect_entries(buf, 1);
-}
-
-TEST_F(SearchTest, FewerEntriesReturnedLowerTheCountAndAreCopiedUnchanged) {
-    const Bytes key = key_bytes(FIB4_SEARCH_KEY_SIZE, 1);
-    kernel.reply(0, search_reply(3, 3));
-    std::uint64_t count = 10;
-    auto buf = buffer(10);
-    ASSERT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 3u);
-    expect_entries(buf, 3);
-}
-
-TEST_F(SearchTest, Fib6FewerEntriesReturnedLowerTheCount) {
-    const Bytes key = key_bytes(FIB6_SEARCH_KEY_SIZE, 9);
-    kernel.reply(0, search_reply(5, 5));
-    std::uint64_t count = 7;
-    auto buf = buffer(7);
-    ASSERT_EQ(FIB6_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 5u);
-    expect_entries(buf, 5);
-}
-
-TEST_F(SearchTest, MoreEntriesReturnedThanAskedCopiesOnlyThoseAsked) {
-    const Bytes key = key_bytes(FIB4_SEARCH_KEY_SIZE, 2);
-    kernel.reply(0, search_reply(5, 5));
-    std::uint64_t count = 2;
-    auto buf = buffer(4);  // room for more, so that an over-long copy shows
-    ASSERT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 2u);
-    expect_entries(buf, 2);
-}
-
-TEST_F(SearchTest, AskingFor200WhenTheKernelReturns128SetsTheCountTo128AndCopies16384Bytes) {
-    const Bytes key = key_bytes(FIB4_SEARCH_KEY_SIZE, 3);
-    kernel.reply(0, search_reply(128, 128));
-    std::uint64_t count = 200;
-    auto buf = buffer(200);
-    ASSERT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 128u);
-    expect_entries(buf, 128);  // 16384 bytes, the rest untouched
-}
-
-TEST_F(SearchTest, Fib6AskingFor200WhenTheKernelReturns128SetsTheCountTo128) {
-    const Bytes key = key_bytes(FIB6_SEARCH_KEY_SIZE, 4);
-    kernel.reply(0, search_reply(128, 128));
-    std::uint64_t count = 200;
-    auto buf = buffer(200);
-    ASSERT_EQ(FIB6_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 128u);
-    expect_entries(buf, 128);
-}
-
-TEST_F(SearchTest, ClaimedCountBeyondTheReplyLengthCopiesOnlyWhatTheReplyHolds) {
-    const Bytes key = key_bytes(FIB4_SEARCH_KEY_SIZE, 5);
-    // The reply claims 100 entries but holds 3.
-    kernel.reply(0, search_reply(100, 3));
-    std::uint64_t count = 100;
-    auto buf = buffer(100);
-    ASSERT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 3u);
-    expect_entries(buf, 3);
-}
-
-TEST_F(SearchTest, ClaimedCountBeyond128NeverReadsPastTheReply) {
-    const Bytes key = key_bytes(FIB6_SEARCH_KEY_SIZE, 6);
-    // A full reply whose count word claims 300 entries: at most 128 fit in 16392 bytes.
-    kernel.reply(0, search_reply(300, 128));
-    std::uint64_t count = 250;
-    auto buf = buffer(250);
-    ASSERT_EQ(FIB6_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 128u);
-    expect_entries(buf, 128);
-}
-
-TEST_F(SearchTest, ReplyTooShortForItsCountWordCopiesNothing) {
-    const Bytes key = key_bytes(FIB4_SEARCH_KEY_SIZE, 7);
-    kernel.reply(KernelReply{0, search_reply(4, 4), 4u});  // only 4 bytes said to be filled
-    std::uint64_t count = 4;
-    auto buf = buffer(4);
-    ASSERT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), 0u);
-    EXPECT_EQ(count, 0u);
-    expect_entries(buf, 0);
-}
-
-TEST_F(SearchTest, ChannelCodeIsReturnedAsItStands) {
-    const Bytes key4 = key_bytes(FIB4_SEARCH_KEY_SIZE, 8);
-    const Bytes key6 = key_bytes(FIB6_SEARCH_KEY_SIZE, 8);
-    kernel.reply(0x2A0B0C0Du, search_reply(2, 2));
-    std::uint64_t count = 2;
-    auto buf = buffer(2);
-    EXPECT_EQ(FIB4_SearchInfo(key4.data(), &count, buf.data()), 0x2A0B0C0Du);
-    EXPECT_EQ(count, 2u);
-    expect_entries(buf, 0);
-    count = 2;
-    EXPECT_EQ(FIB6_SearchInfo(key6.data(), &count, buf.data()), 0x2A0B0C0Du);
-    EXPECT_EQ(count, 2u);
-    expect_entries(buf, 0);
-    EXPECT_EQ(kernel.count(), 2u);
-}
-
-TEST_F(SearchTest, Fib4SearchForZeroEntriesIsRefused) {
-    const Bytes key = key_bytes(FIB4_SEARCH_KEY_SIZE, 10);
-    kernel.reply(0, search_reply(0, 0));
-    std::uint64_t count = 0;
-    auto buf = buffer(1);
-    EXPECT_EQ(FIB4_SearchInfo(key.data(), &count, buf.data()), kFailed);
-    EXPECT_EQ(kernel.count(), 0u);
-    EXPECT_EQ(count, 0u);
-    expect_entries(buf, 0);
-}
-
-TEST_F(SearchTest, Fib6SearchForZeroEntriesIsSent) {
-    const Bytes key = key_bytes(FIB6_SEARCH_KEY_SIZE, 11);
-    kernel.reply(0, search_reply(0, 0));
-    std::uint64_t count = 0;
-    auto buf = buffer(1);
-    EXPECT_EQ(FIB6_SearchInfo(key.data(), &count, buf.data()), 0u);
-    const Bytes request = count_then_key(0, key);
-    expect_search_call(0x380004u, request);
-    EXPECT_EQ(count, 0u);
-    expect_entries(buf, 0);
-}
-
-TEST_F(SearchTest, NullArgumentsAreRefusedBeforeAnyRequest) {
-    const Bytes key4 = key_bytes(FIB4_SEARCH_KEY_SIZE, 12);
-    const Bytes key6 = key_bytes(FIB6_SEARCH_KEY_SIZE, 12);
-    kernel.reply(0, search_reply(1, 1));
-    std::uint64_t count = 1;
-    auto buf = buffer(1);
-    EXPECT_EQ(FIB4_SearchInfo(nullptr, &count, buf.data()), kFailed);
-    EXPECT_EQ(FIB4_SearchInfo(key4.data(), nullptr, buf.data()), kFailed);
-    EXPECT_EQ(FIB4_SearchInfo(key4.data(), &count, nullptr), kFailed);
-    EXPECT_EQ(FIB6_SearchInfo(nullptr, &count, buf.data()), kFailed);
-    EXPECT_EQ(FIB6_SearchInfo(key6.data(), nullptr, buf.data()), kFailed);
-    EXPECT_EQ(FIB6_SearchInfo(key6.data(), &count, nullptr), kFailed);
-    EXPECT_EQ(kernel.count(), 0u);
-    EXPECT_EQ(count, 1u);
-    expect_entries(buf, 0);
-}
-
-// ---- Global data records ---------------------------------------------------------------
-
+// The global data records' fields in network order, by offset.
 struct Layout {
     std::vector<std::size_t> words;  // 32-bit big-endian fields
     std::vector<std::size_t> halves; // 16-bit big-endian fields
@@ -266,7 +72,7 @@ const Layout kSpec6{{0, 4, 8, 12, 20, 36, 40}, {16, 24, 26}};
 
 // Every byte differs from its neighbours, so a field converted at the wrong offset or with
 // the wrong width shows.
-Bytes spec_reply(std::size_t n) {
+Bytes special_reply(std::size_t n) {
     Bytes b(n);
     for (std::size_t i = 0; i < n; ++i) b[i] = static_cast<std::uint8_t>(0x10 + i * 3u);
     return b;
@@ -288,62 +94,217 @@ std::vector<std::uint8_t> converted(const Bytes& wire, const Layout& layout) {
     return out;
 }
 
-class SpecDataTest : public PlatformTest {
+// What differs between the IPv4 and the IPv6 calls.
+struct Family {
+    const char* name;
+    std::size_t key_size;
+    std::uint32_t search_command;
+    std::uint32_t (*search)(const void* key, std::uint64_t* count, void* entries);
+    std::uint32_t special_command;
+    std::size_t special_size;
+    const Layout* layout;
+    std::uint32_t (*special)(std::uint8_t* record);  // the record as the caller's struct holds it
+    std::uint32_t seq_command;
+    std::uint32_t (*seq)();
+};
+
+// A global-data call on the caller's record bytes: copied in, fetched, copied back.
+template <class Record, std::uint32_t (*Get)(Record*)>
+std::uint32_t special_of(std::uint8_t* record) {
+    Record data;
+    std::memcpy(&data, record, sizeof data);
+    const std::uint32_t status = Get(&data);
+    std::memcpy(record, &data, sizeof data);
+    return status;
+}
+
+const Family kFib4{"Fib4", FIB4_SEARCH_KEY_SIZE, 0x380003u, FIB4_SearchInfo, 0x380001u, sizeof(FIB4_SPEC_DATA_S),
+                   &kSpec4, special_of<FIB4_SPEC_DATA_S, FIB4_Get_SpecData>, 0x380005u, FIB4_GetRouteChangeSeq};
+const Family kFib6{"Fib6", FIB6_SEARCH_KEY_SIZE, 0x380004u, FIB6_SearchInfo, 0x380002u, sizeof(FIB6_SPEC_DATA_S),
+                   &kSpec6, special_of<FIB6_SPEC_DATA_S, FIB6_Get_SpecData>, 0x380006u, FIB6_GetRouteChangeSeq};
+const Family* const kFamilies[] = {&kFib4, &kFib6};
+
+class SearchTest : public PlatformTest {
 protected:
-    void expect_spec_call(std::uint32_t command, std::uint32_t cap) {
-        ASSERT_EQ(kernel.count(), 1u);
-        const KernelCall c = kernel.last();
-        EXPECT_EQ(c.node, kOwnNode);
-        EXPECT_EQ(c.command, command);
-        EXPECT_TRUE(c.request.empty());
-        EXPECT_EQ(c.reply_cap, cap);
-        EXPECT_FALSE(c.reply_null);
-        EXPECT_FALSE(c.async);
+    // The caller's entry buffer, pre-filled so that untouched bytes can be recognised.
+    std::vector<std::uint8_t> buffer(std::size_t entries) { return std::vector<std::uint8_t>(entries * kEntry, kUntouched); }
+
+    // The first `copied` entries hold the reply's entries; everything after is untouched.
+    static void expect_entries(const std::vector<std::uint8_t>& buf, std::size_t copied) {
+        ASSERT_LE(copied * kEntry, buf.size());
+        for (std::size_t k = 0; k < copied; ++k) {
+            const Bytes e = entry_bytes(k);
+            ASSERT_EQ(0, std::memcmp(buf.data() + k * kEntry, e.data(), kEntry)) << "entry " << k;
+        }
+        for (std::size_t i = copied * kEntry; i < buf.size(); ++i) {
+            ASSERT_EQ(buf[i], kUntouched) << "byte " << i << " written beyond the copied entries";
+        }
+    }
+
+    void expect_search_call(std::uint32_t command, const Bytes& request) {
+        expect_only_call(kernel, {kOwnNode, command, request, kSearchCap, false, false, false});
     }
 
     FakeKernel kernel;
 };
 
-TEST_F(SpecDataTest, Fib4FieldsAreConvertedAtTheirOffsetsAndTheRestIsLeftAlone) {
-    const Bytes wire = spec_reply(80);
+// What the kernel sends to a search, what the caller asks, and what must come of it.
+enum class Sent { kUnchecked, kRequest, kNothing };
+struct SearchCase {
+    const char* name;
+    const Family* family;
+    std::uint8_t seed;                         // of the key
+    std::uint64_t claimed;                     // the reply's count word
+    std::size_t held;                          // the entries the reply holds
+    std::optional<std::uint32_t> returned_len; // default: all of the reply
+    std::uint64_t count;                       // asked for
+    std::size_t room;                          // entries the caller's buffer holds
+    std::uint32_t status;
+    std::uint64_t want_count;
+    std::size_t copied;
+    Sent sent;
+    std::size_t request_size;                  // 0: not compared
+    friend void PrintTo(const SearchCase& row, std::ostream* os) { *os << row.name; }
+};
+
+const SearchCase kSearchCases[] = {
+    // 258: its host-order bytes differ from its big-endian ones.
+    {"Fib4RequestIsHostOrderCountThenTheKeyUnchanged", &kFib4, 0x21, 2, 2, {}, 0x0102, 0x0102, 0, 2, 2,
+     Sent::kRequest, 44},
+    {"Fib6RequestIsHostOrderCountThenTheKeyUnchanged", &kFib6, 0x43, 1, 1, {}, 0x0103, 0x0103, 0, 1, 1,
+     Sent::kRequest, 52},
+    {"FewerEntriesReturnedLowerTheCountAndAreCopiedUnchanged", &kFib4, 1, 3, 3, {}, 10, 10, 0, 3, 3, Sent::kUnchecked,
+     0},
+    {"Fib6FewerEntriesReturnedLowerTheCount", &kFib6, 9, 5, 5, {}, 7, 7, 0, 5, 5, Sent::kUnchecked, 0},
+    // Room for more, so that an over-long copy shows.
+    {"MoreEntriesReturnedThanAskedCopiesOnlyThoseAsked", &kFib4, 2, 5, 5, {}, 2, 4, 0, 2, 2, Sent::kUnchecked, 0},
+    // 16384 bytes copied, the rest untouched.
+    {"AskingFor200WhenTheKernelReturns128SetsTheCountTo128AndCopies16384Bytes", &kFib4, 3, 128, 128, {}, 200, 200, 0,
+     128, 128, Sent::kUnchecked, 0},
+    {"Fib6AskingFor200WhenTheKernelReturns128SetsTheCountTo128", &kFib6, 4, 128, 128, {}, 200, 200, 0, 128, 128,
+     Sent::kUnchecked, 0},
+    // The reply claims 100 entries but holds 3.
+    {"ClaimedCountBeyondTheReplyLengthCopiesOnlyWhatTheReplyHolds", &kFib4, 5, 100, 3, {}, 100, 100, 0, 3, 3,
+     Sent::kUnchecked, 0},
+    // A full reply whose count word claims 300 entries: at most 128 fit in 16392 bytes.
+    {"ClaimedCountBeyond128NeverReadsPastTheReply", &kFib6, 6, 300, 128, {}, 250, 250, 0, 128, 128, Sent::kUnchecked,
+     0},
+    // Only 4 bytes said to be filled.
+    {"ReplyTooShortForItsCountWordCopiesNothing", &kFib4, 7, 4, 4, 4u, 4, 4, 0, 0, 0, Sent::kUnchecked, 0},
+    {"Fib4SearchForZeroEntriesIsRefused", &kFib4, 10, 0, 0, {}, 0, 1, kFailed, 0, 0, Sent::kNothing, 0},
+    {"Fib6SearchForZeroEntriesIsSent", &kFib6, 11, 0, 0, {}, 0, 1, 0, 0, 0, Sent::kRequest, 0},
+};
+
+class SearchCountTest : public SearchTest, public ::testing::WithParamInterface<SearchCase> {};
+
+TEST_P(SearchCountTest, CopiesNoMoreThanTheReplyHoldsAndTheCallerAsked) {
+    const SearchCase& c = GetParam();
+    const Bytes key = key_bytes(c.family->key_size, c.seed);
+    kernel.reply(KernelReply{0, search_reply(c.claimed, c.held), c.returned_len});
+    std::uint64_t count = c.count;
+    auto buf = buffer(c.room);
+    ASSERT_EQ(c.family->search(key.data(), &count, buf.data()), c.status);
+    if (c.sent == Sent::kRequest) {
+        const Bytes request = count_then_key(c.count, key);
+        if (c.request_size != 0) {
+            ASSERT_EQ(request.size(), c.request_size);
+        }
+        expect_search_call(c.family->search_command, request);
+    }
+    if (c.sent == Sent::kNothing) {
+        EXPECT_EQ(kernel.count(), 0u);
+    }
+    EXPECT_EQ(count, c.want_count);
+    expect_entries(buf, c.copied);
+}
+
+INSTANTIATE_TEST_SUITE_P(Searches, SearchCountTest, ::testing::ValuesIn(kSearchCases), CaseName());
+
+TEST_F(SearchTest, ChannelCodeIsReturnedAsItStands) {
+    kernel.reply(0x2A0B0C0Du, search_reply(2, 2));
+    auto buf = buffer(2);
+    for (const Family* f : kFamilies) {
+        SCOPED_TRACE(f->name);
+        const Bytes key = key_bytes(f->key_size, 8);
+        std::uint64_t count = 2;
+        EXPECT_EQ(f->search(key.data(), &count, buf.data()), 0x2A0B0C0Du);
+        EXPECT_EQ(count, 2u);
+        expect_entries(buf, 0);
+    }
+    EXPECT_EQ(kernel.count(), 2u);
+}
+
+TEST_F(SearchTest, NullArgumentsAreRefusedBeforeAnyRequest) {
+    kernel.reply(0, search_reply(1, 1));
+    std::uint64_t count = 1;
+    auto buf = buffer(1);
+    for (const Family* f : kFamilies) {
+        SCOPED_TRACE(f->name);
+        const Bytes key = key_bytes(f->key_size, 12);
+        EXPECT_EQ(f->search(nullptr, &count, buf.data()), kFailed);
+        EXPECT_EQ(f->search(key.data(), nullptr, buf.data()), kFailed);
+        EXPECT_EQ(f->search(key.data(), &count, nullptr), kFailed);
+    }
+    EXPECT_EQ(kernel.count(), 0u);
+    EXPECT_EQ(count, 1u);
+    expect_entries(buf, 0);
+}
+
+// ---- Global data records ---------------------------------------------------------------
+
+class SpecDataTest : public PlatformTest {
+protected:
+    void expect_special_call(std::uint32_t command, std::uint32_t cap) {
+        expect_only_call(kernel, {kOwnNode, command, {}, cap, false, {}, false});
+    }
+
+    FakeKernel kernel;
+};
+
+// A record's conversion, with spot checks of one word and one half-word independent of
+// converted(), and bytes outside every field that must keep the caller's marker.
+struct SpecCase {
+    const char* name;
+    const Family* family;
+    std::size_t word_at;
+    std::uint32_t word;
+    std::size_t half_at;
+    std::uint16_t half;
+    std::vector<std::size_t> untouched;
+    friend void PrintTo(const SpecCase& row, std::ostream* os) { *os << row.name; }
+};
+
+const SpecCase kSpecCases[] = {
+    {"Fib4FieldsAreConvertedAtTheirOffsetsAndTheRestIsLeftAlone", &kFib4, 0, 0x10131619u, 20, 0x4C4Fu,
+     {12, 13, 14, 15, 22, 23, 44, 47, 48, 51, 68, 71}},
+    {"Fib6FieldsAreConvertedAtTheirOffsetsAndTheRestIsLeftAlone", &kFib6, 40, 0x888B8E91u, 26, 0x5E61u,
+     {18, 19, 28, 31, 32, 35}},
+};
+
+class SpecFieldsTest : public SpecDataTest, public ::testing::WithParamInterface<SpecCase> {};
+
+TEST_P(SpecFieldsTest, ConvertsTheListedFieldsOnly) {
+    const SpecCase& c = GetParam();
+    const Family& f = *c.family;
+    const Bytes wire = special_reply(f.special_size);
     kernel.reply(0, wire);
-    FIB4_SPEC_DATA_S data;
-    std::memset(&data, kUntouched, sizeof data);
-    ASSERT_EQ(FIB4_Get_SpecData(&data), 0u);
-    expect_spec_call(0x380001u, 80);
-    const auto want = converted(wire, kSpec4);
-    for (std::size_t i = 0; i < 80; ++i) EXPECT_EQ(data.aucData[i], want[i]) << "offset " << i;
-    // Spot checks of the conversion itself, independent of the helper.
-    std::uint32_t w0 = 0;
-    std::memcpy(&w0, data.aucData, 4);
-    EXPECT_EQ(w0, 0x10131619u);
-    std::uint16_t h20 = 0;
-    std::memcpy(&h20, data.aucData + 20, 2);
-    EXPECT_EQ(h20, 0x4C4Fu);
-    for (const std::size_t off : {12u, 13u, 14u, 15u, 22u, 23u, 44u, 47u, 48u, 51u, 68u, 71u}) {
-        EXPECT_EQ(data.aucData[off], kUntouched) << "offset " << off << " must not be copied";
+    std::vector<std::uint8_t> data(f.special_size, kUntouched);
+    ASSERT_EQ(f.special(data.data()), 0u);
+    expect_special_call(f.special_command, static_cast<std::uint32_t>(f.special_size));
+    const auto want = converted(wire, *f.layout);
+    for (std::size_t i = 0; i < f.special_size; ++i) EXPECT_EQ(data[i], want[i]) << "offset " << i;
+    std::uint32_t word = 0;
+    std::memcpy(&word, data.data() + c.word_at, 4);
+    EXPECT_EQ(word, c.word);
+    std::uint16_t half = 0;
+    std::memcpy(&half, data.data() + c.half_at, 2);
+    EXPECT_EQ(half, c.half);
+    for (const std::size_t off : c.untouched) {
+        EXPECT_EQ(data[off], kUntouched) << "offset " << off << " must not be copied";
     }
 }
 
-TEST_F(SpecDataTest, Fib6FieldsAreConvertedAtTheirOffsetsAndTheRestIsLeftAlone) {
-    const Bytes wire = spec_reply(44);
-    kernel.reply(0, wire);
-    FIB6_SPEC_DATA_S data;
-    std::memset(&data, kUntouched, sizeof data);
-    ASSERT_EQ(FIB6_Get_SpecData(&data), 0u);
-    expect_spec_call(0x380002u, 44);
-    const auto want = converted(wire, kSpec6);
-    for (std::size_t i = 0; i < 44; ++i) EXPECT_EQ(data.aucData[i], want[i]) << "offset " << i;
-    std::uint32_t w40 = 0;
-    std::memcpy(&w40, data.aucData + 40, 4);
-    EXPECT_EQ(w40, 0x888B8E91u);
-    std::uint16_t h26 = 0;
-    std::memcpy(&h26, data.aucData + 26, 2);
-    EXPECT_EQ(h26, 0x5E61u);
-    for (const std::size_t off : {18u, 19u, 28u, 31u, 32u, 35u}) {
-        EXPECT_EQ(data.aucData[off], kUntouched) << "offset " << off << " must not be copied";
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Records, SpecFieldsTest, ::testing::ValuesIn(kSpecCases), CaseName());
 
 TEST_F(SpecDataTest, ReplyBufferStartsZeroed) {
     // The kernel claims a full reply without writing it: the fields read as zero.
@@ -356,42 +317,35 @@ TEST_F(SpecDataTest, ReplyBufferStartsZeroed) {
 }
 
 TEST_F(SpecDataTest, WrongLengthReturnsTheChannelsZeroWithTheRecordUntouched) {
-    for (const std::uint32_t len : {0u, 4u, 79u, 81u}) {
-        SCOPED_TRACE(len);
-        FakeKernel k;
-        k.reply(KernelReply{0, spec_reply(80), len});
-        FIB4_SPEC_DATA_S data;
-        std::memset(&data, kUntouched, sizeof data);
-        EXPECT_EQ(FIB4_Get_SpecData(&data), 0u);
-        for (std::size_t i = 0; i < 80; ++i) ASSERT_EQ(data.aucData[i], kUntouched) << "offset " << i;
-        EXPECT_EQ(k.count(), 1u);
-    }
-    for (const std::uint32_t len : {0u, 43u, 45u, 80u}) {
-        SCOPED_TRACE(len);
-        FakeKernel k;
-        k.reply(KernelReply{0, spec_reply(44), len});
-        FIB6_SPEC_DATA_S data;
-        std::memset(&data, kUntouched, sizeof data);
-        EXPECT_EQ(FIB6_Get_SpecData(&data), 0u);
-        for (std::size_t i = 0; i < 44; ++i) ASSERT_EQ(data.aucData[i], kUntouched) << "offset " << i;
-        EXPECT_EQ(k.count(), 1u);
+    const struct {
+        const Family* family;
+        std::vector<std::uint32_t> lengths;
+    } cases[] = {{&kFib4, {0u, 4u, 79u, 81u}}, {&kFib6, {0u, 43u, 45u, 80u}}};
+    for (const auto& c : cases) {
+        for (const std::uint32_t len : c.lengths) {
+            SCOPED_TRACE(std::string(c.family->name) + " length " + std::to_string(len));
+            FakeKernel k;
+            k.reply(KernelReply{0, special_reply(c.family->special_size), len});
+            std::vector<std::uint8_t> data(c.family->special_size, kUntouched);
+            EXPECT_EQ(c.family->special(data.data()), 0u);
+            for (std::size_t i = 0; i < data.size(); ++i) ASSERT_EQ(data[i], kUntouched) << "offset " << i;
+            EXPECT_EQ(k.count(), 1u);
+        }
     }
 }
 
 TEST_F(SpecDataTest, ChannelCodeIsReturnedWithTheRecordUntouched) {
-    kernel.reply(0x0BADC0DEu, spec_reply(80));
-    FIB4_SPEC_DATA_S d4;
-    std::memset(&d4, kUntouched, sizeof d4);
-    EXPECT_EQ(FIB4_Get_SpecData(&d4), 0x0BADC0DEu);
-    for (std::size_t i = 0; i < 80; ++i) ASSERT_EQ(d4.aucData[i], kUntouched) << "offset " << i;
-    FIB6_SPEC_DATA_S d6;
-    std::memset(&d6, kUntouched, sizeof d6);
-    EXPECT_EQ(FIB6_Get_SpecData(&d6), 0x0BADC0DEu);
-    for (std::size_t i = 0; i < 44; ++i) ASSERT_EQ(d6.aucData[i], kUntouched) << "offset " << i;
+    kernel.reply(0x0BADC0DEu, special_reply(80));
+    for (const Family* f : kFamilies) {
+        SCOPED_TRACE(f->name);
+        std::vector<std::uint8_t> data(f->special_size, kUntouched);
+        EXPECT_EQ(f->special(data.data()), 0x0BADC0DEu);
+        for (std::size_t i = 0; i < data.size(); ++i) ASSERT_EQ(data[i], kUntouched) << "offset " << i;
+    }
 }
 
 TEST_F(SpecDataTest, NullRecordIsRefusedBeforeAnyRequest) {
-    kernel.reply(0, spec_reply(80));
+    kernel.reply(0, special_reply(80));
     EXPECT_EQ(FIB4_Get_SpecData(nullptr), kFailed);
     EXPECT_EQ(FIB6_Get_SpecData(nullptr), kFailed);
     EXPECT_EQ(kernel.count(), 0u);
@@ -404,34 +358,30 @@ protected:
     FakeKernel kernel;
 };
 
-TEST_F(RouteChangeSeqTest, Fib4SequenceIsReturnedAsReceived) {
-    kernel.reply(0, Bytes{0x11, 0x22, 0x33, 0x44});
+struct SeqCase {
+    const char* name;
+    const Family* family;
+    std::uint8_t bytes[4];
+    friend void PrintTo(const SeqCase& row, std::ostream* os) { *os << row.name; }
+};
+
+const SeqCase kSeqCases[] = {
+    {"Fib4SequenceIsReturnedAsReceived", &kFib4, {0x11, 0x22, 0x33, 0x44}},
+    {"Fib6SequenceIsReturnedAsReceived", &kFib6, {0xA1, 0x02, 0x03, 0x7F}},
+};
+
+class RouteChangeSeqReadTest : public RouteChangeSeqTest, public ::testing::WithParamInterface<SeqCase> {};
+
+TEST_P(RouteChangeSeqReadTest, ReturnsTheBytesAsTheyStand) {
+    const SeqCase& c = GetParam();
+    kernel.reply(0, Bytes(c.bytes, c.bytes + 4));
     std::uint32_t raw = 0;
-    const std::uint8_t bytes[4] = {0x11, 0x22, 0x33, 0x44};
-    std::memcpy(&raw, bytes, 4);  // the bytes as they stand, no byte-order conversion
-    EXPECT_EQ(FIB4_GetRouteChangeSeq(), raw);
-    ASSERT_EQ(kernel.count(), 1u);
-    const KernelCall c = kernel.last();
-    EXPECT_EQ(c.node, kOwnNode);
-    EXPECT_EQ(c.command, 0x380005u);
-    EXPECT_TRUE(c.request.empty());
-    EXPECT_EQ(c.reply_cap, 4u);
-    EXPECT_FALSE(c.reply_null);
+    std::memcpy(&raw, c.bytes, 4);  // no byte-order conversion
+    EXPECT_EQ(c.family->seq(), raw);
+    expect_only_call(kernel, {kOwnNode, c.family->seq_command, {}, 4u, false, {}, {}});
 }
 
-TEST_F(RouteChangeSeqTest, Fib6SequenceIsReturnedAsReceived) {
-    kernel.reply(0, Bytes{0xA1, 0x02, 0x03, 0x7F});
-    std::uint32_t raw = 0;
-    const std::uint8_t bytes[4] = {0xA1, 0x02, 0x03, 0x7F};
-    std::memcpy(&raw, bytes, 4);
-    EXPECT_EQ(FIB6_GetRouteChangeSeq(), raw);
-    ASSERT_EQ(kernel.count(), 1u);
-    const KernelCall c = kernel.last();
-    EXPECT_EQ(c.node, kOwnNode);
-    EXPECT_EQ(c.command, 0x380006u);
-    EXPECT_TRUE(c.request.empty());
-    EXPECT_EQ(c.reply_cap, 4u);
-}
+INSTANTIATE_TEST_SUITE_P(Sequences, RouteChangeSeqReadTest, ::testing::ValuesIn(kSeqCases), CaseName());
 
 TEST_F(RouteChangeSeqTest, FailedRequestReturnsZero) {
     kernel.reply(kFailed);

@@ -150,7 +150,7 @@ TEST_F(EventsTest, EventMessageOfLength80CallsHandlerTwiceInRecordOrder) {
     {
         EventSession s({msg(1, payload)}, &answers);
         ASSERT_GE(s.fd(), 0);
-        ASSERT_TRUE(readable(s.fd()));
+        ASSERT_TRUE(readable_within(s.fd()));
         EXPECT_EQ(IPAddr_HandleEvent(s.fd()), 0u);
     }
     ASSERT_EQ(g_events.size(), 2u);
@@ -171,7 +171,7 @@ TEST_F(EventsTest, KeepAliveIsAnsweredWithExactlyEightBytes) {
     std::vector<Bytes> answers;
     {
         EventSession s({words({2, 0})}, &answers);
-        ASSERT_TRUE(readable(s.fd()));
+        ASSERT_TRUE(readable_within(s.fd()));
         EXPECT_EQ(IPAddr_HandleEvent(s.fd()), 0u);
     }
     ASSERT_EQ(answers.size(), 1u);
@@ -181,14 +181,14 @@ TEST_F(EventsTest, KeepAliveIsAnsweredWithExactlyEightBytes) {
 TEST_F(EventsTest, EndSignalReturnsItsCode) {
     std::vector<Bytes> answers;
     EventSession s({words({3, 0})}, &answers);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleEvent(s.fd()), IPSTATUS_EVENT_RESYNC);
 }
 
 TEST_F(EventsTest, UnknownTypeIsIgnored) {
     std::vector<Bytes> answers;
     EventSession s({words({9, 40}), }, &answers);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleEvent(s.fd()), 0u);
     EXPECT_TRUE(g_events.empty());
 }
@@ -196,7 +196,7 @@ TEST_F(EventsTest, UnknownTypeIsIgnored) {
 TEST_F(EventsTest, FewerThanEightBytesOrNothingQueuedFails) {
     std::vector<Bytes> answers;
     EventSession s({{0, 0, 0, 1}}, &answers);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleEvent(s.fd()), IPSTATUS_FAILED);
     EXPECT_EQ(IPAddr_HandleEvent(s.fd()), IPSTATUS_FAILED);  // nothing queued: no blocking
     EXPECT_EQ(IPAddr_HandleEvent(-1), IPSTATUS_FAILED);
@@ -211,7 +211,7 @@ TEST_F(EventsTest, EventLengthBeyondTheBytesReceivedDeliversOnlyWholeReceivedRec
     m.resize(m.size() + 7, 0xEE);  // and a torn third one
     std::vector<Bytes> answers;
     EventSession s({m}, &answers);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleEvent(s.fd()), 0u);
     ASSERT_EQ(g_events.size(), 2u);
     EXPECT_EQ(g_events[1].event, 2u);
@@ -224,7 +224,7 @@ TEST_F(EventsTest, EventLengthNotAMultipleOfTheRecordDeliversWholeRecordsOnly) {
     m.resize(8 + 50, 0);
     std::vector<Bytes> answers;
     EventSession s({m}, &answers);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleEvent(s.fd()), 0u);
     EXPECT_EQ(g_events.size(), 1u);
 }
@@ -328,7 +328,7 @@ TEST_F(EventsTest, HandleIfCfgMsgHandlesQueuedMessageBeforeReadingOnePerCall) {
     const Bytes on_socket = ifcfg_inner(1, ifcfg_record(7, 8, 9, 10));
     ControlSession s({on_socket}, &received);
     ASSERT_EQ(IPAddr_RegIfCfgEvent(s.fd(), 1, on_ifcfg), 0u);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     const Bytes first = ifcfg_inner(1, ifcfg_record(1, 2, 3, 4));
     const Bytes second = ifcfg_inner(1, ifcfg_record(0x01020304, 0x05060708, 0x090A0B0C, 0x0D0E));
 
@@ -373,7 +373,7 @@ TEST_F(EventsTest, IfCfgKeepAliveIsAnsweredWithSubOperationFour) {
     std::vector<Bytes> received;
     {
         ControlSession s({ifcfg_inner(2, {})}, &received);
-        ASSERT_TRUE(readable(s.fd()));
+        ASSERT_TRUE(readable_within(s.fd()));
         EXPECT_EQ(IPAddr_HandleIfCfgMsg(s.fd()), 0u);
     }
     ASSERT_EQ(received.size(), 1u);
@@ -384,11 +384,11 @@ TEST_F(EventsTest, IfCfgKeepAliveIsAnsweredWithSubOperationFour) {
 TEST_F(EventsTest, IfCfgEndSignalAndOtherTypes) {
     std::vector<Bytes> received;
     ControlSession s({ifcfg_inner(3, {}), ifcfg_inner(8, {}), msg(2, words({1, 0}))}, &received);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleIfCfgMsg(s.fd()), IPSTATUS_EVENT_RESYNC);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleIfCfgMsg(s.fd()), 0u);
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleIfCfgMsg(s.fd()), 0u);  // first word not 0: not for us
 }
 
@@ -411,7 +411,7 @@ TEST_F(EventsTest, IfCfgRecordsBeyondReceivedBytesAreNotRead) {
     m.resize(m.size() + 5, 0xAB);
     ControlSession s({m}, &received);
     g_pfIFCfg_EvProc = on_ifcfg;
-    ASSERT_TRUE(readable(s.fd()));
+    ASSERT_TRUE(readable_within(s.fd()));
     EXPECT_EQ(IPAddr_HandleIfCfgMsg(s.fd()), 0u);
     ASSERT_EQ(g_ifcfg.size(), 1u);
     EXPECT_EQ(g_ifcfg[0], IfCfg(3, 1, 2, 4));

@@ -1,7 +1,6 @@
 // Helpers shared by the address library tests.
 #pragma once
 
-#include <poll.h>
 
 #include <vector>
 
@@ -9,6 +8,8 @@
 #include "ipplat/testctl.h"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/sock_log.hpp"
+#include "support/sock_log.hpp"
 
 namespace ipt {
 
@@ -22,19 +23,6 @@ protected:
         PlatformTest::TearDown();
     }
 
-    static std::vector<ipp_sock_event> events(ipp_call call) {
-        std::vector<ipp_sock_event> out;
-        for (std::uint32_t i = 0; i < ipp_sock_log_count(); ++i) {
-            ipp_sock_event ev{};
-            if (ipp_sock_log_get(i, &ev) == 0 && ev.call == call) out.push_back(ev);
-        }
-        return out;
-    }
-
-    static bool readable(int fd, int timeout_ms = 2000) {
-        pollfd p{fd, POLLIN, 0};
-        return ::poll(&p, 1, timeout_ms) == 1;
-    }
 
     static std::vector<Bytes> queued() {
         std::vector<Bytes> out;

@@ -9,6 +9,7 @@
 #include "support/addr_samples.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/kernel_call.hpp"
 
 namespace ipt {
 namespace {
@@ -77,14 +78,7 @@ protected:
 
     // Exactly one synchronous call to the address module with exactly these bytes.
     void expect_single_call(std::uint32_t node, const Bytes& request, std::uint32_t cap) {
-        ASSERT_EQ(kernel.count(), 1u);
-        const KernelCall c = kernel.last();
-        EXPECT_EQ(c.node, node);
-        EXPECT_EQ(c.command, kAddressCommand);
-        EXPECT_EQ(c.request, request);
-        EXPECT_EQ(c.reply_cap, cap);
-        EXPECT_FALSE(c.reply_null);
-        EXPECT_FALSE(c.async);
+        expect_only_call(kernel, {node, kAddressCommand, request, cap, false, {}, false});
     }
 
     void expect_no_call() { EXPECT_EQ(kernel.count(), 0u); }

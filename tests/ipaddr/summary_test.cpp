@@ -4,11 +4,15 @@
 
 #include <cstring>
 #include <map>
+#include <ostream>
 #include <string>
+#include <vector>
 
 #include "ipaddr_support.hpp"
 #include "ipclient/fib.h"
 #include "support/addr_samples.hpp"
+#include "support/case_name.hpp"
+#include "support/directory_interface.hpp"
 
 namespace ipt {
 namespace {
@@ -25,10 +29,7 @@ struct Route {
 class SummaryTest : public IPAddrTest {
 protected:
     void add_interface(std::uint32_t ifindex, const char* name) {
-        ipp_interface itf{};
-        itf.ifindex = ifindex;
-        std::strncpy(itf.name, name, sizeof itf.name - 1);
-        ipp_dir_add_interface(&itf);
+        DirInterface(ifindex).name(name).add();
     }
 
     void address(std::uint32_t ifindex, const char* addr, const char* mask, std::uint32_t method) {
@@ -101,13 +102,6 @@ TEST_F(SummaryTest, WithNeitherInterfaceTheBufferHoldsTheEmptyString) {
     EXPECT_EQ(kernel.count(), 0u);
 }
 
-TEST_F(SummaryTest, WithOnlyTheManagementPortTheTextStartsWithItsLabel) {
-    add_interface(kMge, "M-GigabitEthernet0/0/0");
-    address(kMge, "10.0.0.5", "255.255.0.0", IPADDR_METHOD_MANUAL);
-    routes_ = {{2, "10.0.0.1", 1}};
-    EXPECT_EQ(summary(), "\r\nMGE0/0/0:" + block("Manual", "10.0.0.5", "255.255.0.0", "10.0.0.1"));
-}
-
 TEST_F(SummaryTest, BothInterfacesInOrderWithMethodsAndGateway) {
     add_interface(kVlan, "Vlan-interface1");
     add_interface(kMge, "M-GigabitEthernet0/0/0");
@@ -134,33 +128,49 @@ TEST_F(SummaryTest, InterfaceWithoutManualOrDhcpAddressPrintsEmptyValues) {
     EXPECT_EQ(calls[0].request, want);
 }
 
-TEST_F(SummaryTest, OtherMethodPrintsTheBareMethodLabel) {
-    add_interface(kVlan, "Vlan-interface1");
-    address(kVlan, "1.2.3.4", "255.255.255.255", IPADDR_METHOD_BOOTP);
-    EXPECT_EQ(summary(), "\r\nVlan1:" + block("", "1.2.3.4", "255.255.255.255", "255.255.255.255"));
+// One interface with one address: its label, the method's name, and the gateway the default
+// route search gives.
+struct OneInterfaceCase {
+    const char* name;
+    std::uint32_t ifindex;
+    const char* ifname;
+    const char* label;
+    const char* addr;
+    const char* mask;
+    std::uint32_t method;
+    const char* method_text;
+    std::vector<Route> routes;
+    std::uint32_t search_status;
+    const char* gateway;
+    friend void PrintTo(const OneInterfaceCase& row, std::ostream* os) { *os << row.name; }
+};
+
+const OneInterfaceCase kOneInterfaceCases[] = {
+    {"WithOnlyTheManagementPortTheTextStartsWithItsLabel", kMge, "M-GigabitEthernet0/0/0", "MGE0/0/0", "10.0.0.5",
+     "255.255.0.0", IPADDR_METHOD_MANUAL, "Manual", {{2, "10.0.0.1", 1}}, 0, "10.0.0.1"},
+    {"OtherMethodPrintsTheBareMethodLabel", kVlan, "Vlan-interface1", "Vlan1", "1.2.3.4", "255.255.255.255",
+     IPADDR_METHOD_BOOTP, "", {}, 0, "255.255.255.255"},
+    {"WithoutAFlaggedDefaultRouteTheGatewayLineRepeatsTheSubnetMask", kVlan, "Vlan-interface1", "Vlan1", "192.168.1.1",
+     "255.255.255.0", IPADDR_METHOD_MANUAL, "Manual", {{2, "192.168.1.254", 2}}, 0, "255.255.255.0"},
+    {"FailedSearchAlsoPrintsTheSubnetMaskAsGateway", kVlan, "Vlan-interface1", "Vlan1", "192.168.1.1", "255.255.255.0",
+     IPADDR_METHOD_MANUAL, "Manual", {}, 0x40010001u, "255.255.255.0"},
+    {"IPv6DefaultGatewayIsPrintedInFull", kVlan, "Vlan-interface1", "Vlan1", "192.168.1.1", "255.255.255.0",
+     IPADDR_METHOD_MANUAL, "Manual", {{10, "2001:db8:abcd:12:3456:7890:abcd:ef01", 1}}, 0,
+     "2001:db8:abcd:12:3456:7890:abcd:ef01"},
+};
+
+class SummaryOneInterfaceTest : public SummaryTest, public ::testing::WithParamInterface<OneInterfaceCase> {};
+
+TEST_P(SummaryOneInterfaceTest, PrintsTheLabelMethodAddressMaskAndGateway) {
+    const OneInterfaceCase& c = GetParam();
+    add_interface(c.ifindex, c.ifname);
+    address(c.ifindex, c.addr, c.mask, c.method);
+    routes_ = c.routes;
+    search_status_ = c.search_status;
+    EXPECT_EQ(summary(), "\r\n" + std::string(c.label) + ":" + block(c.method_text, c.addr, c.mask, c.gateway));
 }
 
-TEST_F(SummaryTest, WithoutAFlaggedDefaultRouteTheGatewayLineRepeatsTheSubnetMask) {
-    add_interface(kVlan, "Vlan-interface1");
-    address(kVlan, "192.168.1.1", "255.255.255.0", IPADDR_METHOD_MANUAL);
-    routes_ = {{2, "192.168.1.254", 2}};
-    EXPECT_EQ(summary(), "\r\nVlan1:" + block("Manual", "192.168.1.1", "255.255.255.0", "255.255.255.0"));
-}
-
-TEST_F(SummaryTest, FailedSearchAlsoPrintsTheSubnetMaskAsGateway) {
-    add_interface(kVlan, "Vlan-interface1");
-    address(kVlan, "192.168.1.1", "255.255.255.0", IPADDR_METHOD_MANUAL);
-    search_status_ = 0x40010001u;
-    EXPECT_EQ(summary(), "\r\nVlan1:" + block("Manual", "192.168.1.1", "255.255.255.0", "255.255.255.0"));
-}
-
-TEST_F(SummaryTest, IPv6DefaultGatewayIsPrintedInFull) {
-    add_interface(kVlan, "Vlan-interface1");
-    address(kVlan, "192.168.1.1", "255.255.255.0", IPADDR_METHOD_MANUAL);
-    routes_ = {{10, "2001:db8:abcd:12:3456:7890:abcd:ef01", 1}};
-    EXPECT_EQ(summary(), "\r\nVlan1:" + block("Manual", "192.168.1.1", "255.255.255.0",
-                                              "2001:db8:abcd:12:3456:7890:abcd:ef01"));
-}
+INSTANTIATE_TEST_SUITE_P(Summaries, SummaryOneInterfaceTest, ::testing::ValuesIn(kOneInterfaceCases), CaseName());
 
 TEST_F(SummaryTest, DefaultRouteSearchAsksForAllInstancesAndAtMost128Entries) {
     add_interface(kVlan, "Vlan-interface1");

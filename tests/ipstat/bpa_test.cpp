@@ -8,6 +8,7 @@
 #include "ipclient/lipc.h"
 #include "ipstat/ipstat_support.hpp"
 #include "support/fake_service.hpp"
+#include "support/lipc_frame.hpp"
 
 namespace ipt {
 namespace {
@@ -252,14 +253,6 @@ TEST_F(IpStatBpaTest, AFailingOwningNodeReadIsReturnedAndNothingIsDumped) {
 }
 
 // ---- Configuration from the IP daemon ------------------------------------------------------
-
-Bytes framed(std::uint16_t type, const Bytes& payload) {
-    Bytes b;
-    put16(b, type);
-    put16(b, static_cast<std::uint16_t>(payload.size() + 4));
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
-}
 
 TEST_F(IpStatBpaTest, CfgSendsOperation24AsMessageThirteenAndConvertsBothHalves) {
     Bytes got_request;

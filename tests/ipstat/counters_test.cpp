@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ipstat/ipstat_support.hpp"
+#include "support/kernel_call.hpp"
 
 namespace ipt {
 namespace {
@@ -48,14 +49,8 @@ TEST_F(IpStatCountersTest, GetIPStatSendsTheCallersWordAsFourBytesAndConvertsThe
     kernel.reply(ip_stat_reply(want));
     Counters26 got{};
     EXPECT_EQ(IP_GetIPStat(0x0203, 0x12340056u, got.data()), 0u);
-    ASSERT_EQ(kernel.count(), 1u);
-    const KernelCall c = kernel.last();
-    EXPECT_EQ(c.node, 0x00000203u);
-    EXPECT_EQ(c.command, kIpCommand);
-    EXPECT_EQ(c.request, (Bytes{0x00, 0x56, 0x12, 0x34}));  // low half the operation, high half the length
-    EXPECT_EQ(c.reply_cap, 104u);
-    EXPECT_FALSE(c.reply_null);
-    EXPECT_FALSE(c.async);
+    // Low half the operation, high half the length.
+    expect_only_call(kernel, {0x00000203u, kIpCommand, Bytes{0x00, 0x56, 0x12, 0x34}, 104u, false, {}, false});
     EXPECT_EQ(std::vector<std::uint32_t>(got.begin(), got.end()), want);
 }
 
@@ -190,12 +185,7 @@ TEST_F(IpStatCountersTest, FwByNodeSendsOperationTwoAndAddsTheEightCounters) {
     for (std::size_t i = 0; i < 8; ++i) got[i] = 1000 + i;
     std::uint16_t done = 0;
     IP_GetIPFWIfStat_ByNode(0x0304, 0x0A0B0C0Du, got.data(), &done);
-    ASSERT_EQ(kernel.count(), 1u);
-    const KernelCall c = kernel.last();
-    EXPECT_EQ(c.node, 0x304u);
-    EXPECT_EQ(c.command, kIpCommand);
-    EXPECT_EQ(c.request, req_with(2, 0x0A0B0C0Du));
-    EXPECT_EQ(c.reply_cap, 256u);
+    expect_only_call(kernel, {0x304u, kIpCommand, req_with(2, 0x0A0B0C0Du), 256u, {}, {}, {}});
     EXPECT_EQ(done, 1u);
     for (std::size_t i = 0; i < 8; ++i) EXPECT_EQ(got[i], 1000 + i + reply[i]) << "counter " << i;
 }
@@ -392,12 +382,7 @@ TEST_F(IpStatCountersTest, IcmpIfStatSendsOperationNineToTheOwnNodeAndConvertsTh
     kernel.reply(0, be32s(want));
     std::array<std::uint32_t, 43> got{};
     EXPECT_EQ(IP_GetICMPIfStat(0x01020304u, got.data()), 0u);
-    ASSERT_EQ(kernel.count(), 1u);
-    const KernelCall c = kernel.last();
-    EXPECT_EQ(c.node, kOwnNodeWord);
-    EXPECT_EQ(c.command, kIpCommand);
-    EXPECT_EQ(c.request, req_with(9, 0x01020304u));
-    EXPECT_EQ(c.reply_cap, 172u);
+    expect_only_call(kernel, {kOwnNodeWord, kIpCommand, req_with(9, 0x01020304u), 172u, {}, {}, {}});
     EXPECT_EQ(std::vector<std::uint32_t>(got.begin(), got.end()), want);
 }
 
@@ -430,12 +415,7 @@ TEST_F(IpStatCountersTest, MibByNodeSendsOperation37AndAddsTheNineteenCounters) 
     Mib19 got{};
     for (std::size_t i = 0; i < 19; ++i) got[i] = 500 + i;
     EXPECT_EQ(IP_GetIPIfMIBStat(0x0405, 0x0A0B0C0Du, got.data()), 19u);
-    ASSERT_EQ(kernel.count(), 1u);
-    const KernelCall c = kernel.last();
-    EXPECT_EQ(c.node, 0x405u);
-    EXPECT_EQ(c.command, kIpCommand);
-    EXPECT_EQ(c.request, req_with(37, 0x0A0B0C0Du));
-    EXPECT_EQ(c.reply_cap, 256u);
+    expect_only_call(kernel, {0x405u, kIpCommand, req_with(37, 0x0A0B0C0Du), 256u, {}, {}, {}});
     for (std::size_t i = 0; i < 19; ++i) EXPECT_EQ(got[i], 500 + i + reply[i]) << "counter " << i;
 }
 
@@ -558,14 +538,7 @@ TEST_F(IpStatCountersTest, ClearByNodeSendsOperation62WithoutAReply) {
     set_up({0x0506});
     kernel.reply(0);
     IP_ClearIPFWIfStat_ByNode(0x0506, 0x11223344u);
-    ASSERT_EQ(kernel.count(), 1u);
-    const KernelCall c = kernel.last();
-    EXPECT_EQ(c.node, 0x506u);
-    EXPECT_EQ(c.command, kIpCommand);
-    EXPECT_EQ(c.request, req_with(62, 0x11223344u));
-    EXPECT_EQ(c.reply_cap, 0u);
-    EXPECT_TRUE(c.reply_null);
-    EXPECT_FALSE(c.async);
+    expect_only_call(kernel, {0x506u, kIpCommand, req_with(62, 0x11223344u), 0u, true, {}, false});
 }
 
 TEST_F(IpStatCountersTest, ClearByNodeOnANodeNotUpSendsNothing) {

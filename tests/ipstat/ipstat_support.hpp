@@ -14,6 +14,7 @@
 
 #include "ipclient/ipstat.h"
 #include "ipplat/testctl.h"
+#include "support/directory_interface.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
 #include "support/statuses.hpp"
@@ -78,15 +79,7 @@ inline std::uint16_t op_of(const KernelCall& c) {
 
 inline ipp_interface make_interface(std::uint32_t ifindex, std::uint16_t node, std::uint32_t type = 0,
                                     std::uint32_t flags = 0) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = node;
-    itf.type = type;
-    itf.flags = flags;
-    itf.valid = 1;
-    itf.visible = 1;
-    itf.configured = 1;
-    return itf;
+    return DirInterface(ifindex).node(node).type(type).flags(flags).valid().visible().configured().get();
 }
 
 class IpStatTest : public PlatformTest {

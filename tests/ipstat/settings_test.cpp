@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ipstat/ipstat_support.hpp"
+#include "support/kernel_call.hpp"
 
 namespace ipt {
 namespace {
@@ -23,14 +24,7 @@ std::uint32_t raw32(const Bytes& b, std::size_t at) {
 class IpStatSettingsTest : public IpStatTest {
 protected:
     void expect_one_call(std::uint32_t node, const Bytes& request, std::uint32_t cap) const {
-        ASSERT_EQ(kernel.count(), 1u);
-        const KernelCall c = kernel.last();
-        EXPECT_EQ(c.node, node);
-        EXPECT_EQ(c.command, kIpCommand);
-        EXPECT_EQ(c.request, request);
-        EXPECT_EQ(c.reply_cap, cap);
-        EXPECT_EQ(c.reply_null, cap == 0);
-        EXPECT_FALSE(c.async);
+        expect_only_call(kernel, {node, kIpCommand, request, cap, cap == 0, {}, false});
     }
 };
 

@@ -7,8 +7,10 @@
 #include "ipclient/kernel.h"
 #include "ipplat/testctl.h"
 #include "support/addr_samples.hpp"
+#include "support/directory_interface.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/kernel_call.hpp"
 
 namespace ipt {
 namespace {
@@ -20,14 +22,8 @@ class AddrDriverTest : public PlatformTest {
 protected:
     // The one call made must be to the address module with exactly these bytes.
     void expect_single_call(std::uint32_t node, const Bytes& request, std::uint32_t cap) {
-        ASSERT_EQ(kernel.count(), 1u);
-        const KernelCall c = kernel.last();
-        EXPECT_EQ(c.node, node);
-        EXPECT_EQ(c.command, kAddressCommand);
-        EXPECT_EQ(c.request, request);
-        EXPECT_EQ(c.reply_cap, cap);
-        EXPECT_EQ(c.reply_null, cap == 0);  // a reply buffer exactly when a reply is expected
-        EXPECT_FALSE(c.async);
+        // A reply buffer exactly when a reply is expected.
+        expect_only_call(kernel, {node, kAddressCommand, request, cap, cap == 0, {}, false});
     }
 
     FakeKernel kernel;
@@ -52,10 +48,7 @@ Bytes word(std::uint32_t v) {
 }
 
 ipp_interface interface_on(std::uint32_t ifindex, std::uint16_t node) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = node;
-    return itf;
+    return DirInterface(ifindex).node(node).get();
 }
 
 TEST_F(AddrDriverTest, AddIPSendsInfoWithNoReply) {

@@ -11,29 +11,13 @@
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/lipc_frame.hpp"
+#include "support/sock_log.hpp"
 
 namespace ipt {
 namespace {
 
-class LipcMessageTest : public PlatformTest {
-protected:
-    static std::vector<ipp_sock_event> events(ipp_call call) {
-        std::vector<ipp_sock_event> out;
-        for (std::uint32_t i = 0; i < ipp_sock_log_count(); ++i) {
-            ipp_sock_event ev{};
-            if (ipp_sock_log_get(i, &ev) == 0 && ev.call == call) out.push_back(ev);
-        }
-        return out;
-    }
-};
-
-Bytes framed(std::uint16_t type, const Bytes& payload) {
-    Bytes b;
-    put16(b, type);
-    put16(b, static_cast<std::uint16_t>(payload.size() + 4));
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
-}
+class LipcMessageTest : public PlatformTest {};
 
 TEST_F(LipcMessageTest, FreeMsgOfNullDoesNothing) {
     IP_LIPC_FreeMsg(nullptr);
@@ -62,7 +46,7 @@ TEST_F(LipcMessageTest, SendMsgFramesTypeAndTotalBigEndian) {
         IP_CloseSock(fd);
     }
     EXPECT_EQ(got, framed(0x0A0B, {1, 2, 3, 4, 5}));
-    const auto sends = events(IPP_CALL_SEND);
+    const auto sends = sock_events(IPP_CALL_SEND);
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].flags, 0x100);
 }
@@ -89,7 +73,7 @@ TEST_F(LipcMessageTest, PayloadOf65532WrapsTotalToZeroAndZeroByteSendSucceeds) {
     ASSERT_GE(fd, 0);
     std::vector<std::uint8_t> payload(65532, 0x11);
     EXPECT_EQ(IP_LIPC_SendMsg(fd, 1, payload.data(), 65532), 0u);
-    const auto sends = events(IPP_CALL_SEND);
+    const auto sends = sock_events(IPP_CALL_SEND);
     ASSERT_EQ(sends.size(), 1u);
     EXPECT_EQ(sends[0].length, 0u);
     EXPECT_EQ(sends[0].result, 0);
@@ -129,7 +113,7 @@ TEST_F(LipcMessageTest, RecvMsgReadsHeaderIntoHiddenBytesAndPayloadIntoBuffer) {
     EXPECT_EQ(len, 3u);
     EXPECT_EQ(type, 0x0102u);
     EXPECT_EQ(Bytes(buf, buf + 3), (Bytes{9, 8, 7}));
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 1u);
     EXPECT_EQ(recvs[0].length, 20u);
     EXPECT_EQ(recvs[0].flags, 0x100);
@@ -190,7 +174,7 @@ TEST_F(LipcMessageTest, RecvMsg2WithLongerMessageReturnsNewBufferSetsFlagLeavesO
     EXPECT_EQ(type, 7u);
     EXPECT_EQ(Bytes(static_cast<std::uint8_t*>(buf), static_cast<std::uint8_t*>(buf) + 40), payload);
     EXPECT_EQ(Bytes(old - 4, old + 8), Bytes(12, 0xEE));
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 2u);
     EXPECT_EQ(recvs[0].flags, 0x102);
     EXPECT_EQ(recvs[0].length, 4u);
@@ -297,7 +281,7 @@ TEST_F(LipcMessageTest, DaemonAnswerOfFiveFollowedByAnythingYieldsFive) {
         EXPECT_EQ(IP_SendAndRecvMsgToDaemon(0x0102, "\x0A\x0B\x0C", 3), 5u);
     }
     EXPECT_EQ(got, framed(0x0102, {0x0A, 0x0B, 0x0C}));
-    const auto recvs = events(IPP_CALL_RECV);
+    const auto recvs = sock_events(IPP_CALL_RECV);
     ASSERT_EQ(recvs.size(), 1u);
     EXPECT_EQ(recvs[0].length, 8u);
     EXPECT_EQ(recvs[0].flags, 0x100);
@@ -357,10 +341,7 @@ TEST_F(LipcMessageTest, PortAttackExchangeUsesPort4418) {
         EXPECT_EQ(PORTATK_SendAndRecvMsgToDaemon(0x0506, "\x07", 1), 0xFFFF0001u);
     }
     EXPECT_EQ(got, framed(0x0506, {7}));
-    const auto connects = events(IPP_CALL_CONNECT);
-    ASSERT_EQ(connects.size(), 1u);
-    const std::uint8_t want[16] = {16, 37, 0x11, 0x42, 0x80, 0x00};
-    EXPECT_EQ(std::memcmp(connects[0].addr, want, 16), 0);
+    expect_one_connect(0x8000, 0x1142);
     EXPECT_EQ(ipp_call_count(IPP_CALL_CLOSE), 1u);
 }
 

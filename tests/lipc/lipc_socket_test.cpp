@@ -6,113 +6,94 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <optional>
+#include <ostream>
 #include <string>
 
 #include "ipclient/lipc.h"
 #include "ipplat/testctl.h"
+#include "support/case_name.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/sock_log.hpp"
 
 namespace ipt {
 namespace {
 
-class LipcSocketTest : public PlatformTest {
-protected:
-    // Socket calls of one kind recorded since the reset.
-    static std::vector<ipp_sock_event> events(ipp_call call) {
-        std::vector<ipp_sock_event> out;
-        for (std::uint32_t i = 0; i < ipp_sock_log_count(); ++i) {
-            ipp_sock_event ev{};
-            if (ipp_sock_log_get(i, &ev) == 0 && ev.call == call) out.push_back(ev);
-        }
-        return out;
-    }
-};
+class LipcSocketTest : public PlatformTest {};
 
 TEST_F(LipcSocketTest, OpenCliSockConnectsWithClientAddress) {
     FakeService svc(0x8000, 2000, [](Conn& c) { c.recv_message(); });
     const int fd = IP_OpenCliSock(0x8000, 2000);
     ASSERT_GE(fd, 0);
-    const auto sockets = events(IPP_CALL_SOCKET);
-    ASSERT_EQ(sockets.size(), 1u);
-    EXPECT_EQ(sockets[0].domain, 37);
-    EXPECT_EQ(sockets[0].type, 2);
-    EXPECT_EQ(sockets[0].protocol, 1);
-    const auto connects = events(IPP_CALL_CONNECT);
-    ASSERT_EQ(connects.size(), 1u);
-    EXPECT_EQ(connects[0].addr_len, 16u);
-    const std::uint8_t want[16] = {16, 37, 0x07, 0xD0, 0x80, 0x00};
-    EXPECT_EQ(std::memcmp(connects[0].addr, want, 16), 0);
+    expect_one_socket(37, 2, 1);
+    expect_one_connect(0x8000, 0x07D0);
     IP_CloseSock(fd);
 }
 
-TEST_F(LipcSocketTest, OpenCliSockWithoutListenerMakesExactlyOneConnect) {
-    EXPECT_EQ(IP_OpenCliSock(0x8000, 2001), -1);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 1u);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CLOSE), 1u);
-}
+// Opening a client or pull socket under connect failures: how many connects, sleeps and
+// closes it makes before it gives up or succeeds.
+enum class Opener { kClient, kPull };
+struct BudgetCase {
+    const char* name;
+    Opener opener;
+    std::uint16_t node;
+    std::uint16_t port;
+    bool listening;                  // a service listens at the address
+    std::uint32_t fault_count;       // connects failed with `fault`, 0 for none
+    int fault;
+    bool opens;
+    unsigned connects;
+    std::optional<unsigned> sleeps;
+    std::optional<unsigned> slept_seconds;
+    std::optional<unsigned> closes;
+    friend void PrintTo(const BudgetCase& row, std::ostream* os) { *os << row.name; }
+};
 
-TEST_F(LipcSocketTest, OpenCliSockUnderRepeatedEintrMakesAtMostElevenConnects) {
-    ipp_fault_inject(IPP_CALL_CONNECT, 50, EINTR);
-    EXPECT_EQ(IP_OpenCliSock(0x8000, 2002), -1);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 11u);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_SLEEP), 0u);
-}
+const BudgetCase kBudgetCases[] = {
+    {"OpenCliSockWithoutListenerMakesExactlyOneConnect", Opener::kClient, 0x8000, 2001, false, 0, 0, false, 1, {}, {},
+     1u},
+    {"OpenCliSockUnderRepeatedEintrMakesAtMostElevenConnects", Opener::kClient, 0x8000, 2002, false, 50, EINTR, false,
+     11, 0u, {}, {}},
+    {"OpenCliSockRetriesEintrAndThenConnects", Opener::kClient, 0x8000, 2003, true, 10, EINTR, true, 11, {}, {}, {}},
+    {"OpenCliSockTakesEisconnAsConnected", Opener::kClient, 0x8000, 2004, false, 1, EISCONN, true, 1, {}, {}, {}},
+    {"OpenCliSockGivesUpAtOnceOnPermissionRefusal", Opener::kClient, 0x8000, 2005, false, 5, EPERM, false, 1, 0u, {},
+     {}},
+    {"OpenPullSockUnderPermissionRefusalSleepsAfterEveryOneOfElevenConnects", Opener::kPull, 0x8000, 2006, false, 100,
+     EPERM, false, 11, 11u, 11u, 1u},
+    {"OpenPullSockConnectsAfterPermissionRefusals", Opener::kPull, 3, 2007, true, 3, EPERM, true, 4, {}, 3u, {}},
+    {"OpenPullSockRetriesEintrWithoutSleeping", Opener::kPull, 0x8000, 2008, false, 50, EINTR, false, 11, 0u, {}, {}},
+    // Refused: nobody listens.
+    {"OpenPullSockOtherErrorEndsTheLoop", Opener::kPull, 0x8000, 2009, false, 0, 0, false, 1, {}, {}, {}},
+};
 
-TEST_F(LipcSocketTest, OpenCliSockRetriesEintrAndThenConnects) {
-    FakeService svc(0x8000, 2003, [](Conn& c) { c.recv_message(); });
-    ipp_fault_inject(IPP_CALL_CONNECT, 10, EINTR);
-    const int fd = IP_OpenCliSock(0x8000, 2003);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 11u);
+class ConnectBudgetTest : public LipcSocketTest, public ::testing::WithParamInterface<BudgetCase> {};
+
+TEST_P(ConnectBudgetTest, ConnectsSleepsAndClosesAsOften) {
+    const BudgetCase& c = GetParam();
+    std::optional<FakeService> svc;
+    if (c.listening) svc.emplace(c.node, c.port, [](Conn& conn) { conn.recv_message(); });
+    if (c.fault_count != 0) ipp_fault_inject(IPP_CALL_CONNECT, c.fault_count, c.fault);
+    const int fd = c.opener == Opener::kClient ? IP_OpenCliSock(c.node, c.port) : IP_OpenPullSock(c.node, c.port);
+    if (c.opens) {
+        EXPECT_GE(fd, 0);
+    } else {
+        EXPECT_EQ(fd, -1);
+    }
+    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), c.connects);
+    if (c.sleeps) {
+        EXPECT_EQ(ipp_call_count(IPP_CALL_SLEEP), *c.sleeps);
+    }
+    if (c.slept_seconds) {
+        EXPECT_EQ(ipp_sleep_total_seconds(), *c.slept_seconds);
+    }
+    if (c.closes) {
+        EXPECT_EQ(ipp_call_count(IPP_CALL_CLOSE), *c.closes);
+    }
     IP_CloseSock(fd);
 }
 
-TEST_F(LipcSocketTest, OpenCliSockTakesEisconnAsConnected) {
-    ipp_fault_inject(IPP_CALL_CONNECT, 1, EISCONN);
-    const int fd = IP_OpenCliSock(0x8000, 2004);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 1u);
-    IP_CloseSock(fd);
-}
-
-TEST_F(LipcSocketTest, OpenCliSockGivesUpAtOnceOnPermissionRefusal) {
-    ipp_fault_inject(IPP_CALL_CONNECT, 5, EPERM);
-    EXPECT_EQ(IP_OpenCliSock(0x8000, 2005), -1);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 1u);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_SLEEP), 0u);
-}
-
-TEST_F(LipcSocketTest, OpenPullSockUnderPermissionRefusalSleepsAfterEveryOneOfElevenConnects) {
-    ipp_fault_inject(IPP_CALL_CONNECT, 100, EPERM);
-    EXPECT_EQ(IP_OpenPullSock(0x8000, 2006), -1);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 11u);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_SLEEP), 11u);
-    EXPECT_EQ(ipp_sleep_total_seconds(), 11u);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CLOSE), 1u);
-}
-
-TEST_F(LipcSocketTest, OpenPullSockConnectsAfterPermissionRefusals) {
-    FakeService svc(3, 2007, [](Conn& c) { c.recv_message(); });
-    ipp_fault_inject(IPP_CALL_CONNECT, 3, EPERM);
-    const int fd = IP_OpenPullSock(3, 2007);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 4u);
-    EXPECT_EQ(ipp_sleep_total_seconds(), 3u);
-    IP_CloseSock(fd);
-}
-
-TEST_F(LipcSocketTest, OpenPullSockRetriesEintrWithoutSleeping) {
-    ipp_fault_inject(IPP_CALL_CONNECT, 50, EINTR);
-    EXPECT_EQ(IP_OpenPullSock(0x8000, 2008), -1);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 11u);
-    EXPECT_EQ(ipp_call_count(IPP_CALL_SLEEP), 0u);
-}
-
-TEST_F(LipcSocketTest, OpenPullSockOtherErrorEndsTheLoop) {
-    EXPECT_EQ(IP_OpenPullSock(0x8000, 2009), -1);  // refused: nobody listens
-    EXPECT_EQ(ipp_call_count(IPP_CALL_CONNECT), 1u);
-}
+INSTANTIATE_TEST_SUITE_P(Budgets, ConnectBudgetTest, ::testing::ValuesIn(kBudgetCases), CaseName());
 
 TEST_F(LipcSocketTest, OpenSocketFailureReturnsMinusOne) {
     ipp_fault_inject(IPP_CALL_SOCKET, 2, EMFILE);
@@ -130,19 +111,19 @@ TEST_F(LipcSocketTest, CloseSockOfNegativeDescriptorDoesNothing) {
 TEST_F(LipcSocketTest, OpenSrvSockSetsOptionBindsWithZeroLengthByteAndListens) {
     const int fd = IP_OpenSrvSock(2011);
     ASSERT_GE(fd, 0);
-    const auto opts = events(IPP_CALL_SETSOCKOPT);
+    const auto opts = sock_events(IPP_CALL_SETSOCKOPT);
     ASSERT_EQ(opts.size(), 1u);
     EXPECT_EQ(opts[0].level, 1);
     EXPECT_EQ(opts[0].option, 512);
     EXPECT_EQ(opts[0].value_len, 4u);
     const int zero = 0;
     EXPECT_EQ(std::memcmp(opts[0].value, &zero, 4), 0);
-    const auto binds = events(IPP_CALL_BIND);
+    const auto binds = sock_events(IPP_CALL_BIND);
     ASSERT_EQ(binds.size(), 1u);
     const std::uint8_t want[16] = {0, 37, 0x07, 0xDB, 0x80, 0x00};
     EXPECT_EQ(binds[0].addr_len, 16u);
     EXPECT_EQ(std::memcmp(binds[0].addr, want, 16), 0);
-    const auto listens = events(IPP_CALL_LISTEN);
+    const auto listens = sock_events(IPP_CALL_LISTEN);
     ASSERT_EQ(listens.size(), 1u);
     EXPECT_EQ(listens[0].length, 1024u);
     // A client reaches it.
@@ -164,7 +145,7 @@ TEST_F(LipcSocketTest, OpenSrvSockPrintsOptionFailureAndCloses) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(IP_OpenSrvSock(2013), -1);
     const std::string out = testing::internal::GetCapturedStdout();
-    const auto sockets = events(IPP_CALL_SOCKET);
+    const auto sockets = sock_events(IPP_CALL_SOCKET);
     ASSERT_EQ(sockets.size(), 1u);
     EXPECT_EQ(out, "ip open srv2 fd = " + std::to_string(sockets[0].result) + ", errno = 105\r\n");
     EXPECT_EQ(ipp_call_count(IPP_CALL_CLOSE), 1u);
@@ -189,10 +170,10 @@ TEST_F(LipcSocketTest, OpenSrvSockPrintsListenFailure) {
 TEST_F(LipcSocketTest, JoinGroupSetsTypeAndMembershipInHostOrder) {
     const int fd = IP_JoinGroup(0x0A0B, 0x01020304, 0x0C0D);
     ASSERT_GE(fd, 0);
-    const auto sockets = events(IPP_CALL_SOCKET);
+    const auto sockets = sock_events(IPP_CALL_SOCKET);
     ASSERT_EQ(sockets.size(), 1u);
     EXPECT_EQ(sockets[0].protocol, 2);
-    const auto opts = events(IPP_CALL_SETSOCKOPT);
+    const auto opts = sock_events(IPP_CALL_SETSOCKOPT);
     ASSERT_EQ(opts.size(), 2u);
     EXPECT_EQ(opts[0].level, 275);
     EXPECT_EQ(opts[0].option, 1);
@@ -240,7 +221,7 @@ TEST_F(LipcSocketTest, PeerNodeIsReadFromTheBigEndianNodeField) {
     IP_CloseSock(fd);
     const int own = -1;
     EXPECT_EQ(IP_GetPeerNodeFromSocket(own, &node), IPSTATUS_FAILED);
-    const auto calls = events(IPP_CALL_GETPEERNAME);
+    const auto calls = sock_events(IPP_CALL_GETPEERNAME);
     ASSERT_EQ(calls.size(), 2u);
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "ipplat/testctl.h"
+#include "support/directory_interface.hpp"
 #include "support/fixture.hpp"
 
 namespace ipt {
@@ -71,16 +72,8 @@ TEST_F(DirectoryTest, MultiTenantContext) {
 }
 
 ipp_interface make(std::uint32_t ifindex, std::uint32_t type, const char* name) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = 9;
-    std::strncpy(itf.name, name, sizeof itf.name - 1);
-    itf.type = type;
-    itf.flags = IF_FLAG_SPANS_NODES;
-    itf.kind = 4;
-    itf.valid = 1;
-    itf.visible = 1;
-    return itf;
+    return DirInterface(ifindex).node(9).name(name).type(type).flags(IF_FLAG_SPANS_NODES).kind(4).valid().visible()
+        .get();
 }
 
 TEST_F(DirectoryTest, InterfaceDataItemsAndPredicates) {

@@ -15,8 +15,6 @@ namespace {
 
 constexpr std::size_t align4(std::size_t n) { return (n + 3) & ~std::size_t{3}; }
 
-class NetlinkTest : public PlatformTest {};
-
 // A get-family request for "nlctrl", laid out as the library lays it out.
 std::size_t family_request(std::uint8_t* buf) {
     const char name[] = "nlctrl";
@@ -53,25 +51,38 @@ std::uint16_t family_id_of(const std::uint8_t* reply, ssize_t n) {
     return 0;
 }
 
-TEST_F(NetlinkTest, ControllerFamilyResolvesTo16ThroughSendto) {
-    const int fd = __wrap_socket(AF_NETLINK, SOCK_RAW, NETLINK_GENERIC);
-    ASSERT_GE(fd, 0);
+// A generic-netlink socket with the controller's get-family request ready to send, and the
+// family the reply names.
+class NetlinkTest : public PlatformTest {
+protected:
+    void SetUp() override {
+        fd = __wrap_socket(AF_NETLINK, SOCK_RAW, NETLINK_GENERIC);
+        ASSERT_GE(fd, 0);
+        len = family_request(req);
+    }
+    void TearDown() override {
+        if (fd >= 0) __wrap_close(fd);
+        PlatformTest::TearDown();
+    }
+    std::uint16_t replied_family() {
+        std::uint8_t reply[4096];
+        const ssize_t n = __wrap_recv(fd, reply, sizeof reply, 0);
+        return family_id_of(reply, n);
+    }
+
+    int fd = -1;
     std::uint8_t req[64];
-    const std::size_t len = family_request(req);
+    std::size_t len = 0;
+};
+
+TEST_F(NetlinkTest, ControllerFamilyResolvesTo16ThroughSendto) {
     std::uint8_t kernel_addr[16] = {0, 16};
     ASSERT_EQ(__wrap_sendto(fd, req, len, 0, reinterpret_cast<sockaddr*>(kernel_addr), 16),
               static_cast<ssize_t>(len));
-    std::uint8_t reply[4096];
-    const ssize_t n = __wrap_recv(fd, reply, sizeof reply, 0);
-    EXPECT_EQ(family_id_of(reply, n), 16u);
-    __wrap_close(fd);
+    EXPECT_EQ(replied_family(), 16u);
 }
 
 TEST_F(NetlinkTest, ControllerFamilyResolvesTo16ThroughSendmsgInThreePieces) {
-    const int fd = __wrap_socket(AF_NETLINK, SOCK_RAW, NETLINK_GENERIC);
-    ASSERT_GE(fd, 0);
-    std::uint8_t req[64];
-    const std::size_t len = family_request(req);
     std::uint8_t kernel_addr[16] = {16, 16};
     iovec iov[3] = {{req, NLMSG_HDRLEN}, {req + NLMSG_HDRLEN, GENL_HDRLEN},
                     {req + NLMSG_HDRLEN + GENL_HDRLEN, len - NLMSG_HDRLEN - GENL_HDRLEN}};
@@ -81,10 +92,7 @@ TEST_F(NetlinkTest, ControllerFamilyResolvesTo16ThroughSendmsgInThreePieces) {
     msg.msg_iov = iov;
     msg.msg_iovlen = 3;
     ASSERT_EQ(__wrap_sendmsg(fd, &msg, 0), static_cast<ssize_t>(len));
-    std::uint8_t reply[4096];
-    const ssize_t n = __wrap_recv(fd, reply, sizeof reply, 0);
-    EXPECT_EQ(family_id_of(reply, n), 16u);
-    __wrap_close(fd);
+    EXPECT_EQ(replied_family(), 16u);
 }
 
 }  // namespace

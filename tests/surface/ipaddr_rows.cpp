@@ -5,6 +5,7 @@
 
 #include "ipclient/ipaddr.h"
 #include "ipplat/testctl.h"
+#include "support/directory_interface.hpp"
 #include "surface/surface.hpp"
 
 namespace {
@@ -28,12 +29,7 @@ IPAddrEntry sample_entry(std::uint32_t method = IPADDR_METHOD_MANUAL) {
 
 // The management port is known, so that a summary that went on would ask the address module.
 void management_port() {
-    ipp_interface itf{};
-    itf.ifindex = 5;
-    itf.node = 0x8000;
-    std::strncpy(itf.name, "M-GigabitEthernet0/0/0", sizeof itf.name - 1);
-    itf.valid = 1;
-    ipp_dir_add_interface(&itf);
+    ipt::DirInterface(5).node(0x8000).name("M-GigabitEthernet0/0/0").valid().add();
 }
 
 // 82595525 records of 52 bytes do not fit a 32-bit capacity.

@@ -3,6 +3,7 @@
 
 #include "ipclient/ipstat.h"
 #include "ipplat/testctl.h"
+#include "support/directory_interface.hpp"
 #include "surface/surface.hpp"
 
 namespace {
@@ -20,11 +21,7 @@ void one_node_up() {
     ipp_dir_set_self(1);
     ipp_dir_set_nodes(nodes, 1);
     ipp_dir_set_node_up(1, 1);
-    ipp_interface itf{};
-    itf.ifindex = kIfIndex;
-    itf.node = 1;
-    itf.valid = 1;
-    ipp_dir_add_interface(&itf);
+    ipt::DirInterface(kIfIndex).node(1).valid().add();
 }
 
 const bool registered = ipt::surface::add({
