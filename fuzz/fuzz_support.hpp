@@ -122,4 +122,20 @@ private:
 // master) and interfaces 1 to 4 of a few kinds, so that calls reach their parsers.
 void reset_platform();
 
+// The input as up to 16 datagrams of at most `longest` bytes, queued for the library's end of
+// a fresh socket pair (on a platform made anew); then handle(library's descriptor) once per
+// datagram and once more, on the socket left empty. What the library sent back is dropped.
+template <class Handle>
+int datagram_input(const std::uint8_t* data, std::size_t size, std::size_t longest, Handle handle) {
+    reset_platform();
+    FuzzedDataProvider in(data, size);
+    Pair pair;
+    if (!pair.ok()) return 0;
+    const auto grams = datagrams(in, 16, longest);
+    pair.feed(grams);
+    for (std::size_t i = 0; i <= grams.size(); ++i) handle(pair.theirs);
+    pair.drain();
+    return 0;
+}
+
 }  // namespace ipfuzz

@@ -107,4 +107,12 @@ Bytes hello() {
     return Bytes(f.data(), f.data() + f.size());
 }
 
+int service_input(const std::uint8_t* data, std::size_t size, const Service& service) {
+    FuzzedDataProvider in(data, size);
+    const std::uint16_t node = service.master_only || in.ConsumeBool() ? 1 : 2;
+    const std::uint16_t port = service.other_port == 0 || in.ConsumeBool() ? service.port : service.other_port;
+    exchange({node, port}, messages(in, 8, service.longest));
+    return 0;
+}
+
 }  // namespace ipfuzz::simfuzz

@@ -38,4 +38,19 @@ std::vector<Bytes> messages(FuzzedDataProvider& in, std::size_t max, std::size_t
 // The device channel's greeting for the master node, as the platform sends it.
 Bytes hello();
 
+// A family-37 service as a fuzz target meets it.
+struct Service {
+    std::uint16_t port = 0;
+    // A second port of the same service (its local variant): the input picks one of the two.
+    std::uint16_t other_port = 0;
+    // Served by node 1 (the master's endpoint) alone; otherwise the input picks node 1 or 2.
+    bool master_only = false;
+    // The longest message the input may give; at most eight messages a run.
+    std::size_t longest = 0;
+};
+
+// One run of a service's request parser: the node, then the port, then the messages, as the
+// input gives them; exchanged with the service. Returns 0, as libFuzzer's entry point does.
+int service_input(const std::uint8_t* data, std::size_t size, const Service& service);
+
 }  // namespace ipfuzz::simfuzz

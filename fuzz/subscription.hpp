@@ -27,4 +27,17 @@ void send_all(int fd, const std::vector<Bytes>& grams);
 // Reads and drops whatever is queued at the descriptor.
 void drain(int fd);
 
+// The input as up to 64 datagrams of at most `longest` bytes sent to the subscription, then
+// process(library's descriptor) once; what either end still holds is dropped.
+template <class Process>
+int subscribed_input(const Subscription& sub, const std::uint8_t* data, std::size_t size, std::size_t longest,
+                     Process process) {
+    FuzzedDataProvider in(data, size);
+    send_all(sub.service, datagrams(in, 64, longest));
+    process(sub.library);
+    drain(sub.library);
+    drain(sub.service);
+    return 0;
+}
+
 }  // namespace ipfuzz

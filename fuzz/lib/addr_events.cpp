@@ -10,15 +10,10 @@ std::uint32_t on_event(std::uint32_t, IPAddrEntry* entry, std::uint32_t, std::ui
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    ipfuzz::reset_platform();
-    FuzzedDataProvider in(data, size);
-    ipfuzz::Pair pair;
-    if (!pair.ok()) return 0;
-    const auto grams = ipfuzz::datagrams(in, 16, 4096);
-    pair.feed(grams);
-    g_pfIPAddr_EvProc = &on_event;
-    for (std::size_t i = 0; i <= grams.size(); ++i) (void)IPAddr_HandleEvent(pair.theirs);
+    const int rc = ipfuzz::datagram_input(data, size, 4096, [](int fd) {
+        g_pfIPAddr_EvProc = &on_event;
+        (void)IPAddr_HandleEvent(fd);
+    });
     g_pfIPAddr_EvProc = nullptr;
-    pair.drain();
-    return 0;
+    return rc;
 }

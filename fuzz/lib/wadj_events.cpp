@@ -11,14 +11,10 @@ std::uint32_t on_event(std::uint32_t, void* entry) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    ipfuzz::reset_platform();
-    FuzzedDataProvider in(data, size);
-    ipfuzz::Pair pair;
-    if (!pair.ok()) return 0;
-    const auto grams = ipfuzz::datagrams(in, 16, WADJ4_EVENT_MAX + 16);
-    pair.feed(grams);
-    g_pfWADJ4EventProc = &on_event;
-    for (std::size_t i = 0; i <= grams.size(); ++i) (void)WADJ4_ProcEvent(pair.theirs);
+    const int rc = ipfuzz::datagram_input(data, size, WADJ4_EVENT_MAX + 16, [](int fd) {
+        g_pfWADJ4EventProc = &on_event;
+        (void)WADJ4_ProcEvent(fd);
+    });
     g_pfWADJ4EventProc = nullptr;
-    return 0;
+    return rc;
 }

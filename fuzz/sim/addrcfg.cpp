@@ -1,9 +1,9 @@
-// The request parser of the address configuration service and control socket (port 1653) on node 1 or 2.
+// The request parser of the address configuration service and control socket on node 1 or 2.
+#include "ipproto/lipc.hpp"
 #include "sim_support.hpp"
 
+namespace port = ipc::proto::port;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    FuzzedDataProvider in(data, size);
-    const std::uint16_t node = in.ConsumeBool() ? 1 : 2;
-    ipfuzz::simfuzz::exchange({node, 1653}, ipfuzz::simfuzz::messages(in, 8, 2048));
-    return 0;
+    return ipfuzz::simfuzz::service_input(data, size, {.port = port::kAddrCfg, .longest = 2048});
 }

@@ -1,11 +1,10 @@
-// The request parser of the IPv4 adjacency service (port 11537) on node 1 or 2: subscriptions,
+// The request parser of the IPv4 adjacency service (its ARP table channel) on node 1 or 2: subscriptions,
 // concerned addresses, batch replays, the OpenFlow, rule and suppression tables.
+#include "ipproto/lipc.hpp"
 #include "sim_support.hpp"
 
+namespace port = ipc::proto::port;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    FuzzedDataProvider in(data, size);
-    const std::uint16_t node = in.ConsumeBool() ? 1 : 2;
-    const std::uint16_t port = 11537;
-    ipfuzz::simfuzz::exchange({node, port}, ipfuzz::simfuzz::messages(in, 8, 1100));
-    return 0;
+    return ipfuzz::simfuzz::service_input(data, size, {.port = port::kArpTable, .longest = 1100});
 }

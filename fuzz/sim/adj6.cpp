@@ -1,10 +1,9 @@
-// The request parser of the IPv6 adjacency service (port 11554) on node 1 or 2.
+// The request parser of the IPv6 adjacency service (its ND table channel) on node 1 or 2.
+#include "ipproto/lipc.hpp"
 #include "sim_support.hpp"
 
+namespace port = ipc::proto::port;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    FuzzedDataProvider in(data, size);
-    const std::uint16_t node = in.ConsumeBool() ? 1 : 2;
-    const std::uint16_t port = 11554;
-    ipfuzz::simfuzz::exchange({node, port}, ipfuzz::simfuzz::messages(in, 8, 1100));
-    return 0;
+    return ipfuzz::simfuzz::service_input(data, size, {.port = port::kNdTable, .longest = 1100});
 }

@@ -1,9 +1,9 @@
-// The request parser of the IPStack daemon (port 1648) on node 1 or 2.
+// The request parser of the IPStack daemon on node 1 or 2.
+#include "ipproto/lipc.hpp"
 #include "sim_support.hpp"
 
+namespace port = ipc::proto::port;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    FuzzedDataProvider in(data, size);
-    const std::uint16_t node = in.ConsumeBool() ? 1 : 2;
-    ipfuzz::simfuzz::exchange({node, 1648}, ipfuzz::simfuzz::messages(in, 8, 2048));
-    return 0;
+    return ipfuzz::simfuzz::service_input(data, size, {.port = port::kIpStack, .longest = 2048});
 }
