@@ -8,7 +8,8 @@ namespace sim {
 
 std::optional<std::string> AddrModule::restore(Store& store) {
     std::string bad;
-    const bool addrs_ok = store.each("addr", [&](std::span<const std::uint8_t> key, const std::vector<std::uint8_t>* value) {
+    const bool addrs_ok = store.each("addr", [&](std::span<const std::uint8_t> key,
+                                                 const std::vector<std::uint8_t>* value) {
         if (value == nullptr) {
             std::uint32_t ifindex = 0, addr = 0;
             if (!records::decode_addr_key(key, &ifindex, &addr)) return bad = "a bad address key", false;
