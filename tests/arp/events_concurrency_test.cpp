@@ -13,15 +13,19 @@
 #include <thread>
 #include <vector>
 
-#include "arp/events_support.hpp"
 #include "ipclient/arp.h"
 #include "ipplat/testctl.h"
 #include "support/fixture.hpp"
+#include "support/neigh_event_families.hpp"
+#include "support/neigh_peer.hpp"
+#include "support/neigh_records.hpp"
 
 namespace ipt {
 namespace {
 
-using namespace arpev;
+using neigh::ArpEvents;
+using neigh::event_body;
+using neigh::event_record;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint16_t kMaster = 0x0305;
@@ -31,6 +35,8 @@ constexpr int kChurnThreads = 2;
 constexpr int kChurnMaxCycles = 1500;           // registrations per churn thread, at most
 constexpr std::size_t kChurnLive = 4;           // registrations a churn thread holds at once
 constexpr auto kDeadline = std::chrono::seconds(60);
+constexpr std::size_t kFullLen = ArpEvents::kFull;
+constexpr std::size_t kDatagramMax = 4096;
 
 // Per subscription: how often each event arrived, and anything that arrived wrong.
 struct Tally {
@@ -90,14 +96,14 @@ std::vector<Bytes> datagrams_for(std::size_t sub) {
         const std::uint32_t want = 1 + next() % 68;
         for (std::uint32_t r = 0; r < want && seq < kEventsPerSub; ++r) {
             if (next() % 16 == 0 && d.size() + 2 * kFullLen <= kDatagramMax) {
-                const Bytes skip = record(60, 30, 0xFFFFFFFFu);
+                const Bytes skip = event_record(60, 30, event_body(ArpEvents::kBody, 0xFFFFFFFFu));
                 d.insert(d.end(), skip.begin(), skip.end());
             }
             if (d.size() + kFullLen > kDatagramMax) break;
-            Entry e = wire_entry(static_cast<std::uint32_t>(sub) << 24 | seq);
+            Bytes e = event_body(ArpEvents::kBody, static_cast<std::uint32_t>(sub) << 24 | seq);
             e[48] = static_cast<std::uint8_t>(seq >> 8);
             e[49] = static_cast<std::uint8_t>(seq);
-            const Bytes r1 = record(60, seq % 21, e);
+            const Bytes r1 = event_record(60, seq % 21, e);
             d.insert(d.end(), r1.begin(), r1.end());
             ++seq;
         }
@@ -128,7 +134,8 @@ protected:
 };
 
 TEST_F(ArpEventsConcurrency, ProcessingWhileOthersRegisterAndDeregisterDeliversEveryEventOnceAtItsCallback) {
-    AdjPeer peer(kMaster, static_cast<int>(kSubs) + kChurnThreads * kChurnMaxCycles, static_cast<int>(kSubs));
+    NeighPeer peer(kMaster, ArpEvents::kPort, static_cast<int>(kSubs) + kChurnThreads * kChurnMaxCycles,
+                   static_cast<int>(kSubs));
     ASSERT_TRUE(peer.listening());
 
     std::array<int, kSubs> fds{};
@@ -203,7 +210,7 @@ TEST_F(ArpEventsConcurrency, ProcessingWhileOthersRegisterAndDeregisterDeliversE
         threads.emplace_back([&, i] {
             for (const Bytes& d : datagrams_for(i)) {
                 if (stop.load() || Clock::now() >= deadline) return;
-                if (!AdjPeer::send(svcs[i], d)) {
+                if (!NeighPeer::send(svcs[i], d)) {
                     send_failures.fetch_add(1);
                     return;
                 }
@@ -245,7 +252,7 @@ TEST_F(ArpEventsConcurrency, ProcessingWhileOthersRegisterAndDeregisterDeliversE
 TEST_F(ArpEventsConcurrency, ConcurrentRegistrationsKeepTheListConsistent) {
     constexpr int kThreads = 4;
     constexpr int kEach = 40;
-    AdjPeer peer(kMaster, kThreads * kEach, 0);
+    NeighPeer peer(kMaster, ArpEvents::kPort, kThreads * kEach, 0);
     std::atomic<std::uint32_t> failures{0};
     std::vector<std::vector<int>> held(kThreads);
     std::vector<std::thread> threads;

@@ -15,6 +15,7 @@
 #include "ipclient/arp.h"
 #include "ipplat/testctl.h"
 #include "support/fixture.hpp"
+#include "support/neigh_directory.hpp"
 
 namespace ipt {
 namespace {
@@ -58,12 +59,7 @@ bool loaded(const char* path) {
 }
 
 void add_interface(std::uint32_t ifindex, const char* name) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = 0x11;
-    std::snprintf(itf.name, sizeof itf.name, "%s", name);
-    itf.valid = 1;
-    ipp_dir_add_interface(&itf);
+    add_to_directory(interface_entry(ifindex, 0x11, 0, name));
 }
 
 // An EVC key as an application holds it; the bridge passes its address through.

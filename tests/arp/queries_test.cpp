@@ -19,10 +19,14 @@
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 #include "support/fixture.hpp"
+#include "support/neigh_directory.hpp"
+#include "support/neigh_kernel_queries.hpp"
 #include "support/statuses.hpp"
 
 namespace ipt {
 namespace {
+
+using namespace neigh;
 
 constexpr std::uint32_t kOk = 0;
 constexpr std::uint32_t kNoEntry = 0x40010005u;
@@ -94,26 +98,13 @@ Bytes by_ip_host(const Bytes& wire) { return converted(wire, {4, 8, 28, 32}, {12
 Bytes entry_bytes(const ARP_ENTRY_S& e) { return Bytes(e.aucData, e.aucData + kEntryLen); }
 
 void add_interface(std::uint32_t ifindex, std::uint16_t node, std::uint32_t type) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = node;
-    itf.type = type;
-    itf.valid = 1;
-    itf.visible = 1;
-    itf.configured = 1;
-    ipp_dir_add_interface(&itf);
+    add_to_directory(interface_entry(ifindex, node, type));
 }
 
 class ArpKernelTest : public PlatformTest {
 protected:
     void expect_call(const KernelCall& c, std::uint32_t node, const Bytes& request, std::uint32_t cap) {
-        EXPECT_EQ(c.node, node);
-        EXPECT_EQ(c.command, kArpCommand);
-        EXPECT_EQ(c.request, request);
-        EXPECT_EQ(c.reply_cap, cap);
-        EXPECT_FALSE(c.async);
-        EXPECT_FALSE(c.reply_null);
-        EXPECT_FALSE(c.returned_len_null);
+        expect_kernel_call(c, node, kArpCommand, request, cap);
     }
     void expect_single_call(std::uint32_t node, const Bytes& request, std::uint32_t cap) {
         ASSERT_EQ(kernel.count(), 1u);
@@ -677,112 +668,31 @@ TEST_F(ArpQueryTest, GetFirstIPAddrNullPointersFailWithoutRequest) {
 
 // ---- Counters -----------------------------------------------------------------------------
 
-class ArpCountersTest : public ArpKernelTest {
-protected:
-    static Bytes counters(std::uint64_t a, std::uint64_t b, std::uint64_t c, std::uint64_t d) {
-        Bytes r;
-        put64(r, a);
-        put64(r, b);
-        put64(r, c);
-        put64(r, d);
-        return r;
-    }
-    static Bytes one(std::uint64_t v) {
-        Bytes r;
-        put64(r, v);
-        return r;
-    }
-};
+class ArpCountersTest : public ArpKernelTest {};
 
 TEST_F(ArpCountersTest, AttackStatAddsEveryNodesFourBigEndianCounters) {
-    const std::uint16_t nodes[] = {2, 5, 9};
-    ipp_dir_set_nodes(nodes, 3);
-    // No node is up: the attack walk doesn't ask.
-    kernel.answer([](const KernelCall& c) {
-        if (c.node == 2) return KernelReply{0, counters(0x0102030405060708ull, 1, 0x100, 0x10000), std::nullopt};
-        if (c.node == 5) return KernelReply{0x12345678u, counters(1000, 1000, 1000, 1000), std::nullopt};
-        return KernelReply{0, counters(0x10, 0x0200000000ull, 3, 4), std::nullopt};
-    });
-    std::uint64_t total[4] = {1, 2, 3, 4};  // nothing is reset
-    ARP_GetArpAttackStat(0xA7, total);
-    EXPECT_EQ(total[0], 0x0102030405060708ull + 0x10 + 1);
-    EXPECT_EQ(total[1], 1ull + 0x0200000000ull + 2);
-    EXPECT_EQ(total[2], 0x100ull + 3 + 3);
-    EXPECT_EQ(total[3], 0x10000ull + 4 + 4);
-
-    const auto calls = kernel.calls();
-    ASSERT_EQ(calls.size(), 3u);
-    const std::uint32_t want_nodes[] = {2, 5, 9};
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-        expect_call(calls[i], want_nodes[i], Bytes{38, 0, 0, 0xA7}, 32);
-    }
+    attack_stat_adds_every_nodes_counters<ARP_GetArpAttackStat>(5, 5, kArpCommand, Bytes{38, 0, 0, 0xA7});
 }
 
 TEST_F(ArpCountersTest, AttackStatClearsTheReplyForEveryNode) {
-    const std::uint16_t nodes[] = {2, 3};
-    ipp_dir_set_nodes(nodes, 2);
-    kernel.reply(0, counters(5, 6, 7, 8));
-    kernel.reply(0, one(100));  // only the first counter arrives
-    std::uint64_t total[4] = {};
-    ARP_GetArpAttackStat(1, total);
-    EXPECT_EQ(total[0], 105u);
-    EXPECT_EQ(total[1], 6u);
-    EXPECT_EQ(total[2], 7u);
-    EXPECT_EQ(total[3], 8u);
+    attack_stat_clears_the_reply_for_every_node<ARP_GetArpAttackStat>();
 }
 
 TEST_F(ArpCountersTest, AttackStatWithoutNodeListLeavesCountersUnchanged) {
-    ipp_dir_clear_nodes();
-    kernel.reply(0, counters(1, 1, 1, 1));
-    std::uint64_t total[4] = {7, 8, 9, 10};
-    ARP_GetArpAttackStat(1, total);
-    EXPECT_EQ(total[0], 7u);
-    EXPECT_EQ(total[1], 8u);
-    EXPECT_EQ(total[2], 9u);
-    EXPECT_EQ(total[3], 10u);
-    EXPECT_EQ(kernel.count(), 0u);
+    attack_stat_asks_nothing_without_nodes_or_counters<ARP_GetArpAttackStat>();
 }
 
 TEST_F(ArpCountersTest, AttackStatNullCountersSendNothing) {
-    const std::uint16_t nodes[] = {2};
-    ipp_dir_set_nodes(nodes, 1);
-    kernel.reply(0, counters(1, 1, 1, 1));
-    ARP_GetArpAttackStat(1, nullptr);
-    EXPECT_EQ(kernel.count(), 0u);
+    attack_stat_asks_nothing_without_nodes_or_counters<ARP_GetArpAttackStat>();
 }
 
 TEST_F(ArpCountersTest, AlarmThresholdAddsOnlyUpNodesWithExactEightByteReplies) {
-    const std::uint16_t nodes[] = {1, 2, 3, 4, 6, 8};
-    ipp_dir_set_nodes(nodes, 6);
-    ipp_dir_set_node_up(1, 1);
-    ipp_dir_set_node_up(2, 0);
-    ipp_dir_set_node_up(3, 1);
-    ipp_dir_set_node_up(4, 1);
-    ipp_dir_set_node_up(6, 1);
-    // node 8: never set, not up
-    kernel.answer([](const KernelCall& c) {
-        switch (c.node) {
-            case 1: return KernelReply{0, one(0x0100000000000002ull), std::nullopt};
-            case 3: return KernelReply{0, one(0x30), 4u};            // wrong length
-            case 4: return KernelReply{0x12345678u, one(0x4000), std::nullopt};  // failed
-            case 6: return KernelReply{0, one(0x0600), std::nullopt};
-            default: return KernelReply{0, one(0x7777), std::nullopt};
-        }
-    });
-    std::uint64_t total = 5;  // nothing is reset
-    ARP_GetAlarmThresholdStat(0x5C, &total);
-    EXPECT_EQ(total, 5ull + 0x0100000000000002ull + 0x0600);
-    const auto calls = kernel.calls();
-    ASSERT_EQ(calls.size(), 4u);
-    const std::uint32_t want_nodes[] = {1, 3, 4, 6};
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-        expect_call(calls[i], want_nodes[i], Bytes{37, 0, 0, 0x5C}, 8);
-    }
+    alarm_threshold_adds_only_up_nodes<ARP_GetAlarmThresholdStat>(kArpCommand, Bytes{37, 0, 0, 0x5C});
 }
 
 TEST_F(ArpCountersTest, AlarmThresholdWithoutNodeListLeavesCounterUnchanged) {
     ipp_dir_clear_nodes();
-    kernel.reply(0, one(1));
+    kernel.reply(0, counters({1}));
     std::uint64_t total = 42;
     ARP_GetAlarmThresholdStat(1, &total);
     EXPECT_EQ(total, 42u);
@@ -793,7 +703,7 @@ TEST_F(ArpCountersTest, AlarmThresholdNullCounterSendsNothing) {
     const std::uint16_t nodes[] = {2};
     ipp_dir_set_nodes(nodes, 1);
     ipp_dir_set_node_up(2, 1);
-    kernel.reply(0, one(1));
+    kernel.reply(0, counters({1}));
     ARP_GetAlarmThresholdStat(1, nullptr);
     EXPECT_EQ(kernel.count(), 0u);
 }
@@ -904,11 +814,7 @@ TEST_F(ArpSetEntryTest, NullPointersFailWithoutOpening) {
 
 class ArpTlvTest : public PlatformTest {
 protected:
-    static void element(Bytes& b, std::uint16_t tag, const Bytes& value) {
-        put16(b, tag);
-        put16(b, static_cast<std::uint16_t>(value.size()));
-        b.insert(b.end(), value.begin(), value.end());
-    }
+    static void element(Bytes& b, std::uint16_t tag, const Bytes& value) { tlv_element(b, tag, value); }
 
     // Status and value of a tag lookup run on its own thread, so that a walk that never
     // ends fails the test instead of hanging the run; nothing when it didn't end in time.
@@ -929,11 +835,7 @@ protected:
 };
 
 TEST_F(ArpTlvTest, PDataWithTwelveByteValueReturnsFirstEightBytesBigEndian) {
-    Bytes data;
-    element(data, 5, Bytes{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xF0, 0xE1, 0xD2, 0xC3});
-    std::uint64_t v = 0;
-    EXPECT_EQ(ARP_GetPDataFromIPCIM(static_cast<std::uint32_t>(data.size()), data.data(), 5, &v), kOk);
-    EXPECT_EQ(v, 0x0123456789ABCDEFull);
+    pdata_longer_value_gives_first_eight<ARP_GetPDataFromIPCIM>(12);
 }
 
 TEST_F(ArpTlvTest, PDataWithTwoByteValueFillsTheHighOrderBytes) {
@@ -945,11 +847,7 @@ TEST_F(ArpTlvTest, PDataWithTwoByteValueFillsTheHighOrderBytes) {
 }
 
 TEST_F(ArpTlvTest, TimeStampWithLengthTwoLeavesTheOtherBytesZero) {
-    const std::uint8_t data[4] = {0xAB, 0xCD, 0xEF, 0x12};
-    std::uint32_t t = 0xFFFFFFFFu;
-    EXPECT_EQ(ARP_GetTimeStampFromPData(2, data, &t), kOk);
-    const std::uint8_t want[4] = {0xAB, 0xCD, 0, 0};
-    EXPECT_EQ(std::memcmp(&t, want, 4), 0);
+    time_stamp_of_two_bytes<ARP_GetTimeStampFromPData>();
 }
 
 TEST_F(ArpTlvTest, TimeStampIsStoredAsReadWithoutConversion) {

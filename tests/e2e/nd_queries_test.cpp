@@ -294,15 +294,12 @@ TEST_F(NdQueries, AttackAndAlarmCountersAreSummedOverTheNodes) {
                 {"attack", {10, 20, 30, 40}}});
     ok_control({{"op", "nd.counters"}, {"node", 1}, {"selector", 4}, {"alarm", 1000}});
 
-    std::uint64_t alarm = 7;
+    std::uint64_t alarm = 7, attack[ND_ATTACK_COUNTERS] = {};
     ND_GetAlarmThresholdStat(3, &alarm);
-    EXPECT_EQ(alarm, 7u + 5u + 0x107u) << "added to what the caller holds";
-    std::uint64_t attack[ND_ATTACK_COUNTERS] = {};
     ND_GetNdAttackStat(3, attack);
-    EXPECT_EQ(attack[0], 11u);
-    EXPECT_EQ(attack[1], 22u);
-    EXPECT_EQ(attack[2], 33u);
-    EXPECT_EQ(attack[3], 0x100000028ull);
+    EXPECT_EQ(alarm, 7u + 5u + 0x107u) << "added to what the caller holds";
+    const std::uint64_t want[ND_ATTACK_COUNTERS] = {11, 22, 33, 0x100000028ull};
+    for (std::size_t i = 0; i < ND_ATTACK_COUNTERS; ++i) EXPECT_EQ(attack[i], want[i]) << "counter " << i;
     std::uint64_t other = 0;
     ND_GetAlarmThresholdStat(4, &other);
     EXPECT_EQ(other, 1000u);
@@ -325,11 +322,10 @@ protected:
 TEST_F(NdDownNode, CountersOfADownNodeAreNotAdded) {
     ok_control({{"op", "nd.counters"}, {"node", 1}, {"alarm", 5}, {"attack", {1, 2, 3, 4}}});
     ok_control({{"op", "nd.counters"}, {"node", 2}, {"alarm", 50}, {"attack", {10, 20, 30, 40}}});
-    std::uint64_t alarm = 0;
+    std::uint64_t alarm = 0, attack[ND_ATTACK_COUNTERS] = {};
     ND_GetAlarmThresholdStat(0, &alarm);
-    EXPECT_EQ(alarm, 5u);
-    std::uint64_t attack[ND_ATTACK_COUNTERS] = {};
     ND_GetNdAttackStat(0, attack);
+    EXPECT_EQ(alarm, 5u);
     EXPECT_EQ(attack[0], 1u);
     EXPECT_EQ(attack[3], 4u);
 }
@@ -619,17 +615,18 @@ TEST_F(NdAggregate, EntryOfALiveAggregateIsAnsweredByItsMembersNode) {
 // ---- Overlay suppression -----------------------------------------------------------------
 
 TEST_F(NdQueries, OverlaySuppressionSetThenGet) {
-    std::uint32_t state = 7;
-    ASSERT_EQ(ND_GetOverlaySuppression(100, &state), 0u);
-    EXPECT_EQ(state, 0u) << "off until set";
+    // The state of a VSI as read back (7 when the read fails).
+    const auto overlay = [](std::uint32_t vsi) {
+        std::uint32_t state = 7;
+        EXPECT_EQ(ND_GetOverlaySuppression(vsi, &state), 0u) << "VSI " << vsi;
+        return state;
+    };
+    EXPECT_EQ(overlay(100), 0u) << "off until set";
     EXPECT_EQ(ND_SetOverlaySuppression(100, 1), 0u);
-    ASSERT_EQ(ND_GetOverlaySuppression(100, &state), 0u);
-    EXPECT_EQ(state, 1u);
-    ASSERT_EQ(ND_GetOverlaySuppression(101, &state), 0u);
-    EXPECT_EQ(state, 0u) << "another VSI";
+    EXPECT_EQ(overlay(100), 1u);
+    EXPECT_EQ(overlay(101), 0u) << "another VSI";
     EXPECT_EQ(ND_SetOverlaySuppression(100, 2), 0u) << "any flag but 1 switches off";
-    ASSERT_EQ(ND_GetOverlaySuppression(100, &state), 0u);
-    EXPECT_EQ(state, 0u);
+    EXPECT_EQ(overlay(100), 0u);
     EXPECT_EQ(ND_SetOverlaySuppression(0xFFFFFFFFu, 1), kFailed);
 }
 

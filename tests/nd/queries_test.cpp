@@ -17,6 +17,8 @@
 #include "nd/if_hooks.hpp"
 #include "support/fake_kernel.hpp"
 #include "support/fixture.hpp"
+#include "support/neigh_directory.hpp"
+#include "support/neigh_kernel_queries.hpp"
 #include "support/statuses.hpp"
 
 // ---- Interface selection and iteration hooks (shared with config_test.cpp) -------------------
@@ -112,6 +114,8 @@ void IF_IteratorFinalize(void* iterator) {
 namespace ipt {
 namespace {
 
+using namespace neigh;
+
 using nd_if_hooks::Kind;
 
 constexpr std::uint32_t kOk = 0;
@@ -202,14 +206,7 @@ void expect_entry(const NdEntryInfo& e, const EntryValues& v) {
 }
 
 void add_interface(std::uint32_t ifindex, std::uint16_t node, std::uint32_t type) {
-    ipp_interface itf{};
-    itf.ifindex = ifindex;
-    itf.node = node;
-    itf.type = type;
-    itf.valid = 1;
-    itf.visible = 1;
-    itf.configured = 1;
-    ipp_dir_add_interface(&itf);
+    add_to_directory(interface_entry(ifindex, node, type));
 }
 
 NdIPv6Addr in6(const std::uint8_t* bytes) {
@@ -227,15 +224,9 @@ protected:
         nd_if_hooks::reset();
     }
 
-    void expect_call(const KernelCall& c, std::uint32_t node, std::uint32_t command, const Bytes& request,
-                     std::uint32_t cap) {
-        EXPECT_EQ(c.node, node);
-        EXPECT_EQ(c.command, command);
-        EXPECT_EQ(c.request, request);
-        EXPECT_EQ(c.reply_cap, cap);
-        EXPECT_FALSE(c.async);
-        EXPECT_FALSE(c.reply_null);
-        EXPECT_FALSE(c.returned_len_null);
+    static void expect_call(const KernelCall& c, std::uint32_t node, std::uint32_t command, const Bytes& request,
+                            std::uint32_t cap) {
+        expect_kernel_call(c, node, command, request, cap);
     }
 
     FakeKernel kernel;
@@ -698,99 +689,29 @@ TEST_F(NdTableTest, NextAtTheEndFailsAndKeepsTheRow) {
 
 // ---- Counters over nodes --------------------------------------------------------------------
 
-class NdQueryCountersTest : public NdQueryTest {
-protected:
-    static Bytes counters(std::uint64_t a, std::uint64_t b, std::uint64_t c, std::uint64_t d) {
-        Bytes r;
-        put64(r, a);
-        put64(r, b);
-        put64(r, c);
-        put64(r, d);
-        return r;
-    }
-    static Bytes one(std::uint64_t v) {
-        Bytes r;
-        put64(r, v);
-        return r;
-    }
-};
+class NdQueryCountersTest : public NdQueryTest {};
 
 TEST_F(NdQueryCountersTest, AttackStatAsksEveryListedNodeAndAddsItsFourCounters) {
-    const std::uint16_t nodes[] = {2, 0x8003, 9};
-    ipp_dir_set_nodes(nodes, 3);
-    ipp_dir_set_node_up(2, 1);  // up or not, every node is asked
-    kernel.answer([](const KernelCall& c) {
-        if (c.node == 2) return KernelReply{0, counters(0x0102030405060708ull, 1, 0x100, 0x10000), std::nullopt};
-        if (c.node == 0xFFFF8003u) return KernelReply{0x40010007u, counters(99, 99, 99, 99), std::nullopt};
-        return KernelReply{0, counters(0x10, 0x0200000000ull, 3, 4), std::nullopt};
-    });
-    std::uint64_t total[4] = {1, 2, 3, 4};  // added to, not reset
-    ND_GetNdAttackStat(0xA7, total);
-    EXPECT_EQ(total[0], 1 + 0x0102030405060708ull + 0x10);
-    EXPECT_EQ(total[1], 2 + 1ull + 0x0200000000ull);
-    EXPECT_EQ(total[2], 3 + 0x100ull + 3);
-    EXPECT_EQ(total[3], 4 + 0x10000ull + 4);
     Bytes want = module_head(46, 12);
     want.insert(want.end(), {0xA7, 0, 0, 0});
-    const auto calls = kernel.calls();
-    ASSERT_EQ(calls.size(), 3u);
-    const std::uint32_t words[] = {2, 0xFFFF8003u, 9};
-    for (std::size_t i = 0; i < 3; ++i) expect_call(calls[i], words[i], kModuleMsg, want, 32);
+    attack_stat_adds_every_nodes_counters<ND_GetNdAttackStat>(0x8003, 0xFFFF8003u, kModuleMsg, want);
 }
 
 TEST_F(NdQueryCountersTest, AttackStatClearsTheReplyBeforeEveryNode) {
-    const std::uint16_t nodes[] = {2, 3};
-    ipp_dir_set_nodes(nodes, 2);
-    kernel.reply(0, counters(5, 6, 7, 8));
-    kernel.reply(0, one(100));
-    std::uint64_t total[4] = {};
-    ND_GetNdAttackStat(1, total);
-    EXPECT_EQ(total[0], 105u);
-    EXPECT_EQ(total[1], 6u);
-    EXPECT_EQ(total[2], 7u);
-    EXPECT_EQ(total[3], 8u);
+    attack_stat_clears_the_reply_for_every_node<ND_GetNdAttackStat>();
 }
 
 TEST_F(NdQueryCountersTest, AttackStatWithoutNodeListOrCountersAsksNothing) {
-    ipp_dir_clear_nodes();
-    kernel.reply(0, counters(1, 1, 1, 1));
-    std::uint64_t total[4] = {7, 8, 9, 10};
-    ND_GetNdAttackStat(1, total);
-    EXPECT_EQ(total[0], 7u);
-    EXPECT_EQ(total[3], 10u);
-    const std::uint16_t nodes[] = {2};
-    ipp_dir_set_nodes(nodes, 1);
-    ND_GetNdAttackStat(1, nullptr);
-    EXPECT_EQ(kernel.count(), 0u);
+    attack_stat_asks_nothing_without_nodes_or_counters<ND_GetNdAttackStat>();
 }
 
 TEST_F(NdQueryCountersTest, AlarmThresholdAddsOnlyUpNodesWithExactlyEightBytes) {
-    const std::uint16_t nodes[] = {1, 2, 3, 4, 6};
-    ipp_dir_set_nodes(nodes, 5);
-    ipp_dir_set_node_up(1, 1);
-    ipp_dir_set_node_up(2, 0);
-    ipp_dir_set_node_up(3, 1);
-    ipp_dir_set_node_up(4, 1);
-    ipp_dir_set_node_up(6, 1);
-    kernel.answer([](const KernelCall& c) {
-        switch (c.node) {
-            case 1: return KernelReply{0, one(0x0100000000000002ull), std::nullopt};
-            case 3: return KernelReply{0, one(0x30), 4u};
-            case 4: return KernelReply{0x40010007u, one(0x4000), std::nullopt};
-            default: return KernelReply{0, one(0x0600), std::nullopt};
-        }
-    });
-    std::uint64_t total = 5;
-    ND_GetAlarmThresholdStat(0x5C, &total);
-    EXPECT_EQ(total, 5ull + 0x0100000000000002ull + 0x0600);
     Bytes want = module_head(45, 12);
     want.insert(want.end(), {0x5C, 0, 0, 0});
-    const auto calls = kernel.calls();
-    ASSERT_EQ(calls.size(), 4u);
-    const std::uint32_t words[] = {1, 3, 4, 6};
-    for (std::size_t i = 0; i < 4; ++i) expect_call(calls[i], words[i], kModuleMsg, want, 8);
+    alarm_threshold_adds_only_up_nodes<ND_GetAlarmThresholdStat>(kModuleMsg, want);
+    FakeKernel after;
     ND_GetAlarmThresholdStat(1, nullptr);
-    EXPECT_EQ(kernel.count(), 4u);
+    EXPECT_EQ(after.count(), 0u) << "no counter: nothing asked";
 }
 
 // ---- Extension bitmap -----------------------------------------------------------------------
@@ -820,11 +741,7 @@ TEST_F(NdQueryTest, Ext3BitmapFailureOrEmptyReplyLeavesTheResult) {
 
 class NdQueryTlvTest : public PlatformTest {
 protected:
-    static void element(Bytes& b, std::uint16_t type, const Bytes& value) {
-        put16(b, type);
-        put16(b, static_cast<std::uint16_t>(value.size()));
-        b.insert(b.end(), value.begin(), value.end());
-    }
+    static void element(Bytes& b, std::uint16_t tag, const Bytes& value) { tlv_element(b, tag, value); }
     static std::uint32_t pdata(const Bytes& b, std::uint16_t type, std::uint64_t* v) {
         return ND_GetPDataFromIPCIM(static_cast<std::uint32_t>(b.size()), b.data(), type, v);
     }
@@ -839,11 +756,7 @@ TEST_F(NdQueryTlvTest, FourByteValue00000005ReadsAs0x0000000500000000) {
 }
 
 TEST_F(NdQueryTlvTest, TimeStampWithLengthTwoFillsTheLowAddressedHalf) {
-    const std::uint8_t data[4] = {0xAB, 0xCD, 0xEF, 0x12};
-    std::uint32_t t = 0xFFFFFFFFu;
-    EXPECT_EQ(ND_GetTimeStampFromPData(2, data, &t), kOk);
-    const std::uint8_t want[4] = {0xAB, 0xCD, 0, 0};
-    EXPECT_EQ(std::memcmp(&t, want, 4), 0);
+    time_stamp_of_two_bytes<ND_GetTimeStampFromPData>();
 }
 
 TEST_F(NdQueryTlvTest, TimeStampTakesTheFirstFourBytesAsTheyLie) {
@@ -856,11 +769,7 @@ TEST_F(NdQueryTlvTest, TimeStampTakesTheFirstFourBytesAsTheyLie) {
 }
 
 TEST_F(NdQueryTlvTest, ValueLongerThanEightBytesGivesItsFirstEight) {
-    Bytes data;
-    element(data, 5, Bytes{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xF0, 0xE1});
-    std::uint64_t v = 0;
-    EXPECT_EQ(pdata(data, 5, &v), kOk);
-    EXPECT_EQ(v, 0x0123456789ABCDEFull);
+    pdata_longer_value_gives_first_eight<ND_GetPDataFromIPCIM>(10);
 }
 
 TEST_F(NdQueryTlvTest, WalkSkipsOtherTypesToTheWantedOne) {

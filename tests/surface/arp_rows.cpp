@@ -5,6 +5,7 @@
 
 #include "ipclient/arp.h"
 #include "ipclient/status.h"
+#include "support/neigh_surface_rows.hpp"
 #include "surface/neigh_rows.hpp"
 #include "surface/surface.hpp"
 
@@ -94,16 +95,6 @@ const bool registered = ipt::surface::add({
              const std::uint8_t data[4] = {};
              return ARP_GetTimeStampFromPData(sizeof data, data, nullptr);
          }},
-    Case{"ARP_GetPDataFromIPCIM", "pData null",
-         [] {
-             std::uint64_t value = 0;
-             return ARP_GetPDataFromIPCIM(4, nullptr, 1, &value);
-         }},
-    Case{"ARP_GetPDataFromIPCIM", "pulValue null",
-         [] {
-             const std::uint8_t data[8] = {0, 1, 0, 4, 1, 2, 3, 4};
-             return ARP_GetPDataFromIPCIM(sizeof data, data, 1, nullptr);
-         }},
 
     // ---- Packet sending
     Case{"ARP_SendSpecify", "pstDesc null", [] { return ARP_SendSpecify(nullptr); }},
@@ -132,12 +123,6 @@ const bool registered = ipt::surface::add({
              return ARP_RefreshRule(5, &rule);
          }},
     Case{"ARP_DeleteRule", "iFd -1", [] { return ARP_DeleteRule(kNoSocket, 1, kAddr, 1); }},
-    Case{"ARP_RefreshVsiSupEntry", "iFd -1",
-         [] {
-             const ARP_VSI_SUP_ENTRY_S entry{};
-             return ARP_RefreshVsiSupEntry(kNoSocket, &entry);
-         }},
-    Case{"ARP_RefreshVsiSupEntry", "pstEntry null", [] { return ARP_RefreshVsiSupEntry(5, nullptr); }},
     Case{"ARP_DeleteVsiSupEntry", "iFd -1", [] { return ARP_DeleteVsiSupEntry(kNoSocket, 1, 2, 1); }},
     Case{"ARP_VsiSupEntrySmoothStart", "iFd -1", [] { return ARP_VsiSupEntrySmoothStart(kNoSocket, 1); }},
     Case{"ARP_VsiSupEntrySmoothEnd", "iFd -1", [] { return ARP_VsiSupEntrySmoothEnd(kNoSocket, 1); }},
@@ -179,13 +164,6 @@ const bool registered = ipt::surface::add({
              return handle == nullptr ? result : 0xDEADu;  // the handle out is cleared first
          }},
     voided("ARP_L2VPNRelease", "pHandle null", [] { ARP_L2VPNRelease(nullptr); }),
-    Case{"ARP_IsVsiIfInVsi", "pstFunc null", [] { return ARP_IsVsiIfInVsi(nullptr, "vsi1", 0); }, 0u},
-    Case{"ARP_IsVsiIfInVsi", "pcVsiName null",
-         [] {
-             const ARP_L2VPN_FUNC_S table{};
-             return ARP_IsVsiIfInVsi(&table, nullptr, 0);
-         },
-         0u},
     Case{"ARP_IsAcIfAndSrvIDInVsiByName", "pstFunc null",
          [] {
              const std::uint8_t key[16] = {};
@@ -196,18 +174,6 @@ const bool registered = ipt::surface::add({
          [] {
              const ARP_L2VPN_FUNC_S table{};
              return ARP_IsAcIfAndSrvIDInVsiByName(&table, nullptr, "vsi1");
-         },
-         0u},
-    Case{"ARP_IsAcIfAndSrvIDInVsi", "pstFunc null",
-         [] {
-             const std::uint8_t key[16] = {};
-             return ARP_IsAcIfAndSrvIDInVsi(nullptr, key, 1);
-         },
-         0u},
-    Case{"ARP_IsAcIfAndSrvIDInVsi", "pEvcKey null",
-         [] {
-             const ARP_L2VPN_FUNC_S table{};
-             return ARP_IsAcIfAndSrvIDInVsi(&table, nullptr, 1);
          },
          0u},
     Case{"ARP_CheckVsiIndexAndLinkId", "pstFunc null",
@@ -239,14 +205,14 @@ const bool registered = ipt::surface::add({
 // the other client has them.
 const bool registered_shared = [] {
     using namespace ipt::surface;
-    constexpr std::size_t kOneEntry = ARP_OPENFLOW_HEAD_LEN + ARP_OPENFLOW_ENTRY_LEN;
     add(keyed_batch_rows<ARP_RequestBatchByAc, ARP_BATCH_REQ_S>("ARP_RequestBatchByAc", "pstReq"));
     add(keyed_batch_rows<ARP_RequestBatchByVsi, ARP_BATCH_VSI_REQ_S>("ARP_RequestBatchByVsi", "pstReq"));
-    add(openflow_batch_rows<ARP_RefreshOpenFlowEntry, kOneEntry, ARP_OPENFLOW_ENTRY_MAX>("ARP_RefreshOpenFlowEntry"));
-    add(openflow_batch_rows<ARP_DeleteOpenFlowEntry, kOneEntry, ARP_OPENFLOW_ENTRY_MAX>("ARP_DeleteOpenFlowEntry"));
-    add(rule_smooth_rows<ARP_RuleSmoothStart, ARP_RULE_CLASS_MAX>("ARP_RuleSmoothStart"));
-    add(rule_smooth_rows<ARP_RuleSmoothEnd, ARP_RULE_CLASS_MAX>("ARP_RuleSmoothEnd"));
-    return add(roaming_rows<ARP_RoamingDetection, ARP_ROAMING_RECORD_LEN>("ARP_RoamingDetection"));
+    add(ipt::neigh::pdata_rows<ARP_GetPDataFromIPCIM>("ARP_GetPDataFromIPCIM"));
+    add(ipt::neigh::vsi_refresh_rows<ARP_RefreshVsiSupEntry, ARP_VSI_SUP_ENTRY_S>("ARP_RefreshVsiSupEntry"));
+    add(ipt::neigh::if_in_vsi_rows<ARP_IsVsiIfInVsi>("ARP_IsVsiIfInVsi", "pcVsiName"));
+    add(ipt::neigh::ac_in_vsi_rows<ARP_IsAcIfAndSrvIDInVsi>("ARP_IsAcIfAndSrvIDInVsi"));
+    return ipt::neigh::add_table_rows<ipt::neigh::ArpTables, ARP_RuleSmoothStart, ARP_RuleSmoothEnd,
+                                      ARP_RULE_CLASS_MAX>("ARP_");
 }();
 
 const bool exempted = ipt::surface::exempt({

@@ -5,14 +5,13 @@
 
 #include "ipclient/nd.h"
 #include "ipclient/status.h"
+#include "support/neigh_surface_rows.hpp"
 #include "surface/neigh_rows.hpp"
 #include "surface/surface.hpp"
 
 namespace {
 
-using ipt::surface::Case;
-using ipt::surface::Exempt;
-using ipt::surface::voided;
+using namespace ipt::surface;
 
 constexpr std::int32_t kNoSocket = -1;
 constexpr std::uint32_t kNoDescriptor = 0xFFFFFFFFu;  // -1 as the row's word
@@ -43,25 +42,6 @@ const bool registered = ipt::surface::add({
     Case{"ND_ErrorAsyncNotifyProc", "iFd -1",
          [] { return static_cast<std::uint32_t>(ND_ErrorAsyncNotifyProc(kNoSocket)); }, 0u},
     // The VSI predicates never report errors: every failure reads as 0.
-    Case{"ND_IsAcIfAndSrvIDInVsi", "pstFunc null",
-         [] {
-             const std::uint8_t key[16] = {};
-             return ND_IsAcIfAndSrvIDInVsi(nullptr, key, 1);
-         },
-         0u},
-    Case{"ND_IsAcIfAndSrvIDInVsi", "pEvcKey null",
-         [] {
-             const ARP_L2VPN_FUNC_S table{};
-             return ND_IsAcIfAndSrvIDInVsi(&table, nullptr, 1);
-         },
-         0u},
-    Case{"ND_IsVsiIfInVsi", "pstFunc null", [] { return ND_IsVsiIfInVsi(nullptr, "vsi1", 0); }, 0u},
-    Case{"ND_IsVsiIfInVsi", "pcVsiKey null",
-         [] {
-             const ARP_L2VPN_FUNC_S table{};
-             return ND_IsVsiIfInVsi(&table, nullptr, 0);
-         },
-         0u},
     Case{"ND_IsVsiContainVxlanID", "pstFunc null", [] { return ND_IsVsiContainVxlanID(nullptr, 1); }, 0u},
 
     // ---- Entry queries and the network-to-physical table
@@ -122,16 +102,6 @@ const bool registered = ipt::surface::add({
     voided("ND_GetNdAttackStat", "pulCounters null", [] { ND_GetNdAttackStat(1, nullptr); }),
     voided("ND_GetAlarmThresholdStat", "pulCounter null", [] { ND_GetAlarmThresholdStat(1, nullptr); }),
     null_output<std::uint32_t, nd_GetExt3Bitmap>("nd_GetExt3Bitmap", "puiBitmap null"),
-    Case{"ND_GetPDataFromIPCIM", "pData null",
-         [] {
-             std::uint64_t value = 0;
-             return ND_GetPDataFromIPCIM(4, nullptr, 1, &value);
-         }},
-    Case{"ND_GetPDataFromIPCIM", "pulValue null",
-         [] {
-             const std::uint8_t data[8] = {0, 1, 0, 4, 1, 2, 3, 4};
-             return ND_GetPDataFromIPCIM(sizeof data, data, 1, nullptr);
-         }},
     // Always 0, null pointers included: nothing is read or stored then.
     Case{"ND_GetTimeStampFromPData", "pData null",
          [] {
@@ -167,12 +137,6 @@ const bool registered = ipt::surface::add({
          }},
     Case{"ND_RefreshRule", "pstRule null", [] { return ND_RefreshRule(5, nullptr); }},
     Case{"ND_DeleteRule", "iFd -1", [] { return ND_DeleteRule(kNoSocket, 1, kAddr, 1); }},
-    Case{"ND_RefreshVsiSupEntry", "iFd -1",
-         [] {
-             const NdVsiSupInfo entry{};
-             return ND_RefreshVsiSupEntry(kNoSocket, &entry);
-         }},
-    Case{"ND_RefreshVsiSupEntry", "pstEntry null", [] { return ND_RefreshVsiSupEntry(5, nullptr); }},
     Case{"ND_DeleteVsiSupEntry", "iFd -1", [] { return ND_DeleteVsiSupEntry(kNoSocket, 1, &kAddr, 1); }},
     Case{"ND_DeleteVsiSupEntry", "pstAddr null", [] { return ND_DeleteVsiSupEntry(5, 1, nullptr, 1); }},
     Case{"ND_VsiSupEntrySmoothBegin", "iFd -1", [] { return ND_VsiSupEntrySmoothBegin(kNoSocket, 1); }},
@@ -217,20 +181,6 @@ const bool registered = ipt::surface::add({
     null_output<std::uint16_t, ND_GetTopoChgEnable>("ND_GetTopoChgEnable", "pusValue null"),
 });
 
-// The keyed batch replays, OpenFlow batches, rule smooth messages and roaming detection, as
-// the other client has them.
-const bool registered_shared = [] {
-    using namespace ipt::surface;
-    constexpr std::size_t kOneEntry = ND_OPENFLOW_HEAD_LEN + ND_OPENFLOW_ENTRY_LEN;
-    add(keyed_batch_rows<ND_RequestBatchByVsi, NdBatchKey>("ND_RequestBatchByVsi", "pstKey"));
-    add(keyed_batch_rows<ND_RequestBatchByIF, NdBatchKey>("ND_RequestBatchByIF", "pstKey"));
-    add(openflow_batch_rows<ND_RefreshOpenFlowEntry, kOneEntry, ND_OPENFLOW_ENTRY_MAX>("ND_RefreshOpenFlowEntry"));
-    add(openflow_batch_rows<ND_DeleteOpenFlowEntry, kOneEntry, ND_OPENFLOW_ENTRY_MAX>("ND_DeleteOpenFlowEntry"));
-    add(rule_smooth_rows<ND_RuleSmoothStart, ND_RULE_CLASS_MAX>("ND_RuleSmoothStart"));
-    add(rule_smooth_rows<ND_RuleSmoothEnd, ND_RULE_CLASS_MAX>("ND_RuleSmoothEnd"));
-    return add(roaming_rows<ND_RoamingDetection, ND_ROAMING_RECORD_LEN>("ND_RoamingDetection"));
-}();
-
 const bool exempted = ipt::surface::exempt({
     {"ND_RegEvent", "the handler is stored as given and may be null; the selectors are the service's"},
     {"ND_RegErrorAsyncNotify", "the handler is stored as given and may be null; no descriptor"},
@@ -241,5 +191,20 @@ const bool exempted = ipt::surface::exempt({
     {"ND_GetHopLimit", kNoArgument},
     {"ND_MADDispalyCfg", "a flag: any value other than 1 leaves the interface names out"},
 });
+
+// The keyed batch replays, OpenFlow batches, rule smooth messages and roaming detection, as
+// the other client has them.
+const bool registered_shared = [] {
+    using namespace ipt::surface;
+    add(keyed_batch_rows<ND_RequestBatchByVsi, NdBatchKey>("ND_RequestBatchByVsi", "pstKey"));
+    add(keyed_batch_rows<ND_RequestBatchByIF, NdBatchKey>("ND_RequestBatchByIF", "pstKey"));
+    // The VSI predicates never report errors: every failure reads as 0.
+    add(ipt::neigh::ac_in_vsi_rows<ND_IsAcIfAndSrvIDInVsi>("ND_IsAcIfAndSrvIDInVsi"));
+    add(ipt::neigh::if_in_vsi_rows<ND_IsVsiIfInVsi>("ND_IsVsiIfInVsi", "pcVsiKey"));
+    add(ipt::neigh::vsi_refresh_rows<ND_RefreshVsiSupEntry, NdVsiSupInfo>("ND_RefreshVsiSupEntry"));
+    add(ipt::neigh::pdata_rows<ND_GetPDataFromIPCIM>("ND_GetPDataFromIPCIM"));
+    return ipt::neigh::add_table_rows<ipt::neigh::NdTables, ND_RuleSmoothStart, ND_RuleSmoothEnd, ND_RULE_CLASS_MAX>(
+        "ND_");
+}();
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Test support for the ARP event subscriptions: the IPv4 adjacency service as a subscriber
-// meets it, event records as that service packs them, and a runner that fails fast instead
-// of hanging when a call does not return.
+// The adjacency service's end of the neighbour-event subscriptions, as a subscriber meets it,
+// and a runner that fails fast instead of hanging when a call does not return.
 #pragma once
 
 #include <poll.h>
@@ -8,14 +7,12 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -26,35 +23,28 @@
 #include "support/fake_kernel.hpp"
 #include "support/fake_service.hpp"
 
-namespace ipt::arpev {
+namespace ipt {
 
-constexpr std::uint16_t kAdjPort = 11537;
-constexpr std::size_t kEntryLen = 52;
-constexpr std::size_t kHeadLen = 8;
-constexpr std::size_t kFullLen = kHeadLen + kEntryLen;  // 60
-constexpr std::size_t kDatagramMax = 4096;
-
-using Entry = std::array<std::uint8_t, kEntryLen>;
-
-// The service's end of the subscriptions: listens at (node, 11537), accepts up to
-// `connections` clients and keeps the first `keep` of them open (a duplicate of the accepted
-// descriptor, so the connection outlives the fake service's script) together with the first
-// message each carried. Connections beyond `keep` are read once and closed. Kept
-// connections get a large send buffer, so that hundreds of datagrams can be queued before
-// the subscriber reads, and a send time-out, so that a feeder never blocks for good.
-class AdjPeer {
+// Listens at (node, port), accepts up to `connections` clients and keeps the first `keep`
+// of them open (a duplicate of the accepted descriptor, so the connection outlives the fake
+// service's script) together with the first message each carried. Connections beyond `keep`
+// are read once and closed. Kept connections get a large send buffer, so that hundreds of
+// datagrams can be queued before the subscriber reads, and a send time-out, so that a
+// feeder never blocks for good.
+class NeighPeer {
 public:
-    explicit AdjPeer(std::uint16_t node, int connections = 1, int keep = INT_MAX) : keep_(keep) {
-        svc_.emplace(node, kAdjPort, [this](Conn& c) { on_accept(c); }, connections);
+    NeighPeer(std::uint16_t node, std::uint16_t port, int connections = 1, int keep = INT_MAX) : keep_(keep) {
+        svc_.emplace(node, port, [this](Conn& c) { on_accept(c); }, connections);
     }
-    ~AdjPeer() {
+    ~NeighPeer() {
         svc_.reset();  // joins the service thread first: nothing is added after this
         for (const Kept& k : kept_) ::close(k.fd);
     }
-    AdjPeer(const AdjPeer&) = delete;
-    AdjPeer& operator=(const AdjPeer&) = delete;
+    NeighPeer(const NeighPeer&) = delete;
+    NeighPeer& operator=(const NeighPeer&) = delete;
 
     bool listening() const { return svc_->listening(); }
+    int accepted() const { return svc_->accepted(); }
 
     // The i-th kept connection (in the order of acceptance), waiting for it; -1 when it
     // did not come within the time.
@@ -78,7 +68,6 @@ public:
         }
         return -1;
     }
-    int accepted() const { return svc_->accepted(); }
 
     // One whole datagram on a kept connection; false when it could not be sent whole.
     static bool send(int fd, const Bytes& datagram) {
@@ -141,60 +130,6 @@ private:
     std::optional<FakeService> svc_;  // last: built after the state its script fills
 };
 
-// Entry bytes as the service sends them: byte k is k + 1, so that every multi-byte field
-// reads differently in the two byte orders; the first word carries a marker (big-endian).
-inline Entry wire_entry(std::uint32_t marker) {
-    Entry e{};
-    for (std::size_t k = 0; k < kEntryLen; ++k) e[k] = static_cast<std::uint8_t>(k + 1);
-    e[0] = static_cast<std::uint8_t>(marker >> 24);
-    e[1] = static_cast<std::uint8_t>(marker >> 16);
-    e[2] = static_cast<std::uint8_t>(marker >> 8);
-    e[3] = static_cast<std::uint8_t>(marker);
-    return e;
-}
-
-// One event record of `len` bytes: BE32 length, BE32 type, then the entry cut to fit, or
-// followed by 0xEE filler when the length exceeds a full record. A length below 8 still
-// gives the whole 8-byte header, which then claims fewer bytes than it has.
-inline Bytes record(std::uint32_t len, std::uint32_t type, const Entry& entry) {
-    Bytes b;
-    put32(b, len);
-    put32(b, type);
-    if (len <= kHeadLen) return b;
-    b.resize(len, 0xEE);
-    std::memcpy(b.data() + kHeadLen, entry.data(), std::min<std::size_t>(len - kHeadLen, kEntryLen));
-    return b;
-}
-inline Bytes record(std::uint32_t len, std::uint32_t type, std::uint32_t marker) {
-    return record(len, type, wire_entry(marker));
-}
-
-inline Bytes concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-// The fields of the entry that travel big-endian: (offset, width).
-constexpr std::array<std::pair<std::size_t, std::size_t>, 11> kSwappedFields{
-    {{0, 4}, {8, 4}, {12, 4}, {16, 2}, {18, 2}, {28, 4}, {32, 4}, {36, 4}, {40, 4}, {46, 2}, {48, 2}}};
-
-// What a subscriber's callback must see for a record of `len` bytes carrying `wire`: the
-// bytes the record does not reach take the defaults (zero, 0xFFFFFFFF at offset 8,
-// 0x0000FFFF at 12, both as they read in host order), then the big-endian fields are
-// converted to this host's order.
-inline Entry expected_entry(const Entry& wire, std::size_t len) {
-    Entry e{};
-    const std::uint8_t dflt[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0x00, 0xFF, 0xFF};
-    std::memcpy(e.data() + 8, dflt, sizeof dflt);
-    const std::size_t present = len >= kFullLen ? kEntryLen : len - kHeadLen;
-    std::memcpy(e.data(), wire.data(), present);
-    for (const auto& [off, width] : kSwappedFields) {
-        for (std::size_t i = 0; i < width / 2; ++i) std::swap(e[off + i], e[off + width - 1 - i]);
-    }
-    return e;
-}
-
 // Runs fn on its own thread and waits for it. A call that has not returned within the
 // limit (an endless loop, a deadlock on the subscription lock) cannot be abandoned safely,
 // so the test process ends there with a message rather than hanging until the runner's
@@ -215,4 +150,4 @@ void bounded(const char* what, F&& fn, int limit_ms = 10000) {
     t.join();
 }
 
-}  // namespace ipt::arpev
+}  // namespace ipt
