@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
 #include "control_client.hpp"
 #include "ipclient/arp.h"
@@ -18,6 +19,11 @@ static_assert(L2VPN_SIM_KEY_SIZE == sizeof(L2VPN_L2VIF_KEY_S));
 static_assert(L2VPN_SIM_NONE == L2VPN_VSI_INDEX_NONE && L2VPN_SIM_NONE == L2VPN_VSI_IF_NONE);
 static_assert(L2VPN_SIM_LINK_NONE == L2VPN_LINK_ID_NONE);
 static_assert(sizeof(L2VPN_SIM_EVC_KEY_S) == 8);
+// The entry points have the types the client calls them by.
+static_assert(std::is_same_v<decltype(&L2VPN_GetVsiInfoByName), L2VPN_GET_VSI_INFO_PF>);
+static_assert(std::is_same_v<decltype(&L2VPN_GetVsiIndexByName), L2VPN_GET_VSI_INDEX_PF>);
+static_assert(std::is_same_v<decltype(&L2VPN_GetL2vifKeyByEvcKey), L2VPN_GET_L2VIF_KEY_PF>);
+static_assert(std::is_same_v<decltype(&L2VPN_GetVxlanByVsiIndex), L2VPN_GET_VXLAN_PF>);
 
 namespace {
 
@@ -61,14 +67,14 @@ std::uint32_t vsi_info(const char* name, void* info) noexcept {
 
 extern "C" {
 
-uint32_t L2VPN_GetVsiInfoByName(const char* pcName, void* pInfo) { return vsi_info(pcName, pInfo); }
+uint32_t L2VPN_GetVsiInfoByName(const char* pcName, L2VPN_VSI_INFO_S* pInfo) { return vsi_info(pcName, pInfo); }
 
-uint32_t L2VPN_GetVsiIndexByName(const char* pcName, void* pInfo, uint32_t uiIfIndex) {
+uint32_t L2VPN_GetVsiIndexByName(const char* pcName, L2VPN_VSI_INFO_S* pInfo, uint32_t uiIfIndex) {
     (void)uiIfIndex;
     return vsi_info(pcName, pInfo);
 }
 
-uint32_t L2VPN_GetL2vifKeyByEvcKey(const void* pEvcKey, void* pKey, uint32_t uiVsiIndex) {
+uint32_t L2VPN_GetL2vifKeyByEvcKey(const void* pEvcKey, L2VPN_L2VIF_KEY_S* pKey, uint32_t uiVsiIndex) {
     (void)uiVsiIndex;
     if (pEvcKey == nullptr || pKey == nullptr) return L2VPN_SIM_FAILED;
     L2VPN_SIM_EVC_KEY_S evc;

@@ -64,19 +64,23 @@ typedef struct L2VPN_SIM_EVC_KEY_S {
  */
 #define L2VPN_SIM_KEY_SIZE 8u
 
-/* ---- Entry points with an answer (slots 13, 16, 22, 24 of the client's table) ---------- */
+/* ---- Entry points with an answer (slots 13, 16, 22, 24 of the client's table) ----------
+ * Their records are named by the types the IP client library reads them as (its
+ * ipclient/arp.h), so that each entry point has exactly the type the client calls it by. */
+struct L2VPN_VSI_INFO_S;
+struct L2VPN_L2VIF_KEY_S;
 
 /* Slot 16: fills the 168-byte record for the VSI named pcName; 0, or L2VPN_SIM_FAILED for a
  * null argument or an unknown VSI (the record is then not written). */
-uint32_t L2VPN_GetVsiInfoByName(const char *pcName, void *pInfo);
+uint32_t L2VPN_GetVsiInfoByName(const char *pcName, struct L2VPN_VSI_INFO_S *pInfo);
 /* Slot 13: as L2VPN_GetVsiInfoByName; uiIfIndex (the interface asked for) is not used. */
-uint32_t L2VPN_GetVsiIndexByName(const char *pcName, void *pInfo, uint32_t uiIfIndex);
+uint32_t L2VPN_GetVsiIndexByName(const char *pcName, struct L2VPN_VSI_INFO_S *pInfo, uint32_t uiIfIndex);
 /* Slot 22: the key of the circuit of the EVC key pEvcKey (an L2VPN_SIM_EVC_KEY_S). 0 with
  * the circuit's VSI and link id; a circuit that no VSI holds gives L2VPN_SIM_FAILED with
  * the key {L2VPN_SIM_NONE, L2VPN_SIM_LINK_NONE}; a null argument gives L2VPN_SIM_FAILED and
  * writes nothing. uiVsiIndex (the VSI the caller asks about) is not used: a circuit
  * belongs to one VSI at most, and the caller compares. */
-uint32_t L2VPN_GetL2vifKeyByEvcKey(const void *pEvcKey, void *pKey, uint32_t uiVsiIndex);
+uint32_t L2VPN_GetL2vifKeyByEvcKey(const void *pEvcKey, struct L2VPN_L2VIF_KEY_S *pKey, uint32_t uiVsiIndex);
 /* Slot 24: the VXLAN id of the VSI uiVsiIndex; L2VPN_SIM_NONE for a VSI without one or an
  * unknown VSI. */
 uint32_t L2VPN_GetVxlanByVsiIndex(uint32_t uiVsiIndex);
