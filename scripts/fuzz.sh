@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (Clang 14, AddressSanitizer and UndefinedBehaviorSanitizer) in
-# build-fuzz/ and runs each for the given time, two at a time, from its seed corpus in
+# build-sanitize/ and runs each for the given time, two at a time, from its seed corpus in
 # fuzz/corpus/<target>/. Prints the executions of each target; fails on any finding (crash,
 # sanitizer report, leak, time-out of one input), whose input is kept as
-# build-fuzz/findings/<target>-<kind>-<hash>.
+# build-sanitize/findings/<target>-<kind>-<hash>.
 #   scripts/fuzz.sh [--update-corpus] [--runs N] [SECONDS] [TARGET ...]
 #   (default 30 s, every target; targets are named as built, e.g. fuzz_lib_genl)
 # --update-corpus merges what the run found into the seed corpora (for a commit).
@@ -23,9 +23,10 @@ while (($#)); do
 done
 seconds=30
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then seconds=$1; shift; fi
-dir=build-fuzz
-cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \
-  -DCMAKE_C_FLAGS_DEBUG="-g -O1" -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" -DIPCLIENT_SANITIZE=ON -DIPCLIENT_FUZZ=ON -DIPCLIENT_TESTS=OFF -DIPCLIENT_BENCH=OFF -DIPCLIENT_WERROR=ON >/dev/null
+# The targets are built in the sanitizer tree of scripts/test.sh --sanitize, beside its tests.
+source scripts/sanitize-options.sh
+dir=$sanitize_dir
+cmake -S . -B "$dir" -G Ninja "${sanitize_opts[@]}" >/dev/null
 cmake --build "$dir" --target fuzz_targets
 targets=("$@")
 if ((${#targets[@]} == 0)); then

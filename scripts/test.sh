@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Builds and runs every test. With --sanitize: the same suite built with AddressSanitizer
-# (leak detection on) and UndefinedBehaviorSanitizer; any report fails the run. With --tsan:
+# Builds and runs every test. With --sanitize: the same suite built by Clang 14 with
+# AddressSanitizer (leak detection on) and UndefinedBehaviorSanitizer, in the tree that also
+# builds the fuzz targets (scripts/sanitize-options.sh); any report fails the run. With --tsan:
 # the same suite built by Clang 14 with ThreadSanitizer, there above all for the concurrency
-# suites (ArpEventsConcurrency); any report fails the run. Being the Clang build, it also
-# holds the tree to Clang's warnings (as errors), as the plain and sanitizer builds hold it to
-# GCC's. The sanitizer builds keep line tables and function names (-g1), which is all their
-# reports print, and compile in about four fifths of the time that full debug information takes.
+# suites (ArpEventsConcurrency); any report fails the run. The plain build holds the tree to
+# GCC's warnings, the sanitizer builds to Clang's (as errors). The sanitizer builds keep line
+# tables and function names (-g1), which is all their reports print.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -14,9 +14,9 @@ opts=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
 timeout=120
 case "${1:-}" in
   --sanitize)
-    dir=build-sanitize
-    opts=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS_DEBUG=-g1 -DCMAKE_CXX_FLAGS_DEBUG=-g1 -DIPCLIENT_SANITIZE=ON
-      -DIPCLIENT_BENCH=OFF)
+    source scripts/sanitize-options.sh
+    dir=$sanitize_dir
+    opts=("${sanitize_opts[@]}")
     export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1:detect_stack_use_after_return=1
     export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
     export LSAN_OPTIONS=exitcode=23
