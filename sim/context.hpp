@@ -6,15 +6,19 @@
 #include <map>
 #include <set>
 #include <memory>
+#include <optional>
 #include <span>
+#include <string_view>
 
 #include "control/control.hpp"
 #include "core/capture.hpp"
+#include "core/faults.hpp"
 #include "core/loop.hpp"
 #include "device/anchors.hpp"
 #include "device/database.hpp"
 #include "device/dumps.hpp"
 #include "device/device.hpp"
+#include "device/events.hpp"
 #include "modules/addr_table.hpp"
 #include "modules/fib_table.hpp"
 #include "modules/kmod_addr.hpp"
@@ -82,6 +86,16 @@ struct Context {
     IpStatModule ipstat{};
     // The live system the device mirrors (ipsimd --source linux); null when it mirrors none.
     Mirror* mirror = nullptr;
+    // The faults the device plays (fault.set), and the most clients each service takes on a
+    // node (limit.set "subscribers"), by port, with the clients it turned away.
+    Faults faults{};
+    // Boards pulled out, links down, services restarting (device/events.hpp).
+    DeviceEvents events{};
+    struct ClientLimit {
+        std::optional<std::size_t> capacity;
+        std::uint64_t refused = 0;
+    };
+    std::map<std::uint16_t, ClientLimit> client_limits{};
 
     // Seconds since the device started: the clock of entry ages.
     std::uint32_t uptime() const {
@@ -100,6 +114,9 @@ std::unique_ptr<Conn> make_control_conn(Context& ctx, Loop& loop, int fd, const 
 
 // Answers platform calls on the device channel (device/backend.cpp).
 std::unique_ptr<Conn> make_device_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+// A device-channel call by the name the capture gives it, and the other way round.
+std::optional<std::uint32_t> device_call_number(std::string_view name);
+const char* device_call_name(std::uint32_t number);
 // Sends a kernel event of a class to its subscribers; returns how many were reached.
 std::size_t post_kernel_event(Context& ctx, std::uint32_t event_class, std::span<const std::uint8_t> bytes);
 

@@ -10,6 +10,7 @@
 #include "ipproto/endpoints.hpp"
 #include "ipproto/wire.hpp"
 #include "modules/module.hpp"
+#include "faults/faults.hpp"
 #include "modules/vpn.hpp"
 #include "services/service.hpp"
 #include "services/services.hpp"
@@ -39,6 +40,9 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
         addrs_.put(info, false);
     }
     for (const auto& svc : s.services) services_.set(svc.node, svc.name, svc.status);
+    source_ = s.source;
+    faults_ = s.faults;
+    limits_ = s.limits;
     load_routes(s);
     load_neighbours(s);
     register_vpn(ctx_, s);
@@ -78,7 +82,7 @@ void Daemon::load_routes(const scenario::Scenario& s) {
                 std::copy(m->second, m->second + r.mac.size(), r.mac.begin());
             }
         }
-        fib_.put(r);
+        (void)fib_.put(r);  // limits apply once the device runs
     }
 }
 
@@ -110,7 +114,7 @@ void Daemon::load_neighbours(const scenario::Scenario& s) {
         for (std::uint32_t i = 0; i < sn.count; ++i) {
             ipc::wire::store_be(n.addr.data() + at, first + i);
             ipc::wire::store_be(n.mac.data() + 2, mac_first + i);
-            ctx_.neighs.put(n);
+            (void)ctx_.neighs.put(n);  // limits apply once the device runs
         }
     }
 }
@@ -145,8 +149,25 @@ bool Daemon::listen_service(std::uint16_t node, const ServiceOps& svc) {
     sockaddr_un sun{};
     const socklen_t n = ipc::names::endpoint(opts_.instance, node, svc.port, &sun);
     std::string holder;
-    auto accept = [this, make = svc.accept](Loop& l, int fd, const Endpoint& w, pid_t pid) {
-        return make(ctx_, l, fd, w, pid);
+    auto accept = [this, &svc](Loop& l, int fd, const Endpoint& w, pid_t pid) -> std::unique_ptr<Conn> {
+        // A service that has as many clients as its limit allows turns the next one away.
+        if (const auto lim = ctx_.client_limits.find(svc.port);
+            lim != ctx_.client_limits.end() && lim->second.capacity && l.connections_on(w) >= *lim->second.capacity) {
+            ++lim->second.refused;
+            SIM_LOG(kInfo, "the %s of node %u takes no more clients (limit %zu): pid %d turned away", svc.name,
+                    static_cast<unsigned>(w.node), *lim->second.capacity, static_cast<int>(pid));
+            return nullptr;
+        }
+        std::unique_ptr<Conn> c = svc.accept(ctx_, l, fd, w, pid);
+        if (c) {
+            Conn::Refusal refuse;
+            if (svc.refuse != nullptr) refuse = svc.refuse;
+            c->set_faults([this, node = w.node, port = w.port](std::span<const std::uint8_t>) {
+                                return ctx_.faults.hit(FaultPoint{node, port, 0, std::nullopt, nullptr});
+                            },
+                            std::move(refuse));
+        }
+        return c;
     };
     if (!loop_.listen(&sun, n, Endpoint{node, svc.port, "lipc"}, std::move(accept), &holder)) {
         SIM_LOG(kError, "cannot listen on node %u port %u%s", static_cast<unsigned>(node),
@@ -154,6 +175,48 @@ bool Daemon::listen_service(std::uint16_t node, const ServiceOps& svc) {
         return false;
     }
     return true;
+}
+
+bool Daemon::should_listen(std::uint16_t node, const ServiceOps& svc) const {
+    if (svc.port == 0 || ctx_.events.restarting.count(svc.port) != 0 || !device_.node_up(node) ||
+        loop_.listens(Endpoint{node, svc.port, "lipc"})) {
+        return false;
+    }
+    switch (svc.where) {
+        case ServiceOps::Where::kEveryNode: return true;
+        case ServiceOps::Where::kMasterEndpoint: return node == device_.master_ep();
+        case ServiceOps::Where::kWhileIpStackRuns: return services_.status(node, "IPStack") == kSvcRunning;
+        case ServiceOps::Where::kNowhere: return false;
+    }
+    return false;
+}
+
+void Daemon::listen_node(std::uint16_t node) {
+    for (const ServiceOps& svc : services()) {
+        if (should_listen(node, svc)) (void)listen_service(node, svc);
+    }
+}
+
+std::optional<std::string> Daemon::apply_knobs() {
+    const auto where = [this](const scenario::ControlItem& item, const std::string& what) {
+        return source_ + ":" + std::to_string(item.line) + ": " + item.key + ": " + what;
+    };
+    for (const scenario::ControlItem& item : limits_) {
+        try {
+            (void)apply_limit(ctx_, item.args);
+        } catch (const std::exception& e) {
+            return where(item, e.what());
+        }
+    }
+    for (const scenario::ControlItem& item : faults_) {
+        try {
+            ctx_.faults.add(fault_of(ctx_, item.args));
+        } catch (const std::exception& e) {
+            return where(item, e.what());
+        }
+    }
+    if (!faults_.empty()) SIM_LOG(kWarn, "the device plays %zu faults from the scenario", faults_.size());
+    return std::nullopt;
 }
 
 std::string Daemon::cannot_listen(const ServiceOps& svc, std::uint16_t node) {
@@ -167,7 +230,10 @@ std::optional<std::string> Daemon::start() {
     if (auto err = restore()) return err;
     addrs_.set_observer([this](const AddrChange& c) {
         // The mirrored system's own changes are not a client's: the system keeps them.
-        if (ctx_.mirror == nullptr || !ctx_.mirror->applying()) addr_module_.persist(store_, c);
+        // Nor are the device's own (a board pulled out): the store keeps what clients set.
+        if ((ctx_.mirror == nullptr || !ctx_.mirror->applying()) && !ctx_.events.unstored) {
+            addr_module_.persist(store_, c);
+        }
         // Announced once the request's change is stored.
         store_.after_commit([this, c] { publish_addr_change(ctx_, c); });
     });
@@ -178,6 +244,16 @@ std::optional<std::string> Daemon::start() {
     for (const KernelModuleOps* m : kernel_modules()) {
         if (m->controls != nullptr) m->controls(ctx_);
     }
+    register_fault_control(ctx_);
+    register_limit_control(ctx_);
+    register_device_events(ctx_);
+    ctx_.events.listen_node = [this](std::uint16_t node) { listen_node(node); };
+    if (auto err = apply_knobs()) return err;
+    ctx_.events.listen_service = [this](const ServiceOps& svc) {
+        for (const auto& [node, state] : device_.nodes()) {
+            if (state.info.up && should_listen(node, svc)) (void)listen_service(node, svc);
+        }
+    };
     for (const ServiceOps& svc : services()) {
         if (svc.controls != nullptr) svc.controls(ctx_);
     }

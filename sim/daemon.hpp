@@ -40,6 +40,12 @@ public:
 private:
     std::optional<std::string> restore();
     bool listen_service(std::uint16_t node, const ServiceOps& svc);
+    // Whether the service should listen on the node now and does not yet; listens on every
+    // such service of a node.
+    bool should_listen(std::uint16_t node, const ServiceOps& svc) const;
+    void listen_node(std::uint16_t node);
+    // The scenario's limits and faults, set as limit.set and fault.set would.
+    std::optional<std::string> apply_knobs();
     static std::string cannot_listen(const ServiceOps& svc, std::uint16_t node);
     void load_routes(const scenario::Scenario& s);
     void load_neighbours(const scenario::Scenario& s);
@@ -59,6 +65,8 @@ private:
     Dumps dumps_;
     Context ctx_;
     bool listening_ = false;
+    std::string source_;
+    std::vector<scenario::ControlItem> faults_, limits_;
 };
 
 }  // namespace sim

@@ -327,4 +327,13 @@ extern "C" {
 
 int ipp_device_state(uint32_t* owner_uid) { return ipp::dev::probe(owner_uid); }
 
+int ipp_device_faults(uint32_t* count) {
+    if (count != nullptr) *count = 0;
+    if (!ipp::dev::active()) return -1;
+    const auto n = ipp::dev::faults();
+    if (!n) return -1;
+    if (count != nullptr) *count = *n;
+    return 0;
+}
+
 }  // extern "C"

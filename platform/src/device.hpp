@@ -67,6 +67,8 @@ DeviceInfo device_info() noexcept;
 void node_location(std::uint16_t node, std::uint16_t* chassis, std::uint16_t* slot, std::uint16_t* cpu) noexcept;
 std::uint16_t* nodes(bool standby, std::uint32_t* count) noexcept;
 std::uint32_t node_up(std::uint32_t node) noexcept;
+// The faults the simulator has set that may still fire; none when it does not answer.
+std::optional<std::uint32_t> faults() noexcept;
 std::uint32_t mdc_is_child(std::uint16_t mdc) noexcept;
 std::uint32_t if_data(std::uint32_t ifindex, std::uint32_t item, void* out) noexcept;
 std::uint32_t if_predicate(std::uint32_t ifindex, ipc::device::IfPredicate which) noexcept;

@@ -212,6 +212,13 @@ std::uint32_t node_up(std::uint32_t node) noexcept {
     return r ? load_be<std::uint32_t>(r->data()) : 0;
 }
 
+std::optional<std::uint32_t> faults() noexcept {
+    const Frame<0> none;
+    const auto r = ask<4>(Call::kFaults, none);
+    if (!r) return std::nullopt;
+    return load_be<std::uint32_t>(r->data());
+}
+
 std::uint32_t mdc_is_child(std::uint16_t mdc) noexcept {
     Frame<2> f;
     f.be<0>(mdc);

@@ -54,6 +54,7 @@ enum class Call : std::uint32_t {
     kAnchorEnd = 27,        // [BE64 anchor][BE64 path] -> result
     kLibrary = 28,          // [path of a run-time library] -> result 0 and [path of the file that
                             //   stands for it], or a status when the device has none of its own
+    kFaults = 29,           //   -> [BE32 faults set that may still fire]
 };
 
 enum class IfPredicate : std::uint32_t { kValid = 0, kL2 = 1, kTemp = 2, kVisible = 3, kConfigured = 4 };

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <cmath>
+#include <sstream>
 #include <stdexcept>
 
 #include "context.hpp"
@@ -317,6 +318,35 @@ std::uint32_t interface_or_ifindex(const Context& ctx, const json& req) {
     if (by_interface != nullptr && by_ifindex != nullptr) refuse("give \"interface\" or \"ifindex\", not both");
     if (by_ifindex != nullptr) return interface_value(ctx, *by_ifindex, "ifindex");
     return interface(ctx, req, "interface");
+}
+
+std::optional<double> real_if(const json& req, std::string_view key, double least, double most) {
+    const json* v = find(req, key);
+    if (v == nullptr) return std::nullopt;
+    if (!v->is_number() || !(v->get<double>() >= least && v->get<double>() <= most)) {
+        std::ostringstream range;
+        range << least << " to " << most;
+        refuse(label(key) + " must be a number from " + range.str() + ", got " + shown(*v));
+    }
+    return v->get<double>();
+}
+
+std::optional<std::uint32_t> code_if(const json& req, std::string_view key) {
+    const json* v = find(req, key);
+    if (v == nullptr) return std::nullopt;
+    if (v->is_string()) {
+        const auto& s = v->get_ref<const std::string&>();
+        std::uint32_t code = 0;
+        bool ok = s.size() > 2 && s.size() <= 10 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X');
+        for (std::size_t i = 2; ok && i < s.size(); ++i) {
+            const int d = nibble(s[i]);
+            ok = d >= 0;
+            code = code << 4 | static_cast<std::uint32_t>(d < 0 ? 0 : d);
+        }
+        if (!ok) refuse(label(key) + " must be a whole number or \"0x\" and 1 to 8 hex digits, got " + shown(*v));
+        return code;
+    }
+    return static_cast<std::uint32_t>(whole_value(*v, label(key), 0, 0xFFFFFFFFu));
 }
 
 std::uint16_t node_value(const Context& ctx, const json& v, std::string_view key) {

@@ -93,6 +93,14 @@ T whole(const json& req, std::string_view key, T fallback) {
     return v ? *v : fallback;
 }
 
+// A number (a fraction allowed) from least to most: "\"probability\" must be a number from 0
+// to 1, got 2".
+std::optional<double> real_if(const json& req, std::string_view key, double least, double most);
+
+// A 32-bit code as the device writes it: a whole number, or a string of "0x" and up to 8 hex
+// digits ("0x380001"), for the command codes and statuses that are always written in hex.
+std::optional<std::uint32_t> code_if(const json& req, std::string_view key);
+
 // One of the numbers listed: "\"family\" must be 4 or 6, got 5".
 std::optional<std::uint64_t> number_if(const json& req, std::string_view key, std::initializer_list<std::uint64_t> allowed);
 std::uint64_t number(const json& req, std::string_view key, std::initializer_list<std::uint64_t> allowed,

@@ -8,6 +8,7 @@
 
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -34,8 +35,12 @@ class Loop::Listener : public Watch {
 public:
     Listener(Loop& loop, int fd, Endpoint where, ConnFactory make)
         : loop_(loop), fd_(fd), where_(std::move(where)), make_(std::move(make)) {}
-    ~Listener() override { ::close(fd_); }
-    void ready(std::uint32_t) override { loop_.accept_on(*this); }
+    ~Listener() override {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    void ready(std::uint32_t) override {
+        if (fd_ >= 0) loop_.accept_on(*this);
+    }
 
     Loop& loop_;
     int fd_;
@@ -51,6 +56,7 @@ Conn::~Conn() {
 
 bool Conn::send(std::span<const std::uint8_t> msg) {
     if (fd_ < 0) return false;
+    if (cut_) msg = msg.first(std::min(msg.size(), *cut_));
     if (outbox_.empty()) {
         const ssize_t n = ::send(fd_, msg.data(), msg.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n >= 0) return true;
@@ -137,13 +143,61 @@ void Conn::ready(std::uint32_t events) {
             continue;
         }
         if (n > 0) {
-            message(buf.first(static_cast<std::size_t>(n)));
+            deliver(buf.first(static_cast<std::size_t>(n)));
             continue;
         }
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
         if (n < 0 && errno == EINTR) continue;
         shut();  // 0: the peer closed; or an error
         return;
+    }
+}
+
+void Conn::deliver(std::span<const std::uint8_t> msg) {
+    if (waiting_) {
+        held_.emplace_back(msg.begin(), msg.end());
+        return;
+    }
+    handle(msg, true);
+}
+
+void Conn::handle(std::span<const std::uint8_t> msg, bool check) {
+    const FaultAction a = check && fault_check_ ? fault_check_(msg) : FaultAction{};
+    switch (a.kind) {
+        case FaultAction::Kind::kNone: return message(msg);
+        case FaultAction::Kind::kDrop:
+            SIM_LOG(kDebug, "fault: a request of pid %d on node %u port %u is dropped", static_cast<int>(pid_),
+                    static_cast<unsigned>(where_.node), static_cast<unsigned>(where_.port));
+            return;
+        case FaultAction::Kind::kClose: return close();
+        case FaultAction::Kind::kError:
+            if (refuse_) refuse_(*this, msg, a.value);
+            return;
+        case FaultAction::Kind::kTruncate:
+            cut_ = a.value;
+            message(msg);
+            cut_.reset();
+            return;
+        case FaultAction::Kind::kDelay:
+            waiting_ = true;
+            held_.emplace_front(msg.begin(), msg.end());
+            loop_.after(std::chrono::milliseconds(a.value), [this, alive = std::weak_ptr<char>(alive_)] {
+                if (alive.lock()) release();
+            });
+            return;
+    }
+}
+
+void Conn::release() {
+    waiting_ = false;
+    if (fd_ < 0 || held_.empty()) return;
+    std::vector<std::uint8_t> msg = std::move(held_.front());
+    held_.pop_front();
+    handle(msg, false);
+    while (!waiting_ && fd_ >= 0 && !held_.empty()) {
+        msg = std::move(held_.front());
+        held_.pop_front();
+        handle(msg, true);
     }
 }
 
@@ -165,6 +219,7 @@ void Loop::close_all() {
     retired_.clear();
     conns_.clear();
     listeners_.clear();
+    retired_listeners_.clear();
 }
 
 Loop::~Loop() {
@@ -268,6 +323,48 @@ void Loop::pause_accepting(int err) {
     });
 }
 
+std::size_t Loop::close_endpoint(const std::string& channel, std::optional<std::uint16_t> node, std::uint16_t port) {
+    const auto on = [&](const Endpoint& w) {
+        return w.channel == channel && w.port == port && (!node || w.node == *node);
+    };
+    std::size_t closed = 0;
+    for (auto it = listeners_.begin(); it != listeners_.end();) {
+        if (!on((*it)->where_)) {
+            ++it;
+            continue;
+        }
+        // An event of this round may still name it: it goes when the round ends.
+        unwatch((*it)->fd_);
+        ::close((*it)->fd_);
+        (*it)->fd_ = -1;
+        retired_listeners_.push_back(std::move(*it));
+        it = listeners_.erase(it);
+        ++closed;
+    }
+    std::vector<Conn*> conns;
+    for (const auto& [raw, c] : conns_) {
+        if (raw->open() && on(raw->where())) conns.push_back(raw);
+    }
+    for (Conn* c : conns) c->close();
+    return closed + conns.size();
+}
+
+bool Loop::listens(const Endpoint& where) const {
+    for (const auto& l : listeners_) {
+        if (l->where_.channel == where.channel && l->where_.node == where.node && l->where_.port == where.port) return true;
+    }
+    return false;
+}
+
+std::size_t Loop::connections_on(const Endpoint& where) const {
+    std::size_t n = 0;
+    for (const auto& [raw, c] : conns_) {
+        const Endpoint& w = raw->where();
+        if (raw->open() && w.channel == where.channel && w.node == where.node && w.port == where.port) ++n;
+    }
+    return n;
+}
+
 void Loop::adopt(std::unique_ptr<Conn> c) {
     Conn* raw = c.get();
     conns_.emplace(raw, std::move(c));
@@ -346,6 +443,7 @@ int Loop::step(int timeout_ms) {
     run_timers();
     for (Conn* r : retired_) conns_.erase(r);
     retired_.clear();
+    retired_listeners_.clear();
     return handled;
 }
 

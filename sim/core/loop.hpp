@@ -20,9 +20,13 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "core/faults.hpp"
 
 namespace sim {
 
@@ -62,6 +66,16 @@ public:
 
     void ready(std::uint32_t events) final;
 
+    // What answers a request in the device's place (core/faults.hpp), asked before each
+    // message is handled; and how the connection's protocol answers a request with a
+    // status (an error fault). Set by whoever makes the connection; none by default.
+    using FaultCheck = std::function<FaultAction(std::span<const std::uint8_t> msg)>;
+    using Refusal = std::function<void(Conn& conn, std::span<const std::uint8_t> msg, std::uint32_t status)>;
+    void set_faults(FaultCheck check, Refusal refuse) {
+        fault_check_ = std::move(check);
+        refuse_ = std::move(refuse);
+    }
+
 protected:
     // One message as it was received (at most kMaxMessage bytes).
     virtual void message(std::span<const std::uint8_t> msg) = 0;
@@ -78,10 +92,19 @@ protected:
     // The connection ended (peer closed, error, or close()).
     virtual void closed() {}
     Loop& loop() noexcept { return loop_; }
+    // The answer of the message being handled is to be cut to this many bytes (a truncate
+    // fault): send() cuts each message it sends meanwhile, unless the connection took the
+    // cut to apply it to its answer's payload itself.
+    std::optional<std::size_t> take_cut() noexcept { return std::exchange(cut_, std::nullopt); }
 
 private:
     void flush();
     void shut();
+    // A received message: handled now, or held behind a delayed one.
+    void deliver(std::span<const std::uint8_t> msg);
+    void handle(std::span<const std::uint8_t> msg, bool check);
+    // The delayed message's time came: it is handled, then those held behind it.
+    void release();
 
     Loop& loop_;
     int fd_;
@@ -91,6 +114,14 @@ private:
     std::size_t outbox_bytes_ = 0;
     bool want_out_ = false;
     bool close_when_sent_ = false;
+    FaultCheck fault_check_;
+    Refusal refuse_;
+    std::optional<std::size_t> cut_;
+    // Messages that wait behind a delayed one (the first of them is the delayed one).
+    std::deque<std::vector<std::uint8_t>> held_;
+    bool waiting_ = false;
+    // Lives as long as the connection: a timer that outlives it finds it expired.
+    std::shared_ptr<char> alive_ = std::make_shared<char>();
 };
 
 // Makes the connection object for an accepted descriptor.
@@ -136,6 +167,14 @@ public:
     // Connections closed in this round; destroyed once the round ends.
     void retire(Conn* c);
     std::size_t connections() const noexcept { return conns_.size(); }
+    // Stops listening on the endpoints of a channel and port (of one node, or of every node)
+    // and closes their connections: a service that stops, a node that goes away. How many
+    // listeners and connections it closed.
+    std::size_t close_endpoint(const std::string& channel, std::optional<std::uint16_t> node, std::uint16_t port);
+    // Connections open on an endpoint.
+    std::size_t connections_on(const Endpoint& where) const;
+    // True while a listener serves the endpoint.
+    bool listens(const Endpoint& where) const;
     void adopt(std::unique_ptr<Conn> c);
 
 private:
@@ -155,6 +194,8 @@ private:
     std::vector<std::uint8_t> scratch_;
     std::unique_ptr<std::uint8_t[]> answer_;
     std::vector<std::unique_ptr<Listener>> listeners_;
+    // Listeners closed in this round; destroyed once the round ends.
+    std::vector<std::unique_ptr<Listener>> retired_listeners_;
     std::map<Conn*, std::unique_ptr<Conn>> conns_;
     std::vector<Conn*> retired_;
     std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> timers_;

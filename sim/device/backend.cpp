@@ -1,6 +1,10 @@
 // The device channel: the platform calls of client processes, answered from the device's
 // state (see ipproto/device.hpp for the messages).
+#include <algorithm>
+#include <map>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "context.hpp"
 #include "core/log.hpp"
@@ -9,6 +13,7 @@
 #include "ipclient/status.h"
 #include "ipproto/device.hpp"
 #include "ipproto/wire.hpp"
+#include "modules/module.hpp"
 
 namespace sim {
 namespace {
@@ -22,6 +27,10 @@ public:
     DeviceConn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid)
         : Conn(loop, fd, where, pid), ctx_(ctx) {
         ++ctx_.device_clients[pid];
+        set_faults([this](std::span<const std::uint8_t> msg) { return ctx_.faults.hit(fault_point(msg)); },
+                   [](Conn& c, std::span<const std::uint8_t> msg, std::uint32_t status) {
+                       static_cast<DeviceConn&>(c).refuse(msg, status);
+                   });
     }
     ~DeviceConn() override { leave(); }
 
@@ -38,9 +47,13 @@ protected:
                     static_cast<int>(peer_pid()));
             return close();
         }
+        cut_reply_ = take_cut();
         Writer w(out().subspan(4));
         const std::uint32_t result = ops != nullptr && ops->serve != nullptr ? (this->*ops->serve)(r, w) : kFailure;
-        reply(result, w.ok() ? w.size() : 0);
+        std::size_t len = w.ok() ? w.size() : 0;
+        if (cut_reply_) len = std::min(len, *cut_reply_);
+        cut_reply_.reset();
+        reply(result, len);
     }
 
     void closed() override { leave(); }
@@ -53,9 +66,58 @@ private:
         bool before_greeting;
         std::uint32_t (DeviceConn::*serve)(Reader& r, Writer& w);
     };
-    // Defined with one row per call, numbers 0 (none) to kLibrary: a row more or less fails
+    // Defined with one row per call, numbers 0 (none) to kFaults: a row more or less fails
     // to compile against this bound.
-    static const CallOps kCalls[static_cast<std::size_t>(Call::kLibrary) + 1];
+    static const CallOps kCalls[static_cast<std::size_t>(Call::kFaults) + 1];
+    friend std::optional<std::uint32_t> sim::device_call_number(std::string_view name);
+    friend const char* sim::device_call_name(std::uint32_t number);
+
+    // Where a request is answered, for the faults set on the device (core/faults.hpp): the
+    // call, and for a kernel request or a dump its node, code and module.
+    FaultPoint fault_point(std::span<const std::uint8_t> msg) const {
+        Reader r(msg.data(), msg.size());
+        FaultPoint p;
+        p.call = r.be<std::uint32_t>();
+        p.node = node_;
+        switch (static_cast<Call>(p.call)) {
+            case Call::kCioctl:
+            case Call::kDumpRequest: {
+                const std::uint16_t node = resolve(r.be<std::uint32_t>());
+                const std::uint32_t code = r.be<std::uint32_t>();
+                if (!r.ok()) break;
+                p.node = node;
+                p.command = code;
+                p.module = static_cast<Call>(p.call) == Call::kCioctl ? kernel_module_of(code) : dump_module_of(code);
+                break;
+            }
+            case Call::kDumpPull: {
+                const auto it = dump_ids_.find(static_cast<std::int32_t>(r.be<std::uint32_t>()));
+                if (!r.ok() || it == dump_ids_.end()) break;
+                p.node = it->second.second;
+                p.command = it->second.first;
+                p.module = dump_module_of(it->second.first);
+                break;
+            }
+            default: break;
+        }
+        return p;
+    }
+
+    // An error fault's answer: the status and nothing else (a kernel request's returned
+    // length 0). The request is not carried out.
+    void refuse(std::span<const std::uint8_t> msg, std::uint32_t status) {
+        Reader r(msg.data(), msg.size());
+        const std::uint32_t call = r.be<std::uint32_t>();
+        if (ctx_.capture.on()) {
+            capture("request", msg, {{"call", call < std::size(kCalls) ? kCalls[call].name : "unknown"}, {"fault", "error"}});
+        }
+        std::size_t len = 0;
+        if (static_cast<Call>(call) == Call::kCioctl) {
+            ipc::wire::store_be(out().data() + 4, std::uint32_t{0});
+            len = 4;
+        }
+        reply(status, len);
+    }
 
     void capture(const char* dir, std::span<const std::uint8_t> bytes, nlohmann::json fields) {
         ctx_.capture.record({dir, node_, "device", 0, 0, static_cast<int>(peer_pid())}, bytes, std::move(fields));
@@ -200,7 +262,9 @@ private:
         if (!r.ok() || !ctx_.device.node_up(node)) return kFailure;
         auto cursor = open_dump(ctx_, node, id, r.rest());
         if (!cursor) return kFailure;
-        w.be(static_cast<std::uint32_t>(ctx_.dumps.open(this, std::move(cursor))));
+        const std::int32_t handle = ctx_.dumps.open(this, std::move(cursor));
+        dump_ids_[handle] = {id, node};
+        w.be(static_cast<std::uint32_t>(handle));
         return 0;
     }
 
@@ -218,6 +282,7 @@ private:
 
     std::uint32_t dump_terminate(Reader& r, Writer&) {
         const auto handle = static_cast<std::int32_t>(r.be<std::uint32_t>());
+        dump_ids_.erase(handle);
         return r.ok() && ctx_.dumps.close(this, handle) ? 0 : kFailure;
     }
 
@@ -309,6 +374,15 @@ private:
         return r.ok() && ctx_.anchors.end(peer_pid(), anchor, path) ? 0 : kFailure;
     }
 
+    std::uint32_t faults(Reader&, Writer& w) {
+        std::uint32_t armed = 0;
+        for (const Fault& f : ctx_.faults.list()) {
+            if (!f.times || *f.times != 0) ++armed;
+        }
+        w.be(armed);
+        return 0;
+    }
+
     std::uint32_t library(Reader& r, Writer& w) {
         const auto file = runtime_library(text(r));
         if (!file) return kFailure;
@@ -331,6 +405,9 @@ private:
         if (ctx_.device.node_up(node)) {
             status = kernel_dispatch(ctx_, node, command, request, reply, &returned);
         }
+        // A truncate fault cuts the module's reply, and the length it tells with it.
+        if (cut_reply_) returned = static_cast<std::uint32_t>(std::min<std::size_t>(returned, *cut_reply_));
+        cut_reply_.reset();
         if (ctx_.capture.on()) {
             ctx_.capture.record({"request", node, "kernel", 0, command, static_cast<int>(peer_pid())}, request,
                                 {{"async", async != 0}, {"reply_cap", cap}});
@@ -391,6 +468,10 @@ private:
 
     Context& ctx_;
     std::uint16_t node_ = 0;
+    // The open dumps' request ids and nodes, by handle (for the faults of a dump's pulls).
+    std::map<std::int32_t, std::pair<std::uint32_t, std::uint16_t>> dump_ids_;
+    // A truncate fault's length for the answer being made.
+    std::optional<std::size_t> cut_reply_;
     bool subscribed_ = false;
     bool counted_ = true;
 };
@@ -425,9 +506,21 @@ const DeviceConn::CallOps DeviceConn::kCalls[] = {
     {"anchor-set", false, &DeviceConn::anchor_set},
     {"anchor-end", false, &DeviceConn::anchor_end},
     {"library", false, &DeviceConn::library},
+    {"faults", false, &DeviceConn::faults},
 };
 
 }  // namespace
+
+std::optional<std::uint32_t> device_call_number(std::string_view name) {
+    for (std::uint32_t i = 1; i < std::size(DeviceConn::kCalls); ++i) {
+        if (name == DeviceConn::kCalls[i].name) return i;
+    }
+    return std::nullopt;
+}
+
+const char* device_call_name(std::uint32_t number) {
+    return number > 0 && number < std::size(DeviceConn::kCalls) ? DeviceConn::kCalls[number].name : nullptr;
+}
 
 std::unique_ptr<Conn> make_device_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {
     return std::make_unique<DeviceConn>(ctx, loop, fd, where, pid);

@@ -28,6 +28,36 @@ void Device::set_node_up(std::uint16_t number, bool up) {
     if (it != nodes_.end()) it->second.info.up = up;
 }
 
+void Device::pull(std::uint16_t number) {
+    set_node_up(number, false);
+    pulled_.insert(number);
+}
+
+void Device::put_back(std::uint16_t number) {
+    pulled_.erase(number);
+    set_node_up(number, true);
+}
+
+void Device::set_master(std::uint16_t number) {
+    if (master_ep_ == master_) master_ep_ = number;
+    master_ = number;
+    for (auto& [n, state] : nodes_) {
+        if (n == number) {
+            state.info.role = scenario::Role::kMaster;
+        } else if (state.info.role == scenario::Role::kMaster) {
+            state.info.role = scenario::Role::kStandby;
+        }
+    }
+}
+
+std::vector<std::uint32_t> Device::interfaces_of(std::uint16_t node) const {
+    std::vector<std::uint32_t> out;
+    for (const auto& [index, i] : interfaces_) {
+        if (i.node == node && (i.flags & kIfFlagSpansNodes) == 0) out.push_back(index);
+    }
+    return out;
+}
+
 std::vector<std::uint16_t> Device::standby_nodes() const {
     std::vector<std::uint16_t> out;
     for (const auto& [number, n] : nodes_) {
@@ -38,12 +68,12 @@ std::vector<std::uint16_t> Device::standby_nodes() const {
 
 const scenario::Interface* Device::interface(std::uint32_t ifindex) const {
     const auto it = interfaces_.find(ifindex);
-    return it == interfaces_.end() ? nullptr : &it->second;
+    return it == interfaces_.end() || !present(it->second) ? nullptr : &it->second;
 }
 
 std::uint32_t Device::find_interface(const std::string& name) const {
     const auto it = by_name_.find(name);
-    return it == by_name_.end() ? 0 : it->second;
+    return it == by_name_.end() || interface(it->second) == nullptr ? 0 : it->second;
 }
 
 std::uint32_t Device::next_interface(std::uint32_t after, const std::uint32_t (&type_bits)[8]) const {
@@ -51,6 +81,7 @@ std::uint32_t Device::next_interface(std::uint32_t after, const std::uint32_t (&
     for (const std::uint32_t w : type_bits) any = any || w != 0;
     for (auto it = interfaces_.upper_bound(after); it != interfaces_.end(); ++it) {
         const std::uint32_t t = it->second.type;
+        if (!present(it->second)) continue;
         if (!any || (t < 256 && (type_bits[t / 32] >> (t % 32) & 1u) != 0)) return it->first;
     }
     return 0;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,15 @@ public:
     bool node_up(std::uint16_t number) const;
     void set_node_up(std::uint16_t number, bool up);
     std::vector<std::uint16_t> standby_nodes() const;
+    // A board pulled out (node.set down) and put back: while pulled, the node is down and the
+    // interfaces it owns (not those that span nodes) leave the directory.
+    void pull(std::uint16_t number);
+    void put_back(std::uint16_t number);
+    bool pulled(std::uint16_t number) const { return pulled_.count(number) != 0; }
+    // A switchover: the node becomes master (and master endpoint where the old master was).
+    void set_master(std::uint16_t number);
+    // The interfaces a node owns alone.
+    std::vector<std::uint32_t> interfaces_of(std::uint16_t node) const;
 
     const std::map<std::uint32_t, scenario::Interface>& interfaces() const noexcept { return interfaces_; }
     const scenario::Interface* interface(std::uint32_t ifindex) const;
@@ -62,6 +72,12 @@ private:
     std::map<std::uint32_t, scenario::Interface> interfaces_;
     std::map<std::string, std::uint32_t> by_name_;
     std::map<std::uint16_t, std::string> vrfs_;
+    std::set<std::uint16_t> pulled_;
+
+    // False for an interface of a pulled board.
+    bool present(const scenario::Interface& i) const {
+        return pulled_.empty() || pulled_.count(i.node) == 0 || (i.flags & kIfFlagSpansNodes) != 0;
+    }
 };
 
 }  // namespace sim

@@ -64,7 +64,10 @@ Route route_of(const Context& ctx, const nlohmann::json& req) {
 
 void register_fib_control(Context& ctx) {
     ctx.control.on("route.add", [&ctx](const nlohmann::json& req) {
-        ctx.fib.put(route_of(ctx, req));
+        if (!ctx.fib.put(route_of(ctx, req))) {
+            throw std::invalid_argument("the FIB is full (" + std::to_string(ctx.fib.size()) + " routes, capacity " +
+                                        std::to_string(ctx.fib.capacity().value_or(0)) + ")");
+        }
         return state(ctx);
     });
     ctx.control.on("route.del", [&ctx](const nlohmann::json& req) {

@@ -2,12 +2,17 @@
 
 namespace sim {
 
-void FibTable::put(const Route& r) {
+bool FibTable::put(const Route& r) {
     const std::size_t before = routes_.size();
+    if (capacity_ && before >= *capacity_ && routes_.find(key_of(r)) == routes_.end()) {
+        ++refused_;
+        return false;
+    }
     const auto it = routes_.insert_or_assign(hint_, key_of(r), r);
     hint_ = std::next(it);
     if (routes_.size() != before) ++(r.family == 10 ? count6_ : count4_);
     ++(r.family == 10 ? seq6_ : seq4_);
+    return true;
 }
 
 bool FibTable::remove(const Key& k) {

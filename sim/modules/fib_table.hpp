@@ -47,10 +47,27 @@ public:
     FibTable(const FibTable&) = delete;
     FibTable& operator=(const FibTable&) = delete;
 
-    void put(const Route& r);
+    // Adds or replaces a route; false (and counted) when the route is new and the table holds
+    // as many as its capacity allows.
+    [[nodiscard]] bool put(const Route& r);
     bool remove(const Key& k);
+    // The most routes the table holds (limit.set); none: no bound. A capacity below the
+    // routes held removes none: new ones are refused until there is room.
+    void set_capacity(std::optional<std::size_t> c) noexcept { capacity_ = c; }
+    std::optional<std::size_t> capacity() const noexcept { return capacity_; }
+    std::uint64_t refused() const noexcept { return refused_; }
     std::size_t size() const noexcept { return routes_.size(); }
     std::size_t count(std::uint8_t family) const noexcept { return family == 10 ? count6_ : count4_; }
+    // The route of a key, or null.
+    const Route* find(const Key& k) const {
+        const auto it = routes_.find(k);
+        return it == routes_.end() ? nullptr : &it->second;
+    }
+    // Visits every route; the visitor may change a route's fields but not its key.
+    template <class F>
+    void each_mutable(F&& f) {
+        for (auto& [k, r] : routes_) f(r);
+    }
     std::uint32_t change_seq(std::uint8_t family) const noexcept { return family == 10 ? seq6_ : seq4_; }
 
     // The first route after `after` (or the first of all) of a family on a node.
@@ -88,6 +105,8 @@ private:
     // placed without a search.
     std::map<Key, Route>::iterator hint_ = routes_.end();
     std::uint32_t seq4_ = 0, seq6_ = 0;
+    std::optional<std::size_t> capacity_;
+    std::uint64_t refused_ = 0;
     std::size_t count4_ = 0, count6_ = 0;
 };
 

@@ -26,6 +26,22 @@ std::uint32_t dispatch(Context& ctx, const KernelCall& call) {
 
 std::span<const KernelModuleOps* const> kernel_modules() { return kModules; }
 
+const char* kernel_module_of(std::uint32_t command) {
+    for (const KernelModuleOps* m : kModules) {
+        if (m->serves != nullptr && m->serves(command)) return m->name;
+    }
+    return nullptr;
+}
+
+const char* dump_module_of(std::uint32_t request_id) {
+    for (const KernelModuleOps* m : kModules) {
+        for (const KernelDump& d : m->dumps) {
+            if (d.request_id == request_id) return m->name;
+        }
+    }
+    return nullptr;
+}
+
 // Each request is one unit of work of the store: a setting it changes is stored before the
 // reply leaves, or the request fails with kStoreFailed and its change is undone; a request
 // that fails leaves nothing behind.

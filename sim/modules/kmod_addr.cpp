@@ -89,10 +89,24 @@ bool known(std::uint32_t op) {
 
 }  // namespace
 
+std::size_t AddrModule::on_interface(std::uint32_t ifindex) const {
+    return table_.count(ifindex, 0, kAnyVrf);
+}
+
+bool AddrModule::full(std::uint32_t ifindex) {
+    if (!capacity_ || on_interface(ifindex) < *capacity_) return false;
+    ++refused_;
+    return true;
+}
+
 std::uint32_t AddrModule::add(const IPAddrInfo& info, const IPAddrInfo** other) {
     if (const IPAddrInfo* c = table_.conflict(info.stEntry)) {
         if (other != nullptr) *other = c;
         return kAddrConflict;
+    }
+    if (table_.find(info.stEntry.stKey.uiIfIndex, info.stEntry.stKey.uiAddr) == nullptr &&
+        full(info.stEntry.stKey.uiIfIndex)) {
+        return kNoResources;
     }
     table_.put(info);
     return kAddrOk;

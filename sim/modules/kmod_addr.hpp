@@ -57,8 +57,17 @@ public:
     std::uint32_t handle(std::uint16_t node, std::span<const std::uint8_t> request, std::span<std::uint8_t> reply,
                          std::uint32_t* returned);
 
-    // Adds an address after the conflict check: 0 or 0x43160041 (and the other address).
+    // Adds an address after the conflict check: 0, 0x43160041 (and the other address), or
+    // kNoResources when its interface holds as many addresses as the limit allows.
     std::uint32_t add(const IPAddrInfo& info, const IPAddrInfo** other = nullptr);
+    // The most addresses of one interface (limit.set "addresses"); none: no bound. A limit
+    // below what an interface holds removes nothing: new addresses are refused.
+    void set_capacity(std::optional<std::size_t> c) noexcept { capacity_ = c; }
+    std::optional<std::size_t> capacity() const noexcept { return capacity_; }
+    // True when a new address on the interface would be refused (and counts the refusal).
+    bool full(std::uint32_t ifindex);
+    std::uint64_t refused() const noexcept { return refused_; }
+    std::size_t on_interface(std::uint32_t ifindex) const;
 
     std::uint32_t debug_word(std::uint16_t node, std::uint16_t item) const;
 
@@ -74,6 +83,8 @@ public:
 private:
     Device& device_;
     AddrTable& table_;
+    std::optional<std::size_t> capacity_;
+    std::uint64_t refused_ = 0;
     // The settings as the store has them: what a rolled-back change goes back to.
     std::map<std::uint32_t, IfSettings> stored_settings_;
     std::map<std::pair<std::uint16_t, std::uint16_t>, std::uint32_t> debug_;  // (node, item) -> word

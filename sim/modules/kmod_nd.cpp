@@ -527,7 +527,7 @@ void NdModule::attach(Context& ctx) {
         n.aging = n.kind == NeighKind::kStatic ? 0 : (had != nullptr && had->aging != 0 ? had->aging : 1200);
         set_if(arg::whole_if<std::uint32_t, 0, 0xFFFFFFFF>(req, "aging"), n.aging);
         n.updated = ctx.uptime();
-        ctx.neighs.put(n);
+        if (!ctx.neighs.put(n)) throw std::invalid_argument(neigh_full_text(ctx.neighs, n));
         return json::object();
     });
 }

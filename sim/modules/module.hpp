@@ -58,5 +58,9 @@ extern const KernelModuleOps kNeighTableOps;
 
 // Every kernel module of the device, in the order requests are offered to them.
 std::span<const KernelModuleOps* const> kernel_modules();
+// The name of the module that answers a command, or of the module whose table a dump
+// request opens; null when none does.
+const char* kernel_module_of(std::uint32_t command);
+const char* dump_module_of(std::uint32_t request_id);
 
 }  // namespace sim

@@ -63,7 +63,8 @@ Neighbour entry_of(const Context& ctx, const nlohmann::json& req, std::string_vi
 
 void register_neigh_control(Context& ctx) {
     ctx.control.on("neigh.add", [&ctx](const nlohmann::json& req) {
-        ctx.neighs.put(entry_of(ctx, req, "address"));
+        const Neighbour n = entry_of(ctx, req, "address");
+        if (!ctx.neighs.put(n)) throw std::invalid_argument(neigh_full_text(ctx.neighs, n));
         return nlohmann::json::object();
     });
     ctx.control.on("neigh.del", [&ctx](const nlohmann::json& req) {
@@ -94,12 +95,24 @@ void register_neigh_control(Context& ctx) {
             throw std::invalid_argument("\"count\": a burst of " + std::to_string(count) + " from MAC " +
                                         mac_text(n.mac) + " runs past the last MAC it counts to, " + mac_text(last));
         }
+        if (add) {
+            // A burst is made whole or not at all: room for its new entries first.
+            std::size_t fresh = 0;
+            Neighbour probe = n;
+            for (std::uint32_t i = 0; i < count; ++i) {
+                ipc::wire::store_be(probe.addr.data() + at, first + i);
+                if (ctx.neighs.find(n.family, n.ifindex, probe.addr) == nullptr) ++fresh;
+            }
+            if (!ctx.neighs.room(n.family, n.ifindex, fresh)) {
+                throw std::invalid_argument(neigh_full_text(ctx.neighs, n) + ": no room for " + std::to_string(fresh) + " more");
+            }
+        }
         std::uint32_t changed = 0;
         for (std::uint32_t i = 0; i < count; ++i) {
             ipc::wire::store_be(n.addr.data() + at, first + i);
             ipc::wire::store_be(n.mac.data() + 2, mac_first + i);
             if (add) {
-                ctx.neighs.put(n);
+                if (!ctx.neighs.put(n)) break;  // not reached: the room was checked
                 ++changed;
             } else if (ctx.neighs.remove(n.family, n.ifindex, n.addr)) {
                 ++changed;

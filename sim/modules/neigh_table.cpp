@@ -25,17 +25,49 @@ void NeighTable::report(NeighChange::Kind kind, const Neighbour& n) const {
     for (const auto& o : observers_) o(c);
 }
 
-void NeighTable::put(const Neighbour& n) {
-    auto& t = table(n.family);
-    const auto [it, fresh] = t.try_emplace(key_of(n), n);
-    if (fresh) {
-        by_addr(n.family).emplace(n.addr, n.ifindex);
-        report(NeighChange::kAdd, n);
-        return;
+std::size_t NeighTable::on_interface(std::uint8_t family, std::uint32_t ifindex) const {
+    const auto& counts = limit(family).counts;
+    const auto it = counts.find(ifindex);
+    return it == counts.end() ? 0 : it->second;
+}
+
+bool NeighTable::room(std::uint8_t family, std::uint32_t ifindex, std::size_t count) const {
+    const Limit& l = limit(family);
+    if (l.capacity && (table(family).size() >= *l.capacity || *l.capacity - table(family).size() < count)) return false;
+    const std::size_t per = l.per_interface ? l.per_interface(ifindex) : 0;
+    const std::size_t used = on_interface(family, ifindex);
+    return per == 0 || (used < per && per - used >= count);
+}
+
+std::string neigh_full_text(const NeighTable& t, const Neighbour& n) {
+    const char* table = n.family == 10 ? "ND" : "ARP";
+    if (const auto c = t.capacity(n.family); c && t.size(n.family) >= *c) {
+        return std::string("the ") + table + " table is full (" + std::to_string(t.size(n.family)) + " entries, capacity " +
+               std::to_string(*c) + ")";
     }
-    if (it->second == n) return;
-    it->second = n;
-    report(NeighChange::kUpdate, n);
+    return std::string("the ") + table + " table of interface " + std::to_string(n.ifindex) + " is full (" +
+           std::to_string(t.on_interface(n.family, n.ifindex)) + " entries, limit " +
+           std::to_string(t.interface_capacity(n.family, n.ifindex)) + ")";
+}
+
+bool NeighTable::put(const Neighbour& n) {
+    auto& t = table(n.family);
+    if (const auto it = t.find(key_of(n)); it != t.end()) {
+        if (it->second == n) return true;
+        it->second = n;
+        report(NeighChange::kUpdate, n);
+        return true;
+    }
+    Limit& l = limit(n.family);
+    if ((l.capacity || l.per_interface) && !room(n.family, n.ifindex, 1)) {
+        ++l.refused;
+        return false;
+    }
+    t.emplace(key_of(n), n);
+    ++l.counts[n.ifindex];
+    by_addr(n.family).emplace(n.addr, n.ifindex);
+    report(NeighChange::kAdd, n);
+    return true;
 }
 
 bool NeighTable::remove(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr) {
@@ -45,6 +77,8 @@ bool NeighTable::remove(std::uint8_t family, std::uint32_t ifindex, const NeighA
     const Neighbour gone = it->second;
     t.erase(it);
     by_addr(family).erase({addr, ifindex});
+    auto& counts = limit(family).counts;
+    if (const auto c = counts.find(ifindex); c != counts.end() && --c->second == 0) counts.erase(c);
     report(NeighChange::kDelete, gone);
     return true;
 }

@@ -61,6 +61,11 @@ struct Neighbour {
 std::string address_text(const Neighbour& n);
 std::string mac_text(const std::array<std::uint8_t, 6>& mac);
 
+// The refusal of a new entry that its table or interface has no room for, in words: "the ARP
+// table is full (N entries, capacity C)" or "the ND table of interface I is full (N entries,
+// limit L)".
+std::string neigh_full_text(const class NeighTable& t, const Neighbour& n);
+
 struct NeighChange {
     enum Kind : std::uint8_t { kAdd = 0, kUpdate = 1, kDelete = 2 } kind;
     Neighbour entry;
@@ -74,7 +79,25 @@ public:
     static Key key_of(const Neighbour& n) { return {n.ifindex, n.addr}; }
 
     // Adds or replaces an entry; reports kAdd or kUpdate (nothing when nothing changed).
-    void put(const Neighbour& n);
+    // False, and counted, when the entry is new and its table or its interface holds as many
+    // as its capacity allows (a change of an entry is always taken).
+    [[nodiscard]] bool put(const Neighbour& n);
+    // Room for `count` more entries of a family on an interface.
+    bool room(std::uint8_t family, std::uint32_t ifindex, std::size_t count) const;
+    // The most entries of a family's table (limit.set); none: no bound. A capacity below the
+    // entries held removes none: new ones are refused until there is room.
+    void set_capacity(std::uint8_t family, std::optional<std::size_t> c) noexcept { limit(family).capacity = c; }
+    std::optional<std::size_t> capacity(std::uint8_t family) const noexcept { return limit(family).capacity; }
+    // The most entries of a family on one interface, by interface (the ND module's entry
+    // limit; 0: none).
+    void set_interface_capacity(std::uint8_t family, std::function<std::size_t(std::uint32_t ifindex)> c) {
+        limit(family).per_interface = std::move(c);
+    }
+    std::size_t on_interface(std::uint8_t family, std::uint32_t ifindex) const;
+    std::size_t interface_capacity(std::uint8_t family, std::uint32_t ifindex) const {
+        return limit(family).per_interface ? limit(family).per_interface(ifindex) : 0;
+    }
+    std::uint64_t refused(std::uint8_t family) const noexcept { return limit(family).refused; }
     // Removes an entry; reports kDelete. False when there was none.
     bool remove(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr);
     const Neighbour* find(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr) const;
@@ -96,6 +119,14 @@ public:
 
 private:
     using Map = std::map<Key, Neighbour>;
+    struct Limit {
+        std::optional<std::size_t> capacity;
+        std::function<std::size_t(std::uint32_t)> per_interface;
+        std::uint64_t refused = 0;
+        std::map<std::uint32_t, std::size_t> counts;  // entries by interface
+    };
+    Limit& limit(std::uint8_t family) noexcept { return family == 10 ? limit6_ : limit4_; }
+    const Limit& limit(std::uint8_t family) const noexcept { return family == 10 ? limit6_ : limit4_; }
     Map& table(std::uint8_t family) { return family == 10 ? v6_ : v4_; }
     const Map& table(std::uint8_t family) const { return family == 10 ? v6_ : v4_; }
     std::set<std::pair<NeighAddr, std::uint32_t>>& by_addr(std::uint8_t family) {
@@ -110,6 +141,7 @@ private:
     std::set<std::pair<NeighAddr, std::uint32_t>> v4_addr_, v6_addr_;
     std::vector<Observer> observers_;
     bool muted_ = false;
+    Limit limit4_, limit6_;
 };
 
 }  // namespace sim

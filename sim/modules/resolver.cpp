@@ -30,7 +30,8 @@ bool resolve_neighbour(Context& ctx, std::uint8_t family, std::uint32_t ifindex,
         std::copy(std::begin(host->mac), std::end(host->mac), n.mac.begin());
         n.state = NeighState::kReachable;
         if (had == nullptr || had->kind != NeighKind::kStatic) n.kind = NeighKind::kDynamic;
-        ctx.neighs.put(n);
+        // A full table learns nothing (the refusal is counted); the request itself was sent.
+        (void)ctx.neighs.put(n);
         return true;
     }
     // A static or resolved entry stays as it is; only a missing one starts incomplete.
@@ -38,7 +39,7 @@ bool resolve_neighbour(Context& ctx, std::uint8_t family, std::uint32_t ifindex,
     n.state = NeighState::kIncomplete;
     n.kind = NeighKind::kDynamic;
     n.incomplete_since = n.updated;
-    ctx.neighs.put(n);
+    (void)ctx.neighs.put(n);
     ctx.loop.after(kIncompleteLife, [&ctx, family, ifindex, addr] {
         const Neighbour* e = ctx.neighs.find(family, ifindex, addr);
         if (e != nullptr && e->state == NeighState::kIncomplete) ctx.neighs.remove(family, ifindex, addr);

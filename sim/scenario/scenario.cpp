@@ -375,7 +375,8 @@ constexpr auto kNeighbourStates = std::to_array<Name<std::string_view>>(
     {{"reachable", "reachable"}, {"stale", "stale"}, {"incomplete", "incomplete"}, {"static", "static"}});
 
 constexpr auto kSectionKeys = std::to_array<std::string_view>(
-    {"device", "nodes", "vrfs", "interfaces", "addresses", "services", "routes", "neighbours", "hosts", "vsis"});
+    {"device", "nodes", "vrfs", "interfaces", "addresses", "services", "routes", "neighbours", "hosts", "vsis",
+     "faults", "limits"});
 constexpr auto kDeviceKeys = std::to_array<std::string_view>({"master", "master_ep", "mdc", "mdc_child"});
 constexpr auto kNodeKeys = std::to_array<std::string_view>({"number", "chassis", "slot", "cpu", "role", "state"});
 constexpr auto kVrfKeys = std::to_array<std::string_view>({"index", "name"});
@@ -415,10 +416,41 @@ public:
         for (const Value& v : items(r_, root_.find("hosts"))) s_.hosts.push_back(host(v));
         load_vsis(root_.find("vsis"));
         load_device(root_.find("device"));
+        for (const Value& v : items(r_, root_.find("faults"))) s_.faults.push_back(control_item(v));
+        for (const Value& v : items(r_, root_.find("limits"))) s_.limits.push_back(control_item(v));
         return std::move(s_);
     }
 
 private:
+    // Faults and limits: a mapping of plain values, given to the control operation as its
+    // arguments once the device starts (which checks them). A plain scalar that reads as
+    // a number or a boolean is one; anything else is a string.
+    ControlItem control_item(const Value& v) {
+        if (!v.node.IsMap()) r_.fail(v, "expected a mapping");
+        ControlItem item{v.line, v.key, nlohmann::json::object()};
+        for (auto it = v.node.begin(); it != v.node.end(); ++it) {
+            const Value key{it->first, v.key, line_of(it->first)};
+            if (!it->first.IsScalar()) r_.fail(key, "expected a key name");
+            const std::string& name = it->first.Scalar();
+            const Value val{it->second, join(v.key, excerpt(name)), line_of(it->second)};
+            if (item.args.contains(name)) r_.fail(val, "duplicate key");
+            if (val.node.IsNull()) {
+                item.args[name] = nullptr;
+            } else if (!val.node.IsScalar()) {
+                r_.fail(val, "expected a plain value");
+            } else if (plain(val) && integer_like(val)) {
+                item.args[name] = integer(r_, val, 0, 0xFFFFFFFFFFFFFFFFu);
+            } else if (plain(val) && (val.node.Scalar() == "true" || val.node.Scalar() == "false")) {
+                item.args[name] = val.node.Scalar() == "true";
+            } else if (double d = 0; plain(val) && YAML::convert<double>::decode(val.node, d)) {
+                item.args[name] = d;
+            } else {
+                item.args[name] = val.node.Scalar();
+            }
+        }
+        return item;
+    }
+
     // Nodes --------------------------------------------------------------------------
 
     void load_nodes(const Value& section) {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "ipclient/kernel.h"
 #include "scenario/limits.hpp"
 
@@ -120,6 +122,14 @@ struct Vsi {
     std::vector<Circuit> circuits;
 };
 
+// A fault or a limit the device starts with: the arguments of fault.set or limit.set
+// (docs/ipsimd.md), checked when the device starts, and where the item sits in the file.
+struct ControlItem {
+    int line = 0;
+    std::string key;
+    nlohmann::json args;
+};
+
 struct Scenario {
     std::string source;                 // file name, or "<default>"
     std::uint16_t master = 0;           // node of role master
@@ -135,6 +145,8 @@ struct Scenario {
     std::vector<Neighbour> neighbours;
     std::vector<Host> hosts;
     std::vector<Vsi> vsis;
+    std::vector<ControlItem> faults;
+    std::vector<ControlItem> limits;
 };
 
 // A refused scenario: what() reads "<file>:<line>: <key>: <what is wrong>".

@@ -137,6 +137,11 @@ private:
         const std::uint32_t ifindex = info.stEntry.stKey.uiIfIndex;
         const auto* itf = ctx_.device.interface(ifindex);
         if (itf == nullptr || info.stEntry.stKey.uiAddr == 0 || info.stEntry.stKey.uiMask == 0) return kFailure;
+        // An interface that holds as many addresses as its limit allows takes no new one; the
+        // mirrored system is not touched.
+        if (ctx_.addrs.find(ifindex, info.stEntry.stKey.uiAddr) == nullptr && ctx_.addr_module.full(ifindex)) {
+            return kNoResources;
+        }
         // A writable mirrored system carries the change out first; what it refuses is refused.
         // Should the request not be stored after all, the system's change is taken back.
         if (writes_through()) {
@@ -423,6 +428,25 @@ void publish_ifcfg(Context& ctx, std::uint32_t a, std::uint32_t b, std::uint32_t
             if (ctx.ifcfg_subscribers.count(s) != 0) s->push_ifcfg(msg);
         }
     });
+}
+
+// A configuration request gets its answer with the status, value 0 and VRF 0; an address
+// change, an address flag or a net protocol message the control answer; the rest have no
+// answer, so nothing is sent.
+void refuse_addrcfg(Conn& conn, std::span<const std::uint8_t> request, std::uint32_t status) {
+    ipc::wire::Reader r(request.data(), request.size());
+    const auto op = static_cast<Op>(r.be<std::uint32_t>());
+    if (!r.ok()) return;
+    std::uint8_t out[20];
+    ipc::wire::Writer w(out);
+    if (op == Op::kConfig) {
+        w.be(std::uint32_t{1}).be(std::uint32_t{12}).be(status).be(std::uint32_t{0}).be(std::uint32_t{0});
+    } else if (op == Op::kAddrChange || op == Op::kAddrFlag || op == Op::kNetProtocol) {
+        w.be(std::uint32_t{1}).be(std::uint32_t{4}).be(status);
+    } else {
+        return;
+    }
+    conn.send(w.bytes());
 }
 
 std::unique_ptr<Conn> make_addrcfg_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) {

@@ -167,6 +167,23 @@ struct AdjState {
     std::uint64_t roaming_records = 0;
 };
 
+namespace {
+
+void restarted(AdjState& state) {
+    for (SmoothTable& t : state.tables) {
+        std::set<std::uint32_t> scopes;
+        for (const auto& [key, item] : t.items()) scopes.insert(item.scope);
+        for (const std::uint32_t s : scopes) t.smooth_start(s);
+    }
+    state.roaming_reports = 0;
+    state.roaming_records = 0;
+}
+
+}  // namespace
+
+void adj4_restarted(Context& ctx) { restarted(ctx.adj.of(false)); }
+void adj6_restarted(Context& ctx) { restarted(ctx.adj.of(true)); }
+
 AdjServices::AdjServices() : state_{std::make_unique<AdjState>(false), std::make_unique<AdjState>(true)} {}
 AdjServices::~AdjServices() = default;
 
@@ -351,7 +368,8 @@ private:
                 }
                 if (openflow) {
                     const Neighbour nb = openflow_neighbour(ctx_, v6_, e);
-                    if (ctx_.device.interface(nb.ifindex) != nullptr) ctx_.neighs.put(nb);
+                    // The service keeps the entry; a full neighbour table counts the refusal.
+                    if (ctx_.device.interface(nb.ifindex) != nullptr) (void)ctx_.neighs.put(nb);
                 }
             } else if (t.remove(e) && openflow) {
                 drop_openflow_neighbour(e);

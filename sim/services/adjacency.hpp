@@ -109,5 +109,10 @@ std::unique_ptr<Conn> make_adj6_conn(Context& ctx, Loop& loop, int fd, const End
 void publish_neigh_change(Context& ctx, const NeighChange& change);
 // Registers the control operations of the services ("adj.tables").
 void register_adj_control(Context& ctx);
+// A restarted service keeps its tables but awaits the owners' smooth resend: every entry is
+// stale, each scope that holds one is in a smooth start, and a smooth end drops what the
+// owner did not send again. Its roaming counts start from zero.
+void adj4_restarted(Context& ctx);
+void adj6_restarted(Context& ctx);
 
 }  // namespace sim

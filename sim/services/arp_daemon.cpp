@@ -92,8 +92,7 @@ private:
         n.vrf = itf->vrf;
         n.node = itf->node;
         n.updated = ctx_.uptime();
-        ctx_.neighs.put(n);
-        return 0;
+        return ctx_.neighs.put(n) ? 0 : kNoResources;
     }
 
     std::uint32_t suppression(std::span<const std::uint8_t> msg, std::span<const std::uint8_t> p) {

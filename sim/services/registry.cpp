@@ -12,11 +12,12 @@ namespace {
 using Where = ServiceOps::Where;
 
 constexpr ServiceOps kServices[] = {
-    {"address configuration service", kPortAddrCfg, Where::kEveryNode, make_addrcfg_conn, nullptr},
+    {"address configuration service", kPortAddrCfg, Where::kEveryNode, make_addrcfg_conn, nullptr, refuse_addrcfg},
     {"address events service", kPortAddrEvents, Where::kEveryNode, make_addr_event_conn, nullptr},
     {"port-attack daemon", kPortPortAttack, Where::kEveryNode, make_portatk_conn, nullptr},
-    {"IPv4 adjacency service", kPortAdj4, Where::kEveryNode, make_adj4_conn, register_adj_control},
-    {"IPv6 adjacency service", kPortAdj6, Where::kEveryNode, make_adj6_conn, nullptr},
+    {"IPv4 adjacency service", kPortAdj4, Where::kEveryNode, make_adj4_conn, register_adj_control, nullptr,
+     adj4_restarted},
+    {"IPv6 adjacency service", kPortAdj6, Where::kEveryNode, make_adj6_conn, nullptr, nullptr, adj6_restarted},
     {"WLAN adjacency service", kPortWlan, Where::kEveryNode, make_wlan_conn, register_wlan},
     {"protocol-to-CPU service", kPortProen, Where::kEveryNode, make_proen_conn, register_proen},
     {"local protocol-to-CPU service", kPortProenLocal, Where::kEveryNode, make_proen_conn, nullptr},
@@ -29,5 +30,12 @@ constexpr ServiceOps kServices[] = {
 }  // namespace
 
 std::span<const ServiceOps> services() { return kServices; }
+
+const ServiceOps* service_on(std::uint16_t port) {
+    for (const ServiceOps& s : kServices) {
+        if (s.port != 0 && s.port == port) return &s;
+    }
+    return nullptr;
+}
 
 }  // namespace sim

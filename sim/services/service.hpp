@@ -30,7 +30,16 @@ struct ServiceOps {
     std::unique_ptr<Conn> (*accept)(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid) = nullptr;
     // Registers its control operations (docs/ipsimd.md); null when it has none.
     void (*controls)(Context& ctx) = nullptr;
+    // Answers a request with a status in the service's own answer (an error fault); null for
+    // a service whose answers carry no status, where an error fault cannot be set.
+    void (*refuse)(Conn& conn, std::span<const std::uint8_t> request, std::uint32_t status) = nullptr;
+    // Forgets what the service keeps for its clients when it restarts (service.restart);
+    // null when its connections are all it keeps.
+    void (*restarted)(Context& ctx) = nullptr;
 };
+
+// The service listening on a port, or null.
+const ServiceOps* service_on(std::uint16_t port);
 
 // Every service of the device, in the order they start listening.
 std::span<const ServiceOps> services();

@@ -30,6 +30,8 @@ inline constexpr std::uint16_t kPortNdOverlay = ipc::proto::port::kNdOverlay;
 inline constexpr std::uint16_t kPortArpDaemon = ipc::proto::port::kArpDaemon;
 
 std::unique_ptr<Conn> make_addrcfg_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
+// Answers a request of the address configuration service with a status and nothing done.
+void refuse_addrcfg(Conn& conn, std::span<const std::uint8_t> request, std::uint32_t status);
 std::unique_ptr<Conn> make_addr_event_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 std::unique_ptr<Conn> make_ipstack_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);
 std::unique_ptr<Conn> make_portatk_conn(Context& ctx, Loop& loop, int fd, const Endpoint& where, pid_t pid);

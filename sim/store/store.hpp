@@ -42,6 +42,7 @@ namespace sim {
 
 // The status a request gets when the change it asked for could not be stored.
 inline constexpr std::uint32_t kStoreFailed = ipc::device_status::kStoreFailed;
+inline constexpr std::uint32_t kNoResources = ipc::device_status::kNoResources;
 
 class Store {
 public:

@@ -8,11 +8,13 @@
 #include <time.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
 #include "ipclient/kernel.h"
 #include "ipctl.hpp"
+#include "ipplat/host.h"
 #include "ipplat/platform.h"
 
 namespace ipctl {
@@ -44,8 +46,18 @@ void status_show(Context& ctx, Words words, double wait_seconds) {
         r.add("nodes", count, std::to_string(count), "nodes");
         r.add("master", master, std::to_string(master), "master");
     }
+    // Nobody should debug a fault they forgot they set: a simulator that plays faults says
+    // so, in the record and in a warning line.
+    std::uint32_t faults = 0;
+    if (up && ipp_device_faults(&faults) == 0 && faults != 0) {
+        r.add("faults", faults, std::to_string(faults), "faults");
+    }
     ctx.out->row(std::move(r));
     ctx.out->flush();
+    if (faults != 0) {
+        std::fprintf(stderr, "ipctl: warning: the device plays %u fault%s (ipsimd --control '{\"op\": \"fault.list\"}' lists them)\n",
+                     static_cast<unsigned>(faults), faults == 1 ? "" : "s");
+    }
     if (!up) throw Exit{kExitFailed};
 }
 

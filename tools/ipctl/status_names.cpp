@@ -30,6 +30,8 @@ constexpr std::array kNames{
     IPCTL_STATUS(ND_OPENFLOW_SMOOTH_NO_REPLY),
     // Given by a simulated device whose store failed.
     std::pair<std::uint32_t, std::string_view>{ipc::device_status::kStoreFailed, "STORE_FAILED"},
+    // Given by a simulated device whose table is full (a limit).
+    std::pair<std::uint32_t, std::string_view>{ipc::device_status::kNoResources, "NO_RESOURCES"},
 };
 #undef IPCTL_STATUS
 

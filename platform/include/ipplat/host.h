@@ -42,6 +42,13 @@ enum ipp_device_state_code {
  */
 IPPLAT_API int ipp_device_state(uint32_t *owner_uid);
 
+/**
+ * How many faults the simulator plays (set with ipsimd's fault.set and still able to fire):
+ * *count (when not null) receives the number. 0 when the simulator answered, -1 when the
+ * process reaches none (then *count is 0).
+ */
+IPPLAT_API int ipp_device_faults(uint32_t *count);
+
 /** The instance the process reaches (IPCLIENT_INSTANCE, else "p<pid>"), copied with a
  * terminating null into buf of len bytes (cut when longer); the length of the whole name. */
 IPPLAT_API size_t ipp_instance_name(char *buf, size_t len);
