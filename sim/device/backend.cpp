@@ -148,7 +148,8 @@ private:
         const std::uint16_t wanted = r.be<std::uint16_t>();
         if (!r.ok()) return kFailure;
         const std::uint16_t node = wanted == 0 ? ctx_.device.master() : wanted;
-        if (ctx_.device.node(node) == nullptr) {
+        // A board pulled out runs nothing.
+        if (ctx_.device.node(node) == nullptr || ctx_.device.pulled(node)) {
             SIM_LOG(kWarn, "pid %d asks for node %u, which the device does not have",
                     static_cast<int>(peer_pid()), static_cast<unsigned>(node));
             return kFailure;

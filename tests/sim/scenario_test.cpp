@@ -676,3 +676,49 @@ TEST(Scenario, EndlessDocumentsEndAtTheSecond) {
 
 }  // namespace
 }  // namespace sim::scenario
+
+// Faults and limits -----------------------------------------------------------------------
+
+namespace sim::scenario {
+namespace {
+
+TEST(ScenarioKnobs, FaultsAndLimitsBecomeTheArgumentsOfTheirOperations) {
+    const Scenario s = load_text(kNodes + "interfaces: []\n"
+                                          "faults:\n"
+                                          "  - {kernel: \"0x260001\", error: 1073807363, times: 2}\n"
+                                          "  - {port: 1653, drop: true, probability: 0.25, seed: 3}\n"
+                                          "limits:\n"
+                                          "  - {table: fib, capacity: ~}\n",
+                                 "test.yaml");
+    ASSERT_EQ(s.faults.size(), 2u);
+    EXPECT_EQ(s.faults[0].line, 5);
+    EXPECT_EQ(s.faults[0].key, "faults[0]");
+    EXPECT_EQ(s.faults[0].args, nlohmann::json::parse(R"({"kernel": "0x260001", "error": 1073807363, "times": 2})"));
+    EXPECT_EQ(s.faults[1].args,
+              nlohmann::json::parse(R"({"port": 1653, "drop": true, "probability": 0.25, "seed": 3})"));
+    EXPECT_TRUE(s.faults[1].args["probability"].is_number_float());
+    ASSERT_EQ(s.limits.size(), 1u);
+    EXPECT_EQ(s.limits[0].line, 8);
+    EXPECT_TRUE(s.limits[0].args["capacity"].is_null());
+}
+
+TEST(ScenarioKnobs, AQuotedValueStaysAString) {
+    const Scenario s = load_text(kNodes + "interfaces: []\nlimits:\n  - {table: arp, capacity: \"12\"}\n", "test.yaml");
+    ASSERT_EQ(s.limits.size(), 1u);
+    EXPECT_TRUE(s.limits[0].args["capacity"].is_string()) << "limit.set then refuses it as not a number";
+}
+
+TEST(ScenarioKnobs, AnItemThatIsNotAMappingIsRefusedWithItsLineAndKey) {
+    const Error e = refusal(kNodes + "interfaces: []\nfaults:\n  - drop\n");
+    EXPECT_EQ(e.line(), 5);
+    EXPECT_EQ(e.key(), "faults[0]");
+}
+
+TEST(ScenarioKnobs, ANestedValueIsRefused) {
+    const Error e = refusal(kNodes + "interfaces: []\nlimits:\n  - {table: [arp]}\n");
+    EXPECT_EQ(e.line(), 5);
+    EXPECT_EQ(e.key(), "limits[0].table");
+}
+
+}  // namespace
+}  // namespace sim::scenario
