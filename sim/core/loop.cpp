@@ -155,6 +155,13 @@ void Conn::ready(std::uint32_t events) {
 
 void Conn::deliver(std::span<const std::uint8_t> msg) {
     if (waiting_) {
+        // A peer that goes on sending while its request is held is not held without bound.
+        if (held_bytes_ + msg.size() > Loop::kMaxOutbox) {
+            SIM_LOG(kWarn, "dropping a peer (pid %d) that sent %zu bytes behind a delayed request",
+                    static_cast<int>(pid_), held_bytes_);
+            return close();
+        }
+        held_bytes_ += msg.size();
         held_.emplace_back(msg.begin(), msg.end());
         return;
     }
@@ -180,6 +187,7 @@ void Conn::handle(std::span<const std::uint8_t> msg, bool check) {
             return;
         case FaultAction::Kind::kDelay:
             waiting_ = true;
+            held_bytes_ += msg.size();
             held_.emplace_front(msg.begin(), msg.end());
             loop_.after(std::chrono::milliseconds(a.value), [this, alive = std::weak_ptr<char>(alive_)] {
                 if (alive.lock()) release();
@@ -193,10 +201,12 @@ void Conn::release() {
     if (fd_ < 0 || held_.empty()) return;
     std::vector<std::uint8_t> msg = std::move(held_.front());
     held_.pop_front();
+    held_bytes_ -= msg.size();
     handle(msg, false);
     while (!waiting_ && fd_ >= 0 && !held_.empty()) {
         msg = std::move(held_.front());
         held_.pop_front();
+        held_bytes_ -= msg.size();
         handle(msg, true);
     }
 }

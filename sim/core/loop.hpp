@@ -119,6 +119,7 @@ private:
     std::optional<std::size_t> cut_;
     // Messages that wait behind a delayed one (the first of them is the delayed one).
     std::deque<std::vector<std::uint8_t>> held_;
+    std::size_t held_bytes_ = 0;
     bool waiting_ = false;
     // Lives as long as the connection: a timer that outlives it finds it expired.
     std::shared_ptr<char> alive_ = std::make_shared<char>();
