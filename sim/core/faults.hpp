@@ -15,8 +15,9 @@
 //   - drop: the request is read and never answered (the client's own time-out applies);
 //   - delay: the request waits, then is carried out and answered (later requests of the
 //     same connection wait behind it, as they would behind a slow module);
-//   - truncate: the request is carried out and its answer cut to its first K bytes (the
-//     reply bytes of a kernel module or a dump chunk; the whole message of a service);
+//   - truncate: the request is carried out and its answer cut to its first K bytes as it
+//     crosses the channel (on the device channel the result word and, for a kernel request,
+//     the returned length come first);
 //   - close: the connection is closed instead of answering; the request is not carried out.
 // Nothing in the device's state is changed by a request that an error, a drop or a close
 // answered.

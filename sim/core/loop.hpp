@@ -92,10 +92,6 @@ protected:
     // The connection ended (peer closed, error, or close()).
     virtual void closed() {}
     Loop& loop() noexcept { return loop_; }
-    // The answer of the message being handled is to be cut to this many bytes (a truncate
-    // fault): send() cuts each message it sends meanwhile, unless the connection took the
-    // cut to apply it to its answer's payload itself.
-    std::optional<std::size_t> take_cut() noexcept { return std::exchange(cut_, std::nullopt); }
 
 private:
     void flush();
@@ -116,6 +112,7 @@ private:
     bool close_when_sent_ = false;
     FaultCheck fault_check_;
     Refusal refuse_;
+    // While a truncate fault answers a message: send() cuts each message to this many bytes.
     std::optional<std::size_t> cut_;
     // Messages that wait behind a delayed one (the first of them is the delayed one).
     std::deque<std::vector<std::uint8_t>> held_;

@@ -47,13 +47,9 @@ protected:
                     static_cast<int>(peer_pid()));
             return close();
         }
-        cut_reply_ = take_cut();
         Writer w(out().subspan(4));
         const std::uint32_t result = ops != nullptr && ops->serve != nullptr ? (this->*ops->serve)(r, w) : kFailure;
-        std::size_t len = w.ok() ? w.size() : 0;
-        if (cut_reply_) len = std::min(len, *cut_reply_);
-        cut_reply_.reset();
-        reply(result, len);
+        reply(result, w.ok() ? w.size() : 0);
     }
 
     void closed() override { leave(); }
@@ -406,9 +402,6 @@ private:
         if (ctx_.device.node_up(node)) {
             status = kernel_dispatch(ctx_, node, command, request, reply, &returned);
         }
-        // A truncate fault cuts the module's reply, and the length it tells with it.
-        if (cut_reply_) returned = static_cast<std::uint32_t>(std::min<std::size_t>(returned, *cut_reply_));
-        cut_reply_.reset();
         if (ctx_.capture.on()) {
             ctx_.capture.record({"request", node, "kernel", 0, command, static_cast<int>(peer_pid())}, request,
                                 {{"async", async != 0}, {"reply_cap", cap}});
@@ -471,8 +464,6 @@ private:
     std::uint16_t node_ = 0;
     // The open dumps' request ids and nodes, by handle (for the faults of a dump's pulls).
     std::map<std::int32_t, std::pair<std::uint32_t, std::uint16_t>> dump_ids_;
-    // A truncate fault's length for the answer being made.
-    std::optional<std::size_t> cut_reply_;
     bool subscribed_ = false;
     bool counted_ = true;
 };

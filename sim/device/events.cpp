@@ -30,6 +30,31 @@ private:
     bool was_;
 };
 
+// The tables take back what a board held whatever their limits: a board put back brings
+// back everything it held. The limits apply again once it is back.
+class LimitsLifted {
+public:
+    explicit LimitsLifted(Context& ctx)
+        : ctx_(ctx), arp_(ctx.neighs.capacity(2)), nd_(ctx.neighs.capacity(10)), fib_(ctx.fib.capacity()) {
+        ctx.neighs.set_capacity(2, std::nullopt);
+        ctx.neighs.set_capacity(10, std::nullopt);
+        ctx.neighs.lift_interface_capacity(10, true);
+        ctx.fib.set_capacity(std::nullopt);
+    }
+    ~LimitsLifted() {
+        ctx_.neighs.set_capacity(2, arp_);
+        ctx_.neighs.set_capacity(10, nd_);
+        ctx_.neighs.lift_interface_capacity(10, false);
+        ctx_.fib.set_capacity(fib_);
+    }
+    LimitsLifted(const LimitsLifted&) = delete;
+    LimitsLifted& operator=(const LimitsLifted&) = delete;
+
+private:
+    Context& ctx_;
+    std::optional<std::size_t> arp_, nd_, fib_;
+};
+
 // Removes the neighbours of both families on the interfaces; gives what it removed.
 std::vector<Neighbour> flush_neighbours(Context& ctx, const std::set<std::uint32_t>& ifindexes) {
     std::vector<Neighbour> gone;
@@ -99,8 +124,9 @@ json put_back(Context& ctx, std::uint16_t node) {
     ctx.events.pulled.erase(node);
     {
         const Unstored unstored(ctx);
+        const LimitsLifted lifted(ctx);
         for (const IPAddrInfo& a : held.addresses) ctx.addrs.put(a);
-        for (const Neighbour& n : held.neighbours) (void)ctx.neighs.put(n);
+        for (const Neighbour& n : held.neighbours) (void)ctx.neighs.put(n);  // taken: no limit now
         for (const Route& r : held.routes) (void)ctx.fib.put(r);
     }
     if (ctx.events.listen_node) ctx.events.listen_node(node);
@@ -115,25 +141,31 @@ json put_back(Context& ctx, std::uint16_t node) {
 // A link that goes down: the neighbours learnt on it are flushed, the routes through it go
 // inactive. Its addresses stay (they belong to the interface, not to the link).
 json link_set(Context& ctx, std::uint32_t ifindex, bool up) {
-    const bool was_up = ctx.events.links_down.count(ifindex) == 0;
-    if (was_up == up) return json{{"changed", false}};
-    std::size_t neighbours = 0, routes = 0;
+    const auto down = ctx.events.links_down.find(ifindex);
+    if ((down == ctx.events.links_down.end()) == up) return json{{"changed", false}};
+    std::size_t neighbours = 0;
     const Unstored unstored(ctx);
-    if (!up) {
-        ctx.events.links_down.insert(ifindex);
-        neighbours = flush_neighbours(ctx, {ifindex}).size();
-    } else {
-        ctx.events.links_down.erase(ifindex);
-    }
+    // The routes through the link that it takes down, or the ones it took down and brings
+    // back (a route that was inactive before stays so).
     std::vector<Route> changed;
-    ctx.fib.each_mutable([&](Route& r) {
-        if (r.ifindex == ifindex && r.active != up) changed.push_back(r);
-    });
+    if (!up) {
+        neighbours = flush_neighbours(ctx, {ifindex}).size();
+        ctx.fib.each_mutable([&](Route& r) {
+            if (r.ifindex == ifindex && r.active) changed.push_back(r);
+        });
+        auto& keys = ctx.events.links_down[ifindex];
+        for (const Route& r : changed) keys.push_back(FibTable::key_of(r));
+    } else {
+        for (const FibTable::Key& k : down->second) {
+            if (const Route* r = ctx.fib.find(k); r != nullptr && r->ifindex == ifindex) changed.push_back(*r);
+        }
+        ctx.events.links_down.erase(down);
+    }
     for (Route& r : changed) {
         r.active = up;
         (void)ctx.fib.put(r);  // a change of a route held: always taken, and counted as a change
     }
-    routes = changed.size();
+    const std::size_t routes = changed.size();
     SIM_LOG(kInfo, "link of interface %u %s: %zu neighbours flushed, %zu routes changed", ifindex, up ? "up" : "down",
             neighbours, routes);
     return json{{"changed", true}, {"neighbours", neighbours}, {"routes", routes}};

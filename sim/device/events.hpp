@@ -28,8 +28,9 @@ struct DeviceEvents {
         std::vector<Route> routes;
     };
     std::map<std::uint16_t, Held> pulled;
-    // Interfaces whose link is down, and the neighbours and routes that went with it.
-    std::set<std::uint32_t> links_down;
+    // Interfaces whose link is down, with the routes it made inactive (the ones that come
+    // back when it comes up).
+    std::map<std::uint32_t, std::vector<FibTable::Key>> links_down;
     // Restarts under way, by port: the last one started (an earlier timer does nothing).
     std::map<std::uint16_t, std::uint64_t> restarting;
     std::uint64_t restarts = 0;

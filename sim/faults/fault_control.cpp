@@ -24,6 +24,8 @@ using nlohmann::json;
 
 // The longest delay a fault holds a request for: 10 minutes.
 constexpr std::uint64_t kDelayMostMs = 600'000;
+// The most faults the device plays at once (each request is matched against the list).
+constexpr std::size_t kFaultsMost = 1024;
 
 std::string hex(std::uint32_t v) {
     char buf[16];
@@ -157,7 +159,12 @@ nlohmann::json faults_json(const Faults& faults) {
 
 void register_fault_control(Context& ctx) {
     ctx.control.on("fault.set", [&ctx](const json& req) {
-        const std::uint32_t id = ctx.faults.add(fault_of(ctx, req));
+        Fault f = fault_of(ctx, req);
+        if (ctx.faults.list().size() >= kFaultsMost) {
+            throw std::invalid_argument("the device plays " + std::to_string(kFaultsMost) +
+                                        " faults already, the most it takes: clear some first");
+        }
+        const std::uint32_t id = ctx.faults.add(std::move(f));
         SIM_LOG(kInfo, "fault %u set: %s", id, fault_json(ctx.faults.list().back()).dump().c_str());
         return json{{"id", id}, {"fault", fault_json(ctx.faults.list().back())}};
     });

@@ -34,7 +34,7 @@ std::size_t NeighTable::on_interface(std::uint8_t family, std::uint32_t ifindex)
 bool NeighTable::room(std::uint8_t family, std::uint32_t ifindex, std::size_t count) const {
     const Limit& l = limit(family);
     if (l.capacity && (table(family).size() >= *l.capacity || *l.capacity - table(family).size() < count)) return false;
-    const std::size_t per = l.per_interface ? l.per_interface(ifindex) : 0;
+    const std::size_t per = l.per_interface && !l.lifted ? l.per_interface(ifindex) : 0;
     const std::size_t used = on_interface(family, ifindex);
     return per == 0 || (used < per && per - used >= count);
 }
@@ -59,7 +59,7 @@ bool NeighTable::put(const Neighbour& n) {
         return true;
     }
     Limit& l = limit(n.family);
-    if ((l.capacity || l.per_interface) && !room(n.family, n.ifindex, 1)) {
+    if (!room(n.family, n.ifindex, 1)) {
         ++l.refused;
         return false;
     }

@@ -93,6 +93,8 @@ public:
     void set_interface_capacity(std::uint8_t family, std::function<std::size_t(std::uint32_t ifindex)> c) {
         limit(family).per_interface = std::move(c);
     }
+    // While lifted, the interface capacities of a family do not apply.
+    void lift_interface_capacity(std::uint8_t family, bool lifted) noexcept { limit(family).lifted = lifted; }
     std::size_t on_interface(std::uint8_t family, std::uint32_t ifindex) const;
     std::size_t interface_capacity(std::uint8_t family, std::uint32_t ifindex) const {
         return limit(family).per_interface ? limit(family).per_interface(ifindex) : 0;
@@ -122,6 +124,7 @@ private:
     struct Limit {
         std::optional<std::size_t> capacity;
         std::function<std::size_t(std::uint32_t)> per_interface;
+        bool lifted = false;
         std::uint64_t refused = 0;
         std::map<std::uint32_t, std::size_t> counts;  // entries by interface
     };
