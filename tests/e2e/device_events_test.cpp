@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -430,6 +431,43 @@ TEST_F(DeviceEvents, NodePulledKeepsWhatClientsStored) {
     EXPECT_EQ(IF_IsNodeUp(2), 1u);
     ASSERT_EQ(lookup_any(ip("10.2.9.1"), &info), 0u);
     EXPECT_EQ(info.stEntry.stKey.uiIfIndex, kGeNode2);
+}
+
+}  // namespace
+}  // namespace e2e::device_event_tests
+
+namespace e2e::device_event_tests {
+namespace {
+
+// An application that walks every address while node 2 is pulled out goes on from where it
+// was: no error, no record of the pulled board after that, the same end as a whole walk.
+TEST_F(DeviceEvents, NodeDownWhileAnApplicationWalksAllAddresses) {
+    std::uint32_t whole_end = 0;
+    const Seen whole = driver_walk(&whole_end);
+    ASSERT_EQ(whole.size(), 7u);
+    const auto node2_at = std::find(whole.begin(), whole.end(), std::make_pair(kGeNode2, std::string("10.2.1.1")));
+    ASSERT_NE(node2_at, whole.end());
+    const auto before_node2 = static_cast<std::size_t>(node2_at - whole.begin());
+    ASSERT_GE(before_node2, 2u);
+
+    Seen seen;
+    IPAddrKey key{};
+    key.usVrfIndex = IPADDR_ANY_VRF;
+    IPAddrInfo info{};
+    std::uint32_t rc = 0;
+    while ((rc = IPAddr_Drvk_GetNextAddrOnIf(0, 0, 1, &key, &info)) == 0 && seen.size() < 100) {
+        seen.emplace_back(info.stEntry.stKey.uiIfIndex, dotted(info.stEntry.stKey.uiAddr));
+        key = info.stEntry.stKey;
+        // Midway, before the walk reaches the board's interface, the board goes.
+        if (seen.size() == before_node2) ok({{"op", "node.set"}, {"node", 2}, {"state", "down"}});
+    }
+    EXPECT_EQ(rc, whole_end);
+    Seen expected = whole;
+    expected.erase(expected.begin() + static_cast<std::ptrdiff_t>(before_node2));
+    EXPECT_EQ(seen, expected);
+    ok({{"op", "node.set"}, {"node", 2}, {"state", "up"}});
+    std::uint32_t end_up = 0;
+    EXPECT_EQ(driver_walk(&end_up), whole);
 }
 
 }  // namespace

@@ -374,7 +374,13 @@ TEST_F(IpctlAddr, DeletingAnAddressTheInterfaceLacksIsRefused) {
     const Result r = ipctl({"addr", "del", "10.77.1.1/24", "dev", "GigabitEthernet1/0/1"});
     EXPECT_EQ(r.code, 1) << describe(r);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "ipctl: deleting 10.77.1.1/24 on GigabitEthernet1/0/1: IPSTATUS_FAILED (0x40010001)\n");
+    EXPECT_EQ(r.err, "ipctl: no address 10.77.1.1/24 on GigabitEthernet1/0/1\n");
+    // The address with another length is not that address either; given by index, the
+    // interface is named.
+    const Result other = ipctl({"addr", "del", "10.1.1.1/16", "dev", "2"});
+    EXPECT_EQ(other.code, 1) << describe(other);
+    EXPECT_EQ(other.err, "ipctl: no address 10.1.1.1/16 on GigabitEthernet1/0/1\n");
+    EXPECT_NE(run_ok({"addr", "show", "dev", "2"}).find("10.1.1.1/24"), std::string::npos);
 }
 
 // ---- neigh -------------------------------------------------------------------------------
@@ -780,7 +786,8 @@ TEST_F(IpctlStats, SettingsChangedOnTheDeviceShowThrough) {
     control_ok({{"op", "ipstat.set"}, {"interface", "GigabitEthernet1/1/1"}, {"mtu", 9216}});
     EXPECT_EQ(run_ok({"stats", "ttl"}), "ttl  64\n");
     EXPECT_EQ(run_ok({"stats", "mtu", "dev", "GigabitEthernet1/1/1"}), "dev  GigabitEthernet1/1/1\nmtu  9216\n");
-    expect_record(run_json({"stats", "mtu", "dev", "4"}), {{"ifname", "4"}, {"mtu", 9216}});
+    // An interface given by its index is named as the device names it.
+    expect_record(run_json({"stats", "mtu", "dev", "4"}), {{"ifname", "GigabitEthernet1/1/1"}, {"mtu", 9216}});
     expect_record(run_json({"stats", "ttl"}), {{"ttl", 64}});
 }
 
@@ -1078,9 +1085,37 @@ TEST_F(IpctlUsage, UnknownObject) {
 }
 
 TEST_F(IpctlUsage, MissingOrUnknownVerb) {
-    expect_usage({"addr"}, "a command is missing", "addr { show | add | del | summary } ...");
-    expect_usage({"neigh"}, "a command is missing", "neigh { show | resolve } ...");
     expect_usage({"route", "list"}, "unknown command \"list\"", "route { show | get | save } ...");
+    expect_usage({"addr", "-x"}, "unknown command \"-x\"", "addr { show | add | del | summary } ...");
+}
+
+// As ip reads its command line: an object alone shows, any unique prefix of an object or a
+// verb stands for it, a prefix of several names is refused with them.
+TEST_F(IpctlUsage, AnObjectAloneShows) {
+    EXPECT_EQ(run_ok({"addr"}), run_ok({"addr", "show"}));
+    EXPECT_EQ(run_ok({"neigh"}), run_ok({"neigh", "show"}));
+    EXPECT_EQ(run_ok({"-j", "route"}), run_ok({"-j", "route", "show"}));
+    EXPECT_EQ(run_ok({"device"}), run_ok({"device", "show"}));
+}
+
+TEST_F(IpctlUsage, UniquePrefixesOfObjectsAndVerbs) {
+    const std::string addresses = run_ok({"addr", "show"});
+    ASSERT_NE(addresses, "");
+    EXPECT_EQ(run_ok({"a"}), addresses);
+    EXPECT_EQ(run_ok({"ad", "sh"}), addresses);
+    EXPECT_EQ(run_ok({"addr", "su"}), run_ok({"addr", "summary"}));
+    EXPECT_EQ(run_ok({"stats"}), run_ok({"stats", "show"}));
+    EXPECT_EQ(run_ok({"n"}), run_ok({"neigh", "show"}));
+    EXPECT_EQ(run_ok({"r", "g", "10.1.1.1"}), run_ok({"route", "get", "10.1.1.1"}));
+    EXPECT_EQ(run_ok({"-j", "d", "sh"}), run_ok({"-j", "device", "show"}));
+    EXPECT_EQ(run_ok({"-i", e2e::instance(), "statu"}), run_ok({"status"}));
+}
+
+TEST_F(IpctlUsage, APrefixOfSeveralNamesIsAmbiguous) {
+    expect_usage({"s"}, "\"s\" is ambiguous: stats, status", kTopUsage);
+    expect_usage({"st"}, "\"st\" is ambiguous: stats, status", kTopUsage);
+    expect_usage({"addr", "s"}, "\"s\" is ambiguous: show, summary", "addr { show | add | del | summary } ...");
+    expect_usage({"-j", "a", "s", "dev", "2"}, "\"s\" is ambiguous: show, summary", "addr { show | add | del | summary } ...");
 }
 
 TEST_F(IpctlUsage, BadAddress) {
@@ -1122,6 +1157,72 @@ TEST_F(IpctlUsage, MissingValues) {
     expect_usage({"route", "show", "-6"}, "IPv6 routes are found by prefix: give a PREFIX",
                  "route show [-4|-6] [vrf NAME] [PREFIX]");
     expect_usage({"-n", "0", "status"}, "--node: Value 0 not in range 1 to 32767", "status [--wait SECONDS]");
+}
+
+}  // namespace
+
+// ---- as an ip user types it ---------------------------------------------------------------
+
+namespace {
+
+TEST_F(IpctlUsage, HelpAndVersion) {
+    const Result help = ipctl({"help"});
+    EXPECT_EQ(help.code, 0) << describe(help);
+    EXPECT_NE(help.out.find("OBJECT COMMAND [ARGS]"), std::string::npos) << help.out;
+    const Result addr_help = ipctl({"addr", "help"});
+    EXPECT_EQ(addr_help.code, 0) << describe(addr_help);
+    EXPECT_NE(addr_help.out.find("addr { show | add | del | summary } ..."), std::string::npos) << addr_help.out;
+    EXPECT_EQ(ipctl({"a", "help"}).out, addr_help.out);
+    const Result v = ipctl({"-V"});
+    EXPECT_EQ(v.code, 0) << describe(v);
+    EXPECT_EQ(v.out, "ipctl 0.1.0, libipclient 0.1.0\n");
+    EXPECT_EQ(ipctl({"--version"}).out, v.out);
+}
+
+TEST_F(IpctlUsage, SecondaryGivenTwiceIsRefused) {
+    expect_usage({"addr", "add", "10.9.9.1/24", "dev", "GigabitEthernet1/0/1", "secondary", "secondary"},
+                 "\"secondary\" is given twice", "addr add ADDR/LEN dev IF [secondary]");
+}
+
+TEST_F(IpctlUsage, AnAddressNoInterfaceCanHaveIsRefused) {
+    const std::string usage = "addr add ADDR/LEN dev IF [secondary]";
+    expect_usage({"addr", "add", "224.0.0.1/24", "dev", "GigabitEthernet1/0/1"}, "\"224.0.0.1/24\" is a multicast address",
+                 usage);
+    expect_usage({"addr", "add", "10.9.9.255/24", "dev", "GigabitEthernet1/0/1"},
+                 "\"10.9.9.255/24\" is the broadcast address of its network", usage);
+    expect_usage({"addr", "add", "255.255.255.255/32", "dev", "GigabitEthernet1/0/1"},
+                 "\"255.255.255.255/32\" is the broadcast address", usage);
+    expect_usage({"addr", "add", "127.0.0.9/8", "dev", "GigabitEthernet1/0/1"}, "\"127.0.0.9/8\" is a loopback address",
+                 usage);
+    expect_usage({"addr", "add", "0.0.0.9/8", "dev", "GigabitEthernet1/0/1"}, "\"0.0.0.9/8\" is not a host address", usage);
+    // A /31 has no broadcast address; a /32 is a host.
+    EXPECT_EQ(run_ok({"addr", "add", "10.9.9.255/31", "dev", "GigabitEthernet1/0/2"}), "");
+    EXPECT_EQ(run_ok({"addr", "add", "10.9.8.255/32", "dev", "LoopBack0", "secondary"}), "");
+}
+
+TEST_F(IpctlUsage, MonitorCountIsOneOrMore) {
+    for (const char* count : {"-1", "0", "1x", "99999999999999999999"}) {
+        const Result r = ipctl({"monitor", "--count", count}, std::chrono::milliseconds(3000));
+        EXPECT_EQ(r.code, 2) << count << "\n" << describe(r);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.err, "Error: --count: Value " + std::string(count) + " is not a whole number from 1\n" + kUsage +
+                             "monitor [addr|arp|nd|wlan|all]... [--count N]\n");
+    }
+}
+
+TEST_F(IpctlOptions, NodeTheDeviceLacksIsNamedWithTheNodesItHas) {
+    const Result r = ipctl({"-n", "3", "addr", "show"});
+    EXPECT_EQ(r.code, 1) << describe(r);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "ipctl: no node 3 (the device has nodes 1-2)\n");
+    EXPECT_EQ(ipctl({"-n", "3", "status"}).err, r.err);
+}
+
+TEST_F(IpctlWithoutDevice, RouteShowWithoutASimulatorNamesTheMissingSimulator) {
+    const Result r = ipctl({"route", "show"});
+    EXPECT_EQ(r.code, 1) << describe(r);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "ipctl: no simulator answers for instance \"" + e2e::instance() + "\"\n");
 }
 
 }  // namespace

@@ -37,6 +37,29 @@ std::string method_name(std::uint32_t method) {
     }
 }
 
+// Why an address cannot be an interface's: a multicast, broadcast, loopback or unspecified
+// address, or the network's own broadcast; null for one that can.
+const char* not_unicast(std::uint32_t addr, unsigned len) {
+    const std::uint8_t first = inet4_byte(addr, 0);
+    if (first >= 224 && first <= 239) return "is a multicast address";
+    if (first >= 240) return addr == 0xFFFFFFFFu ? "is the broadcast address" : "is a reserved address";
+    if (first == 0) return "is not a host address";
+    if (first == 127) return "is a loopback address";
+    const std::uint32_t host = ~length_mask(len);
+    if (len < 31 && (addr & host) == host) return "is the broadcast address of its network";
+    return nullptr;
+}
+
+// True when the interface holds the address with this mask.
+bool holds(std::uint32_t ifindex, std::uint32_t addr, std::uint32_t mask) {
+    IPAddrEntry e{};
+    for (std::uint32_t rc = IPAddr_GetFirstAddr(ifindex, 0, &e), n = 0; rc == 0 && n < 100'000;
+         rc = IPAddr_GetNextAddr(ifindex, 0, &e), ++n) {
+        if (e.stKey.uiIfIndex == ifindex && e.stKey.uiAddr == addr && e.stKey.uiMask == mask) return true;
+    }
+    return false;
+}
+
 void addr_show(Context& ctx, const CLI::App& verb, Words words) {
     std::optional<std::string> dev;
     while (!words.done()) {
@@ -62,14 +85,25 @@ void addr_change(const CLI::App& verb, Words words, bool add) {
     bool secondary = false;
     while (!words.done()) {
         const std::string w = words.next();
-        if (w == "dev") words.value_of("dev", &dev);
-        else if (w == "secondary") secondary = true;
-        else words.unexpected();
+        if (w == "dev") {
+            words.value_of("dev", &dev);
+        } else if (w == "secondary") {
+            if (secondary) usage_error(verb, "\"secondary\" is given twice");
+            secondary = true;
+        } else {
+            words.unexpected();
+        }
     }
     if (!dev) usage_error(verb, "\"dev IF\" is required");
+    if (add) {
+        if (const char* why = not_unicast(prefix->addr, prefix->len)) usage_error(verb, "\"" + text + "\" " + why);
+    }
     const std::uint32_t ifindex = interface_index(verb, *dev);
     const std::uint32_t mask = length_mask(prefix->len);
     const std::uint32_t fourth = secondary ? kFlagSub : 0;
+    if (!add && !holds(ifindex, prefix->addr, mask)) {
+        failure("no address " + text + " on " + interface_name(ifindex));
+    }
     const std::uint32_t rc = add ? IPCfg_AddManualAddr(ifindex, prefix->addr, mask, fourth)
                                  : IPCfg_DelManualAddr(ifindex, prefix->addr, mask, fourth);
     if (rc != 0) status_error((add ? "adding " : "deleting ") + text + " on " + *dev, rc);

@@ -66,4 +66,10 @@ std::optional<Prefix4> parse_prefix4(const std::string& text) {
     return Prefix4{*addr, len};
 }
 
+std::uint8_t inet4_byte(std::uint32_t addr_network_order, unsigned i) {
+    std::uint8_t b[4];
+    std::memcpy(b, &addr_network_order, sizeof b);
+    return b[i & 3u];
+}
+
 }  // namespace ipctl

@@ -23,6 +23,8 @@ unsigned mask_length(std::uint32_t mask_network_order);
 std::uint32_t length_mask(unsigned len);
 std::optional<std::uint32_t> parse_inet4(const std::string& text);
 std::optional<std::array<std::uint8_t, 16>> parse_inet6(const std::string& text);
+// Byte i (0 the first written) of an IPv4 address in network order.
+std::uint8_t inet4_byte(std::uint32_t addr_network_order, unsigned i);
 // "A.B.C.D/LEN" (LEN 0..32; without it /32).
 std::optional<Prefix4> parse_prefix4(const std::string& text);
 

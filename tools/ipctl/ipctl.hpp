@@ -81,6 +81,10 @@ CLI::App* add_verb(CLI::App* object, const std::string& name, const std::string&
 // An object's subcommand, which takes exactly one verb; usage lists its verbs.
 CLI::App* add_object(CLI::App& app, const std::string& name, const std::string& help, const std::string& usage);
 
+// The command line with prefixes of objects and verbs expanded, "show" added to an object
+// given alone, "help" made --help (main.cpp).
+std::vector<std::string> expanded(const CLI::App& app, std::vector<std::string> args);
+
 // A value stored in host order at byte `off` of a record, at any alignment.
 template <class U>
 U host_at(const void* p, std::size_t off = 0) {

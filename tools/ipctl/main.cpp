@@ -7,12 +7,16 @@
 // library returned a status (printed with its name), 2 a usage error.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "ipclient/kernel.h"
 #include "ipctl.hpp"
@@ -130,6 +134,99 @@ std::string interface_name(std::uint32_t ifindex) {
     return name;
 }
 
+namespace {
+
+// The subcommand of `at` that a word names: its name, or a prefix of one name alone. Null
+// when none does; *others lists the names a prefix of several would stand for.
+const CLI::App* named(const CLI::App& at, const std::string& word, std::vector<std::string>* others) {
+    const CLI::App* found = nullptr;
+    for (const CLI::App* sub : at.get_subcommands({})) {
+        if (sub->get_name() == word) return sub;
+        if (sub->get_name().rfind(word, 0) == 0) {
+            others->push_back(sub->get_name());
+            found = sub;
+        }
+    }
+    return others->size() == 1 ? found : nullptr;
+}
+
+// The numbers of nodes as runs: "1-2, 5".
+std::string node_runs(std::vector<std::uint16_t> nodes) {
+    std::sort(nodes.begin(), nodes.end());
+    std::string out;
+    for (std::size_t i = 0; i < nodes.size();) {
+        std::size_t j = i;
+        while (j + 1 < nodes.size() && nodes[j + 1] == nodes[j] + 1) ++j;
+        out += (out.empty() ? "" : ", ") + std::to_string(nodes[i]);
+        if (j > i) out += "-" + std::to_string(nodes[j]);
+        i = j + 1;
+    }
+    return out;
+}
+
+// Why the device cannot run the tool as this node: it does not have it. The nodes are asked
+// as the master, on a thread of its own: the process's own connection, opened later, runs
+// as the node asked. Nothing when the node is there or no device answers (the verb then says
+// why).
+std::optional<std::string> missing_node(std::uint16_t node) {
+    std::vector<std::uint16_t> nodes;
+    std::thread([&nodes] {
+        std::uint32_t count = 0;
+        if (std::uint16_t* list = DEV_GetAllNodes(&count)) {
+            nodes.assign(list, list + count);
+            std::free(list);
+        }
+    }).join();
+    if (nodes.empty() || std::find(nodes.begin(), nodes.end(), node) != nodes.end()) return std::nullopt;
+    return "no node " + std::to_string(node) + " (the device has " + (nodes.size() == 1 ? "node " : "nodes ") +
+           node_runs(nodes) + ")";
+}
+
+// The global options that take a value, as the next word.
+bool takes_value(const std::string& word) {
+    return word == "-i" || word == "--instance" || word == "-n" || word == "--node";
+}
+
+}  // namespace
+
+// The command line as ip reads it: any unique prefix of an object or of a verb stands for it
+// (ipctl a, ipctl r g 10.1.1.1), an object given alone shows (ipctl addr), and "help" in the
+// place of an object or a verb asks for its help. A prefix of several names is a usage error
+// that lists them.
+std::vector<std::string> expanded(const CLI::App& app, std::vector<std::string> args) {
+    std::size_t i = 0;
+    while (i < args.size() && args[i].size() > 1 && args[i][0] == '-') i += takes_value(args[i]) ? 2u : 1u;
+    if (i >= args.size()) return args;
+    const CLI::App* at = &app;
+    for (int level = 0; level < 2; ++level) {
+        if (i >= args.size()) {
+            // An object without its verb: show, where it has one.
+            std::vector<std::string> none;
+            if (level == 1 && named(*at, "show", &none) != nullptr) args.emplace_back("show");
+            return args;
+        }
+        if (args[i] == "help") {
+            args[i] = "--help";
+            return args;
+        }
+        std::vector<std::string> names;
+        const CLI::App* sub = named(*at, args[i], &names);
+        if (sub == nullptr && names.size() > 1) {
+            std::string list;
+            for (const std::string& n : names) list += (list.empty() ? "" : ", ") + n;
+            std::fprintf(stderr, "Error: \"%s\" is ambiguous: %s\nUsage: ipctl [-i NAME] [-n N] [-j] [-p] %s\n",
+                         args[i].c_str(), list.c_str(), at->get_footer().c_str());
+            throw Exit{kExitUsage};
+        }
+        if (sub == nullptr) return args;  // unknown: the parser names it
+        args[i] = sub->get_name();
+        if (sub->get_subcommands({}).empty()) return args;  // a verb of its own (status, monitor)
+        at = sub;
+        ++i;
+    }
+    return args;
+}
+
 }  // namespace ipctl
 
 int main(int argc, char** argv) {
@@ -144,6 +241,7 @@ int main(int argc, char** argv) {
     app.add_option("-n,--node", node, "the node to ask and to run as (1..32767)")->check(CLI::Range(1, 32767));
     app.add_flag("-j,--json", json, "JSON output");
     app.add_flag("-p,--pretty", pretty, "indented JSON output");
+    app.set_version_flag("-V,--version", std::string("ipctl ") + IPCTL_VERSION + ", libipclient " + IPCTL_VERSION);
     app.require_subcommand(1, 1);
 
     Printer printer(false, false);
@@ -158,7 +256,17 @@ int main(int argc, char** argv) {
     add_status(app, ctx);
 
     try {
-        app.parse(argc, argv);
+        std::vector<std::string> args;
+        try {
+            args = expanded(app, std::vector<std::string>(argv + 1, argv + argc));
+        } catch (const Exit& e) {
+            return e.code;
+        }
+        // The parser takes the words last first.
+        std::reverse(args.begin(), args.end());
+        app.parse(args);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
     } catch (const CLI::CallForHelp& e) {
         return app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
@@ -188,6 +296,10 @@ int main(int argc, char** argv) {
         ::setenv("IPCLIENT_INSTANCE", "default", 1);
     }
     if (node > 0) {
+        if (const auto why = missing_node(static_cast<std::uint16_t>(node))) {
+            std::fprintf(stderr, "ipctl: %s\n", why->c_str());
+            return kExitFailed;
+        }
         ::setenv("IPCLIENT_NODE", std::to_string(node).c_str(), 1);
         ctx.node = static_cast<std::uint16_t>(node);
     }

@@ -202,7 +202,17 @@ void add_monitor(CLI::App& app, Context& ctx) {
     CLI::App* verb = add_verb(&app, "monitor", "prints events as they arrive, each stamped",
                               "monitor [addr|arp|nd|wlan|all]... [--count N]", ctx,
                               [&ctx, count](const CLI::App& v, Words w) { monitor(ctx, v, std::move(w), *count); });
-    verb->add_option("--count", *count, "end after this many events");
+    // Checked as written: the parser would read "-1" as the largest count, for ever.
+    verb->add_option("--count", *count, "end after this many events (1 or more)")
+        ->check(CLI::Validator(
+            [](std::string& s) -> std::string {
+                const bool digits = !s.empty() && s.size() <= 19 && s.find_first_not_of("0123456789") == std::string::npos;
+                if (!digits || s.find_first_not_of('0') == std::string::npos) {
+                    return "Value " + s + " is not a whole number from 1";
+                }
+                return {};
+            },
+            "N"));
 }
 
 }  // namespace ipctl

@@ -235,6 +235,8 @@ void route_show(Context& ctx, const CLI::App& verb, Words words, bool v6) {
         else words.unexpected();
     }
     if (!v6) {
+        // Without a device there is no table to read: say that, not that a file failed.
+        require_device();
         if (prefix) {
             const auto p = parse_prefix4(*prefix);
             if (!p) usage_error(verb, "\"" + *prefix + "\" is not an IPv4 prefix");

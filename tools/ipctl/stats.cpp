@@ -84,9 +84,10 @@ void show_icmp(Context& ctx, const CLI::App& verb, Words& words) {
     Record r;
     if (dev) {
         const std::uint32_t ifindex = interface_index(verb, *dev);
+        const std::string name = interface_name(ifindex);
         const std::uint32_t rc = IP_GetICMPIfStat(ifindex, sum);
-        if (rc != 0) status_error("reading the ICMP counters of " + *dev, rc);
-        r.add("ifname", *dev, *dev, "dev");
+        if (rc != 0) status_error("reading the ICMP counters of " + name, rc);
+        r.add("ifname", name, name, "dev");
     } else {
         // Every interface of the device: indexes are given densely, so the walk ends after
         // a run of 64 indexes the directory does not know.
@@ -111,14 +112,15 @@ void show_if(Context& ctx, const CLI::App& verb, Words& words) {
     const std::string dev = words.next();
     words.expect_end();
     const std::uint32_t ifindex = interface_index(verb, dev);
+    const std::string name = interface_name(ifindex);
     std::uint64_t mib[IP_MIBIF_COUNTERS] = {};
     std::uint64_t fw[IP_FWIF_COUNTERS] = {};
     std::uint32_t rc = IP_GetMibIfStat(ifindex, mib);
-    if (rc != 0) status_error("reading the MIB counters of " + dev, rc);
+    if (rc != 0) status_error("reading the MIB counters of " + name, rc);
     rc = IP_GetIPFWIfStat(ifindex, fw);
-    if (rc != 0) status_error("reading the forwarding counters of " + dev, rc);
+    if (rc != 0) status_error("reading the forwarding counters of " + name, rc);
     Record r;
-    r.add("ifname", dev, dev, "dev").json_only("ifindex", ifindex);
+    r.add("ifname", name, name, "dev").json_only("ifindex", ifindex);
     r.json_only("mib", counters_json(kMibNames, mib));
     r.json_only("forwarding", counters_json(kFwNames, fw));
     counters(r, kMibNames, mib, "mib.");
@@ -183,11 +185,13 @@ void stats_mtu(Context& ctx, const CLI::App& verb, Words words) {
     }
     if (!dev) usage_error(verb, "\"dev IF\" is required");
     const std::uint32_t ifindex = interface_index(verb, *dev);
+    // The interface as the device names it, whether it was given by name or by index.
+    const std::string name = interface_name(ifindex);
     std::uint32_t mtu = 0;
     const std::uint32_t rc = IP_GetIfMTU(ifindex, &mtu);
-    if (rc != 0) status_error("reading the MTU of " + *dev, rc);
+    if (rc != 0) status_error("reading the MTU of " + name, rc);
     Record r;
-    r.add("ifname", *dev, *dev, "dev").add("mtu", mtu, std::to_string(mtu), "mtu");
+    r.add("ifname", name, name, "dev").add("mtu", mtu, std::to_string(mtu), "mtu");
     ctx.out->object(r);
 }
 
