@@ -7,10 +7,10 @@
 #include <tuple>
 
 #include "core/log.hpp"
+#include "faults/faults.hpp"
 #include "ipproto/endpoints.hpp"
 #include "ipproto/wire.hpp"
 #include "modules/module.hpp"
-#include "faults/faults.hpp"
 #include "modules/vpn.hpp"
 #include "services/service.hpp"
 #include "services/services.hpp"

@@ -68,4 +68,22 @@ inline constexpr std::array<std::uint32_t, 19> kAdvertiseTypes{
 inline constexpr std::size_t kIfNameLen = ND_IF_CONFIG_NAME_LEN;
 static_assert(kIfNameLen == sizeof(NdIfConfigInfo::szName));
 
+// The batch (kCmdInfoBatch): the request is the key {address (16 bytes), BE32 interface
+// index}; the reply as many whole records as its capacity holds, words big-endian.
+namespace batch {
+inline constexpr std::size_t kKeyLen = 20;
+inline constexpr std::size_t kAddr = 0;      // 16 bytes
+inline constexpr std::size_t kIfIndex = 16;
+inline constexpr std::size_t kIfIndex2 = 20;  // the member of an aggregate that holds it, 0 none
+inline constexpr std::size_t kMac = 24;
+inline constexpr std::size_t kState = 30;    // byte
+inline constexpr std::size_t kKind = 31;     // byte
+inline constexpr std::size_t kUpdate = 32;
+inline constexpr std::size_t kRefresh = 36;
+inline constexpr std::size_t kVlan = 40;     // 16 bits
+inline constexpr std::size_t kVrf = 42;      // 16 bits
+inline constexpr std::size_t kVsi = 44;
+inline constexpr std::size_t kLen = 48;
+}  // namespace batch
+
 }  // namespace ipc::proto::nd

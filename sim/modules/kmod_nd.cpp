@@ -28,7 +28,7 @@ constexpr std::uint8_t kFamily = 10;
 constexpr std::size_t kAddrLen = 16;
 constexpr std::size_t kMacLen = 6;
 constexpr std::size_t kKeyLen = 24;
-constexpr std::size_t kBatchKeyLen = 20;
+constexpr std::size_t kBatchKeyLen = ipc::proto::nd::batch::kKeyLen;
 constexpr std::size_t kSpecifiedLen = 100;
 constexpr std::uint32_t kMaxSelector = 2;
 constexpr std::uint8_t kKindNoInterface = 6;
@@ -65,7 +65,13 @@ void put_entry(Writer& w, const Context& ctx, std::uint16_t node, const Neighbou
     w.be(n.updated).be(refresh_time(n)).zeros(4);
 }
 
+// One record of the batch, in the order of ipproto's batch offsets.
 void put_batch_record(Writer& w, const Context& ctx, const Neighbour& n) {
+    static_assert(batch::kIfIndex == kAddrLen && batch::kIfIndex2 == batch::kIfIndex + 4 &&
+                  batch::kMac == batch::kIfIndex2 + 4 && batch::kState == batch::kMac + kMacLen &&
+                  batch::kKind == batch::kState + 1 && batch::kUpdate == batch::kKind + 1 &&
+                  batch::kRefresh == batch::kUpdate + 4 && batch::kVlan == batch::kRefresh + 4 &&
+                  batch::kVrf == batch::kVlan + 2 && batch::kVsi == batch::kVrf + 2 && batch::kLen == batch::kVsi + 4);
     w.raw(n.addr.data(), kAddrLen).be(n.ifindex).be(n.port).raw(n.mac.data(), kMacLen);
     w.be(static_cast<std::uint8_t>(n.state)).be(kind_byte(ctx, n));
     w.be(n.updated).be(refresh_time(n)).be(n.vlan).be(n.vrf).be(n.vsi);

@@ -151,7 +151,7 @@ public:
     static constexpr std::uint32_t kExact = ipc::proto::nd::kCmdEntryInfo;
     static constexpr std::uint32_t kNext = ipc::proto::nd::kCmdNextEntryInfo;
     static constexpr std::uint32_t kBatch = ipc::proto::nd::kCmdInfoBatch;
-    static constexpr std::size_t kBatchRecordLen = 48;
+    static constexpr std::size_t kBatchRecordLen = ipc::proto::nd::batch::kLen;
 
     static bool serves_command(std::uint32_t command) noexcept {
         return command == kMessage || command == kIfConfig || command == kExact || command == kNext ||

@@ -1226,3 +1226,41 @@ TEST_F(IpctlWithoutDevice, RouteShowWithoutASimulatorNamesTheMissingSimulator) {
 }
 
 }  // namespace
+
+// ---- long listings --------------------------------------------------------------------------
+
+namespace {
+
+// A table longer than a page comes a page of 1024 entries at a time: every entry once, in
+// table order, each page's text aligned on its own rows, and the JSON one array whatever
+// the pages (compact or indented alike).
+TEST_F(IpctlNeigh, ALongListingComesInPagesAndStaysOneJsonArray) {
+    control_ok({{"op", "neigh.burst"},
+                {"interface", "GigabitEthernet1/0/2"},
+                {"first", "10.1.2.100"},
+                {"mac", "02:00:00:00:10:00"},
+                {"count", 3000}});
+    const std::vector<std::string> text = lines(run_ok({"neigh", "show", "-4"}));
+    ASSERT_EQ(text.size(), 3005u) << "the scenario's 5 entries and the burst's 3000";
+    EXPECT_EQ(text[0].rfind("10.1.1.2 ", 0), 0u) << text[0];
+    std::size_t burst = 0;
+    for (const std::string& l : text) {
+        if (l.find(" dev GigabitEthernet1/0/2 ") != std::string::npos) ++burst;
+    }
+    EXPECT_EQ(burst, 3000u);
+    // Pages align on their own rows: the first page holds 10.1.1.2 and 1023 of the burst.
+    EXPECT_EQ(text[1].find(" dev "), std::string("10.1.2.100  ").size() - 1) << text[1];
+
+    const Json compact = run_json({"neigh", "show", "-4"});
+    ASSERT_TRUE(compact.is_array());
+    ASSERT_EQ(compact.size(), 3005u);
+    EXPECT_EQ(compact[1]["dst"], "10.1.2.100");
+    EXPECT_EQ(compact[3000]["dst"], "10.1.14.27") << "10.1.2.100 and 2999 more";
+    EXPECT_EQ(compact[3004]["dst"], "192.168.1.10");
+    expect_fits(compact, "neigh");
+    const std::string pretty = run_ok({"-p", "neigh", "show", "-4"});
+    EXPECT_TRUE(Json::parse(pretty) == compact) << "the same listing, indented";
+    EXPECT_TRUE(nlohmann::ordered_json::parse(pretty).dump(2) + "\n" == pretty) << "indented as one array is";
+}
+
+}  // namespace

@@ -21,9 +21,14 @@ std::string inet6_text(const std::uint8_t* addr16) {
 }
 
 std::string mac_text(const std::uint8_t* m) {
-    char buf[18];
-    std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-    return buf;
+    // Written by hand: a listing formats one a line.
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string out(17, ':');
+    for (std::size_t i = 0; i < 6; ++i) {
+        out[3 * i] = kHex[m[i] >> 4];
+        out[3 * i + 1] = kHex[m[i] & 0xF];
+    }
+    return out;
 }
 
 unsigned mask_length(std::uint32_t mask) { return static_cast<unsigned>(std::popcount(mask)); }

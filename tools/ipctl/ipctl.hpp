@@ -108,7 +108,7 @@ struct ArpEntry {
     const std::uint8_t* mac = nullptr;
     unsigned state = 0, kind = 0, vlan = 0, vrf = 0;
 };
-ArpEntry arp_from_table(const std::uint8_t* entry);             // ARP_GetNextEntry: big-endian
+ArpEntry arp_from_batch(const std::uint8_t* record);            // ARP_GetNextInfoBatch: big-endian
 ArpEntry arp_from_lookup(const std::uint8_t* entry);            // ARP_GetEntryByIP: host order
 ArpEntry arp_from_event(const std::uint8_t* entry, unsigned vrf);  // an event's entry: host order
 Record arp_record(const ArpEntry& e);

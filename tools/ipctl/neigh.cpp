@@ -3,16 +3,17 @@
 //   ipctl neigh show [-4|-6] [dev IF]
 //   ipctl neigh resolve ADDR dev IF
 //
-// show walks the ARP table (ARP_GetFirstEntry/GetNextEntry) and the ND table
-// (ND_GetNextEntryInfo from the all-zero key), one entry a call, with a progress line on a
-// terminal; resolve sends an ARP request (ARP_Request) or starts ND resolution
+// show reads the ARP table (ARP_GetNextInfoBatch) and the ND table (ND_GetNextInfoBatch from
+// the all-zero key) a batch of entries a call, printing them as they come, with a progress
+// line on a terminal; resolve sends an ARP request (ARP_Request) or starts ND resolution
 // (ND_Resolve) on the interface, then prints the entry as the table then holds it.
 //
-// The ARP walk returns the module's 36-byte entry as it travelled (big-endian words); a
-// lookup by address returns the other layout, in host order; ARP_GetConf's block gives the
+// A batch holds the module's 24-byte ARP records and 48-byte ND records as they travelled
+// (big-endian words); a lookup by address returns the ARP entry's other layout, in host order; ARP_GetConf's block gives the
 // table's size (the total of the progress). ipproto/kmod_arp.hpp places every field.
 #include <time.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -22,6 +23,7 @@
 #include "ipclient/nd.h"
 #include "ipctl.hpp"
 #include "ipproto/kmod_arp.hpp"
+#include "ipproto/kmod_nd.hpp"
 #include "ipproto/svc_adj.hpp"
 #include "ipproto/wire.hpp"
 #include "progress.hpp"
@@ -56,14 +58,27 @@ const char* kind_name(unsigned kind) {
     }
 }
 
+// The name of an interface, asked once for a run of entries of the same interface (a table
+// is read in interface order).
+const std::string& name_of(std::uint32_t ifindex) {
+    static std::uint32_t last = 0;
+    static std::string name;
+    if (ifindex != last || name.empty()) {
+        name = interface_name(ifindex);
+        last = ifindex;
+    }
+    return name;
+}
+
 Record neighbour(const char* family, const std::string& dst, std::uint32_t ifindex, const std::uint8_t* mac,
                  unsigned state, unsigned kind, unsigned vlan, unsigned vrf) {
     const std::string lladdr = mac_text(mac);
+    const std::string& dev = name_of(ifindex);
     Record r;
     r.add("dst", dst, dst)
         .json_only("family", family)
         .json_only("ifindex", ifindex)
-        .add("dev", interface_name(ifindex), interface_name(ifindex), "dev")
+        .add("dev", dev, dev, "dev")
         .add("lladdr", lladdr, lladdr, "lladdr")
         .add("state", state_name(state), state_name(state))
         .add("kind", kind_name(kind), kind_name(kind))
@@ -83,28 +98,62 @@ std::uint64_t arp_table_size() {
     return load_be<std::uint32_t>(conf + arp::kConfEntries);
 }
 
+// Room for one batch: as much as one device answer carries, whole records of either table.
+constexpr std::uint32_t kBatchRoom = 65536;
+
+// The ARP table a batch at a time (ARP_GetNextInfoBatch), each batch printed as it comes;
+// the next batch starts after the last entry of this one (its address and interface).
 void walk_arp(Context& ctx, std::uint32_t ifindex) {
+    namespace at = arp::batch;
     const std::uint64_t size = arp_table_size();
     Progress progress("entries", size > 0 ? std::optional<std::uint64_t>(size) : std::nullopt);
-    ARP_ENTRY_S e{};
+    const auto buf = std::make_unique<std::uint8_t[]>(kBatchRoom);
+    std::uint32_t key_addr = 0, key_if = 0;
     std::uint64_t done = 0;
-    for (std::uint32_t rc = ARP_GetFirstEntry(&e); rc == 0; rc = ARP_GetNextEntry(&e)) {
-        progress.update(++done);
-        const ArpEntry entry = arp_from_table(e.aucData);
-        if (ifindex == 0 || entry.ifindex == ifindex) ctx.out->row(arp_record(entry));
-        if (done > 100'000'000) break;  // a module that never ends its walk
+    for (;;) {
+        std::uint32_t len = 0;
+        if (ARP_GetNextInfoBatch(key_addr, key_if, kBatchRoom, buf.get(), &len) != 0) break;
+        const std::size_t records = std::min<std::size_t>(len, kBatchRoom) / at::kLen;
+        if (records == 0 || done > 100'000'000) break;  // the end, or a module that never ends
+        for (std::size_t i = 0; i < records; ++i) {
+            const std::uint8_t* r = buf.get() + i * at::kLen;
+            const ArpEntry entry = arp_from_batch(r);
+            if (ifindex == 0 || entry.ifindex == ifindex) ctx.out->row(arp_record(entry));
+            key_addr = entry.addr;
+            key_if = entry.ifindex;
+        }
+        done += records;
+        progress.update(done);
     }
     progress.finish();
 }
 
+// The ND table a batch at a time (ND_GetNextInfoBatch), as the ARP table.
 void walk_nd(Context& ctx, std::uint32_t ifindex) {
+    namespace at = ipc::proto::nd::batch;
     Progress progress("entries", std::nullopt);
-    NdEntryInfo e{};
+    const auto buf = std::make_unique<std::uint8_t[]>(kBatchRoom);
+    std::uint8_t key_addr[16] = {};
+    std::uint32_t key_if = 0;
     std::uint64_t done = 0;
-    while (ND_GetNextEntryInfo(0, &e) == 0) {
-        progress.update(++done);
-        if (ifindex == 0 || e.uiIfIndex == ifindex) ctx.out->row(nd_record(e));
-        if (done > 100'000'000) break;
+    for (;;) {
+        std::uint32_t len = 0;
+        if (ND_GetNextInfoBatch(key_addr, key_if, kBatchRoom, buf.get(), &len) != 0) break;
+        const std::size_t records = std::min<std::size_t>(len, kBatchRoom) / at::kLen;
+        if (records == 0 || done > 100'000'000) break;
+        for (std::size_t i = 0; i < records; ++i) {
+            const std::uint8_t* r = buf.get() + i * at::kLen;
+            const std::uint32_t entry_if = load_be<std::uint32_t>(r + at::kIfIndex);
+            if (ifindex == 0 || entry_if == ifindex) {
+                ctx.out->row(neighbour("inet6", inet6_text(r + at::kAddr), entry_if, r + at::kMac, r[at::kState],
+                                       r[at::kKind], load_be<std::uint16_t>(r + at::kVlan),
+                                       load_be<std::uint16_t>(r + at::kVrf)));
+            }
+            std::memcpy(key_addr, r + at::kAddr, sizeof key_addr);
+            key_if = entry_if;
+        }
+        done += records;
+        progress.update(done);
     }
     progress.finish();
 }
@@ -172,15 +221,15 @@ void neigh_resolve(Context& ctx, const CLI::App& verb, Words words) {
 
 }  // namespace
 
-ArpEntry arp_from_table(const std::uint8_t* entry) {
-    namespace at = arp::entry;
-    return ArpEntry{host_at<std::uint32_t>(entry + at::kAddr),
-                    load_be<std::uint32_t>(entry + at::kIfIndex),
-                    entry + at::kMac,
-                    entry[at::kState],
-                    entry[at::kKind],
-                    load_be<std::uint16_t>(entry + at::kVlan),
-                    load_be<std::uint16_t>(entry + at::kVrf)};
+ArpEntry arp_from_batch(const std::uint8_t* record) {
+    namespace at = arp::batch;
+    return ArpEntry{host_at<std::uint32_t>(record + at::kAddr),
+                    load_be<std::uint32_t>(record + at::kIfIndex),
+                    record + at::kMac,
+                    record[at::kState],
+                    record[at::kKind],
+                    load_be<std::uint16_t>(record + at::kVlan),
+                    load_be<std::uint16_t>(record + at::kVrf)};
 }
 
 ArpEntry arp_from_lookup(const std::uint8_t* entry) {

@@ -4,16 +4,6 @@
 
 namespace ipctl {
 
-Record& Record::add(std::string key, Json value, std::string text, std::string label) {
-    fields_.push_back({std::move(key), std::move(value), std::move(text), std::move(label), true, true});
-    return *this;
-}
-
-Record& Record::json_only(std::string key, Json value) {
-    fields_.push_back({std::move(key), std::move(value), {}, {}, false, true});
-    return *this;
-}
-
 Record& Record::text_only(std::string label, std::string text) {
     fields_.push_back({label, nullptr, std::move(text), label, true, false});
     return *this;
@@ -37,34 +27,82 @@ void Printer::write(const Json& j) {
     std::fprintf(out_, "%s\n", s.c_str());
 }
 
-void Printer::flush() {
+void Printer::write_elements() {
+    for (const Record& r : rows_) {
+        std::fputs(array_open_ ? (pretty_ ? ",\n" : ",") : (pretty_ ? "[\n" : "["), out_);
+        array_open_ = true;
+        if (!pretty_) {
+            std::fputs(r.to_json().dump().c_str(), out_);
+            continue;
+        }
+        // Indented one level more, as the element of an array.
+        const std::string s = r.to_json().dump(2);
+        std::string indented = "  ";
+        for (const char c : s) {
+            indented += c;
+            if (c == '\n') indented += "  ";
+        }
+        std::fputs(indented.c_str(), out_);
+    }
+}
+
+void Printer::page() {
     if (json_) {
+        write_elements();
+    } else {
+        write_text_rows();
+    }
+    rows_.clear();
+    std::fflush(out_);
+}
+
+void Printer::flush() {
+    if (json_ && array_open_) {
+        write_elements();
+        std::fputs(pretty_ ? "\n]\n" : "]\n", out_);
+        array_open_ = false;
+    } else if (json_) {
         Json all = Json::array();
         for (const Record& r : rows_) all.push_back(r.to_json());
         write(all);
     } else {
-        // Column n is as wide as its widest cell; the last column of a row is not padded.
-        std::vector<std::size_t> width;
-        std::vector<std::vector<std::string>> cells;
-        for (const Record& r : rows_) {
-            std::vector<std::string> line;
-            for (const Record::Field& f : r.fields())
-                if (f.in_text) line.push_back(cell(f));
-            if (width.size() < line.size()) width.resize(line.size(), 0);
-            for (std::size_t i = 0; i < line.size(); ++i) width[i] = std::max(width[i], line[i].size());
-            cells.push_back(std::move(line));
-        }
-        for (const auto& line : cells) {
-            std::string s;
-            for (std::size_t i = 0; i < line.size(); ++i) {
-                s += line[i];
-                if (i + 1 < line.size()) s.append(width[i] - line[i].size() + 2, ' ');
-            }
-            std::fprintf(out_, "%s\n", s.c_str());
-        }
+        write_text_rows();
     }
     rows_.clear();
     std::fflush(out_);
+}
+
+void Printer::write_text_rows() {
+    // Column n is as wide as its widest cell; the last column of a row is not padded.
+    const auto cell_size = [](const Record::Field& f) {
+        return f.label.empty() ? f.text.size() : f.label.size() + 1 + f.text.size();
+    };
+    std::vector<std::size_t> width;
+    for (const Record& r : rows_) {
+        std::size_t i = 0;
+        for (const Record::Field& f : r.fields()) {
+            if (!f.in_text) continue;
+            if (width.size() <= i) width.resize(i + 1, 0);
+            width[i] = std::max(width[i], cell_size(f));
+            ++i;
+        }
+    }
+    std::string s;
+    for (const Record& r : rows_) {
+        s.clear();
+        std::size_t i = 0;
+        std::size_t pad = 0;
+        for (const Record::Field& f : r.fields()) {
+            if (!f.in_text) continue;
+            s.append(pad, ' ');
+            if (!f.label.empty()) s.append(f.label).append(1, ' ');
+            s.append(f.text);
+            pad = width[i] - cell_size(f) + 2;
+            ++i;
+        }
+        s += '\n';
+        std::fwrite(s.data(), 1, s.size(), out_);
+    }
 }
 
 void Printer::object(const Record& r) {

@@ -16,11 +16,36 @@ using Json = nlohmann::ordered_json;
 
 class Record {
 public:
+    // The forms the process prints (the Printer sets them): a record keeps only what is
+    // printed, so that a long listing builds no JSON value it prints as text.
+    static inline bool keep_json = true;
+    static inline bool keep_text = true;
+
+    // Room for the fields of the longest record printed a line (a neighbour, a route).
+    Record() { fields_.reserve(16); }
+
     // A field: its JSON key and value, its text, and the word printed before the text
     // (none for a field that speaks for itself, e.g. an address).
-    Record& add(std::string key, Json value, std::string text, std::string label = {});
+    template <class V>
+    Record& add(std::string key, V&& value, std::string text, std::string label = {}) {
+        Field& f = fields_.emplace_back();
+        f.key = std::move(key);
+        if (keep_json) f.value = Json(std::forward<V>(value));
+        if (keep_text) {
+            f.text = std::move(text);
+            f.label = std::move(label);
+        }
+        return *this;
+    }
     // A field of the JSON form only (the text already says it another way).
-    Record& json_only(std::string key, Json value);
+    template <class V>
+    Record& json_only(std::string key, V&& value) {
+        Field& f = fields_.emplace_back();
+        f.key = std::move(key);
+        if (keep_json) f.value = Json(std::forward<V>(value));
+        f.in_text = false;
+        return *this;
+    }
     // A field of the text form only (the JSON form holds it elsewhere, e.g. nested).
     Record& text_only(std::string label, std::string text);
 
@@ -41,11 +66,20 @@ private:
 
 class Printer {
 public:
-    Printer(bool json, bool pretty, std::FILE* out = stdout) : json_(json), pretty_(pretty), out_(out) {}
+    Printer(bool json, bool pretty, std::FILE* out = stdout) : json_(json), pretty_(pretty), out_(out) {
+        Record::keep_json = json;
+        Record::keep_text = !json;
+    }
     bool json() const noexcept { return json_; }
 
-    // A listing: rows are kept and printed together by flush().
-    void row(Record r) { rows_.push_back(std::move(r)); }
+    // A listing: rows are kept and printed together by flush(), a page of kPage rows at a
+    // time for a long one, so that its first lines come while it is read (a text page is
+    // aligned on its own rows; JSON stays one array, its elements following page by page).
+    static constexpr std::size_t kPage = 1024;
+    void row(Record r) {
+        rows_.push_back(std::move(r));
+        if (rows_.size() >= kPage) page();
+    }
     void flush();
     // One object: text prints "label value" a line, keys aligned; JSON one object.
     void object(const Record& r);
@@ -57,11 +91,16 @@ public:
 
 private:
     void write(const Json& j);
+    // Writes the rows kept as a page of a listing that goes on.
+    void page();
+    void write_elements();
+    void write_text_rows();
 
     bool json_;
     bool pretty_;
     std::FILE* out_;
     std::vector<Record> rows_;
+    bool array_open_ = false;  // a JSON listing's "[" is out
 };
 
 }  // namespace ipctl
