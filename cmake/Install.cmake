@@ -45,7 +45,7 @@ foreach(page ipsimd.1)
 endforeach()
 # ipctl's pages are of section 8: the tool's own and one per object.
 set(IPCLIENT_MAN8_PAGES "")
-foreach(page ipctl.8 ipctl-device.8 ipctl-addr.8 ipctl-neigh.8 ipctl-route.8 ipctl-stats.8 ipctl-monitor.8
+foreach(page ipctl.8 ipctl-device.8 ipctl-addr.8 ipctl-link.8 ipctl-neigh.8 ipctl-route.8 ipctl-stats.8 ipctl-monitor.8
     ipctl-status.8)
   add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/man/${page}.gz
     COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man

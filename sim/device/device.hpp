@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "ipproto/if_types.hpp"
 #include "ipproto/lipc.hpp"
 #include "scenario/scenario.hpp"
 
@@ -17,7 +18,7 @@ namespace sim {
 
 inline constexpr std::uint16_t kOwnNode = ipc::proto::lipc::kOwnNode;
 // Interface type code of loopback interfaces.
-inline constexpr std::uint32_t kTypeLoopback = 24;
+inline constexpr std::uint32_t kTypeLoopback = ipc::if_types::kLoopback;
 // Flags word bit: the interface spans nodes.
 inline constexpr std::uint32_t kIfFlagSpansNodes = 0x10;
 

@@ -22,6 +22,7 @@
 #include <string_view>
 #include <utility>
 
+#include "ipproto/if_types.hpp"
 #include "ipproto/wire.hpp"
 #include "scenario/bounded.hpp"
 #include "scenario/limits.hpp"
@@ -365,8 +366,7 @@ std::uint32_t ipv4_word(const Ip& ip) {
 constexpr auto kRoles = std::to_array<Name<Role>>(
     {{"member", Role::kMember}, {"master", Role::kMaster}, {"standby", Role::kStandby}});
 constexpr auto kNodeStates = std::to_array<Name<bool>>({{"up", true}, {"down", false}});
-constexpr auto kTypes = std::to_array<Name<std::uint32_t>>(
-    {{"null", 1}, {"ethernet", 6}, {"loopback", 24}, {"vlan-interface", 35}, {"tunnel", 71}, {"vsi-interface", 122}});
+constexpr const auto& kTypes = ipc::if_types::kNames;
 constexpr auto kMethods = std::to_array<Name<std::uint32_t>>(
     {{"manual", kMethodManual}, {"dhcp", kMethodDhcp}, {"bootp", kMethodBootp}, {"mad", kMethodMad}});
 constexpr auto kStatuses =

@@ -2,7 +2,7 @@
 # The bash completion of ipctl: sources tools/ipctl/completion/ipctl and checks what it
 # offers for command lines typed up to the cursor.
 #   completion_test.sh [COMPLETION_SCRIPT]
-# Interface names come from a stand-in ipctl on PATH that prints a fixed `-j addr show`
+# Interface names come from a stand-in ipctl on PATH that prints a fixed `-j link show`
 # answer and records the arguments it was given, so no device is needed.
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
@@ -14,7 +14,7 @@ mkdir -p "$work/bin" "$work/files/saved"
 cat >"$work/bin/ipctl" <<'FAKE'
 #!/usr/bin/env bash
 printf '%s\n' "$*" >>"$IPCTL_FAKE_LOG"
-printf '%s\n' '[{"ifindex":2,"ifname":"GigabitEthernet1/0/1","local":"10.1.1.1"},{"ifindex":2,"ifname":"GigabitEthernet1/0/1","local":"10.1.3.1"},{"ifindex":7,"ifname":"LoopBack0","local":"1.1.1.1"},{"ifindex":5,"ifname":"Vlan-interface1","local":"192.168.1.1"}]'
+printf '%s\n' '[{"ifindex":2,"ifname":"GigabitEthernet1/0/1","link_type":"ethernet"},{"ifindex":3,"ifname":"GigabitEthernet1/0/2","link_type":"ethernet"},{"ifindex":5,"ifname":"Vlan-interface1","link_type":"vlan-interface"},{"ifindex":7,"ifname":"LoopBack0","link_type":"loopback"}]'
 FAKE
 chmod +x "$work/bin/ipctl"
 : >"$work/files/routes.txt"
@@ -74,14 +74,14 @@ check "the script registers _ipctl for ipctl" bash -c "source '$script'; complet
 
 # Objects, verbs and options.
 expect "ipctl ad" "addr"
-expect "ipctl " "device addr neigh route stats monitor status"
+expect "ipctl " "device addr link neigh route stats monitor status"
 expect "ipctl s" "stats status"
 expect "ipctl addr " "show add del summary"
 expect "ipctl neigh show -" "-4 -6 --help"
 expect "ipctl neigh show -4 -" "--help"
 expect "ipctl -" "-i --instance -n --node -j --json -p --pretty -h --help"
 expect "ipctl -j -p route " "show get save"
-expect "ipctl -i lab " "device addr neigh route stats monitor status"
+expect "ipctl -i lab " "device addr link neigh route stats monitor status"
 expect "ipctl -i " ""
 expect "ipctl stats " "show ttl ecmp mtu"
 expect "ipctl stats show " "ip icmp if"
@@ -100,12 +100,16 @@ expect "ipctl device " "show"
 
 # Interface names come from the device, asked of the same instance and node.
 : >"$IPCTL_FAKE_LOG"
-expect "ipctl -i lab -n 2 neigh show dev " "GigabitEthernet1/0/1 LoopBack0 Vlan-interface1"
+# Every interface of the directory, also one without an address (GigabitEthernet1/0/2).
+expect "ipctl -i lab -n 2 neigh show dev " "GigabitEthernet1/0/1 GigabitEthernet1/0/2 LoopBack0 Vlan-interface1"
 check "the device is asked with the command line's instance and node" \
-    grep -qx -- "-i lab -n 2 -j addr show" "$IPCTL_FAKE_LOG"
+    grep -qx -- "-i lab -n 2 -j link show" "$IPCTL_FAKE_LOG"
 expect "ipctl addr show dev L" "LoopBack0"
+expect "ipctl link " "show"
+expect "ipctl link show " "dev"
+expect "ipctl link show dev V" "Vlan-interface1"
 expect "ipctl stats show if V" "Vlan-interface1"
-expect "ipctl neigh resolve 10.1.1.3 dev G" "GigabitEthernet1/0/1"
+expect "ipctl neigh resolve 10.1.1.3 dev G" "GigabitEthernet1/0/1 GigabitEthernet1/0/2"
 expect "ipctl addr show dev LoopBack0 " ""
 
 # Files for route save.

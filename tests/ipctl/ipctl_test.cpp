@@ -1076,10 +1076,11 @@ void expect_usage(const std::vector<std::string>& args, const std::string& error
     EXPECT_EQ(r.err, "Error: " + error + "\n" + kUsage + usage + "\n");
 }
 
-const std::string kTopUsage = "OBJECT COMMAND [ARGS]; OBJECT := device | addr | neigh | route | stats | monitor | status";
+const std::string kTopUsage =
+    "OBJECT COMMAND [ARGS]; OBJECT := device | addr | link | neigh | route | stats | monitor | status";
 
 TEST_F(IpctlUsage, UnknownObject) {
-    expect_usage({"link", "show"}, "unknown object \"link\"", kTopUsage);
+    expect_usage({"lnk", "show"}, "unknown object \"lnk\"", kTopUsage);
     expect_usage({"-j", "foo"}, "unknown object \"foo\"", kTopUsage);
     expect_usage({}, "an object is missing", kTopUsage);
 }
@@ -1261,6 +1262,73 @@ TEST_F(IpctlNeigh, ALongListingComesInPagesAndStaysOneJsonArray) {
     const std::string pretty = run_ok({"-p", "neigh", "show", "-4"});
     EXPECT_TRUE(Json::parse(pretty) == compact) << "the same listing, indented";
     EXPECT_TRUE(nlohmann::ordered_json::parse(pretty).dump(2) + "\n" == pretty) << "indented as one array is";
+}
+
+}  // namespace
+
+// ---- link ------------------------------------------------------------------------------------
+
+namespace {
+
+using IpctlLink = IpctlTest;
+
+const std::vector<std::string> kLinkLines = {
+    "1:  M-GigabitEthernet0/0/0  <UP>              mtu 1500  type ethernet        node 1 (1/0/0)",
+    "2:  GigabitEthernet1/0/1    <UP>              mtu 1500  type ethernet        node 1 (1/0/0)",
+    "3:  GigabitEthernet1/0/2    <UP>              mtu 1500  type ethernet        node 1 (1/0/0)",
+    "4:  GigabitEthernet1/1/1    <UP>              mtu 1500  type ethernet        node 2 (1/1/0)",
+    "5:  Vlan-interface1         <UP,SPANS-NODES>  mtu 1500  type vlan-interface  node 1 (1/0/0)",
+    "6:  Vlan-interface10        <UP>              mtu 1500  type vlan-interface  node 1 (1/0/0)",
+    "7:  LoopBack0               <UP>              mtu 1500  type loopback        node 1 (1/0/0)",
+    "8:  Vsi-interface1          <UP>              mtu 1500  type vsi-interface   node 1 (1/0/0)",
+};
+
+// Every interface of the directory, those without an address too (GigabitEthernet1/0/2,
+// Vsi-interface1), as ip link lists them.
+TEST_F(IpctlLink, ShowListsEveryInterfaceOfTheDirectory) {
+    EXPECT_EQ(run_ok({"link", "show"}), text_of(kLinkLines));
+    EXPECT_EQ(run_ok({"l"}), text_of(kLinkLines)) << "a prefix, and show by default";
+    const Json j = run_json({"link", "show"});
+    ASSERT_EQ(j.size(), 8u);
+    expect_fits(j, "link");
+    expect_record(j[4], {{"ifindex", 5},
+                         {"ifname", "Vlan-interface1"},
+                         {"operstate", "UP"},
+                         {"spans_nodes", true},
+                         {"l2", false},
+                         {"mtu", 1500},
+                         {"link_type", "vlan-interface"},
+                         {"type_code", 35},
+                         {"node", 1},
+                         {"chassis", 1},
+                         {"slot", 0},
+                         {"cpu", 0}});
+    // One interface alone: its columns as wide as its own cells.
+    const std::string one = "3:  GigabitEthernet1/0/2  <UP>  mtu 1500  type ethernet  node 1 (1/0/0)\n";
+    EXPECT_EQ(run_ok({"link", "show", "dev", "GigabitEthernet1/0/2"}), one);
+    EXPECT_EQ(run_ok({"link", "show", "dev", "3"}), one);
+}
+
+// What the device changes shows: an MTU set on the device, a board pulled out (its
+// interface leaves the directory) and put back.
+TEST_F(IpctlLink, ShowFollowsTheDevice) {
+    control_ok({{"op", "ipstat.set"}, {"interface", "GigabitEthernet1/0/2"}, {"mtu", 9000}});
+    EXPECT_EQ(run_ok({"link", "show", "dev", "GigabitEthernet1/0/2"}),
+              "3:  GigabitEthernet1/0/2  <UP>  mtu 9000  type ethernet  node 1 (1/0/0)\n");
+    control_ok({{"op", "node.set"}, {"node", 2}, {"state", "down"}});
+    const std::vector<std::string> out = lines(run_ok({"link", "show"}));
+    EXPECT_EQ(out.size(), 7u);
+    for (const std::string& l : out) EXPECT_EQ(l.find("GigabitEthernet1/1/1"), std::string::npos) << l;
+    expect_usage({"link", "show", "dev", "GigabitEthernet1/1/1"}, "no interface \"GigabitEthernet1/1/1\"",
+                 "link show [dev IF]");
+    control_ok({{"op", "node.set"}, {"node", 2}, {"state", "up"}});
+    EXPECT_EQ(lines(run_ok({"link", "show"})).size(), 8u);
+}
+
+TEST_F(IpctlWithoutDevice, LinkShowWithoutASimulatorNamesTheMissingSimulator) {
+    const Result r = ipctl({"link", "show"});
+    EXPECT_EQ(r.code, 1) << describe(r);
+    EXPECT_EQ(r.err, "ipctl: no simulator answers for instance \"" + e2e::instance() + "\"\n");
 }
 
 }  // namespace

@@ -21,6 +21,9 @@
 #include "ipclient/kernel.h"
 #include "print.hpp"
 
+// The ND entry of ipclient/nd.h, as its printer takes it.
+struct NdEntryInfo;
+
 namespace ipctl {
 
 // Exit codes: 0 done, 1 the library or the device refused (a status was printed), 2 the
@@ -112,10 +115,11 @@ ArpEntry arp_from_batch(const std::uint8_t* record);            // ARP_GetNextIn
 ArpEntry arp_from_lookup(const std::uint8_t* entry);            // ARP_GetEntryByIP: host order
 ArpEntry arp_from_event(const std::uint8_t* entry, unsigned vrf);  // an event's entry: host order
 Record arp_record(const ArpEntry& e);
-Record nd_record(const struct NdEntryInfo& e);
+Record nd_record(const ::NdEntryInfo& e);
 
 void add_device(CLI::App& app, Context& ctx);
 void add_addr(CLI::App& app, Context& ctx);
+void add_link(CLI::App& app, Context& ctx);
 void add_neigh(CLI::App& app, Context& ctx);
 void add_route(CLI::App& app, Context& ctx);
 void add_stats(CLI::App& app, Context& ctx);

@@ -233,7 +233,7 @@ int main(int argc, char** argv) {
     using namespace ipctl;
     CLI::App app{"ipctl: looks at and changes a device's IP state through the IP client library"};
     app.name("ipctl");
-    app.footer("OBJECT COMMAND [ARGS]; OBJECT := device | addr | neigh | route | stats | monitor | status");
+    app.footer("OBJECT COMMAND [ARGS]; OBJECT := device | addr | link | neigh | route | stats | monitor | status");
     std::string instance;
     int node = -1;
     bool json = false, pretty = false;
@@ -249,6 +249,7 @@ int main(int argc, char** argv) {
     ctx.out = &printer;
     add_device(app, ctx);
     add_addr(app, ctx);
+    add_link(app, ctx);
     add_neigh(app, ctx);
     add_route(app, ctx);
     add_stats(app, ctx);

@@ -1,0 +1,118 @@
+// ipctl link: the interfaces of the device's directory, with or without an address.
+//
+//   ipctl link show [dev IF]
+//
+// show walks the directory in index order (IF_IteratorInitialize and
+// IF_GetFirstIfIndexByIfSelect/GetNextIfIndexByIfSelect with an empty selection: every type)
+// and prints each interface's index, name, type (IF_GetDataByIfIndex items 11 and 18), node
+// and its location (item 9, LIP_GetChassID/SlotID/CpuID), state (up while its node is up,
+// IF_IsNodeUp; an interface that spans nodes is up while any of them is), MTU (IP_GetIfMTU,
+// none when the IP module does not answer) and whether it spans nodes (item 23) or is a
+// layer-2 interface (IF_IsL2If).
+#include <memory>
+#include <string>
+
+#include "ipclient/ipstat.h"
+#include "ipctl.hpp"
+#include "ipplat/platform.h"
+#include "ipproto/if_types.hpp"
+
+namespace ipctl {
+
+namespace {
+
+struct IteratorDeleter {
+    void operator()(void* it) const noexcept { IF_IteratorFinalize(it); }
+};
+
+std::string type_name(std::uint32_t code) {
+    const std::string_view name = ipc::if_types::name_of(code);
+    return name.empty() ? "type-" + std::to_string(code) : std::string(name);
+}
+
+// True when any node of the device is up (an interface that spans nodes lives on all).
+bool any_node_up() {
+    std::uint32_t count = 0;
+    std::uint16_t* nodes = DEV_GetAllNodes(&count);
+    bool up = false;
+    for (std::uint32_t i = 0; nodes != nullptr && i < count && !up; ++i) up = (IF_IsNodeUp(nodes[i]) & 0xFFFFu) == 1;
+    std::free(nodes);
+    return up;
+}
+
+Record link_record(std::uint32_t ifindex) {
+    const std::string name = interface_name(ifindex);
+    std::uint32_t type = 0, flags = 0;
+    std::uint16_t node = 0;
+    (void)IF_GetDataByIfIndex(ifindex, IF_DATA_TYPE, &type);
+    (void)IF_GetDataByIfIndex(ifindex, IF_DATA_FLAGS, &flags);
+    (void)IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node);
+    const bool spans = (flags & IF_FLAG_SPANS_NODES) != 0;
+    const bool up = spans ? any_node_up() : (IF_IsNodeUp(node) & 0xFFFFu) == 1;
+    const bool l2 = IF_IsL2If(ifindex) == 1;
+    const unsigned chassis = LIP_GetChassID(node), slot = LIP_GetSlotID(node), cpu = LIP_GetCpuID(node);
+    std::uint32_t mtu = 0;
+    const bool has_mtu = IP_GetIfMTU(ifindex, &mtu) == 0;
+    const std::string state = up ? "UP" : "DOWN";
+    // The flags as ip writes them: the state, then what sets the interface apart.
+    std::string flags_text = "<" + state;
+    if (spans) flags_text += ",SPANS-NODES";
+    if (l2) flags_text += ",L2";
+    flags_text += ">";
+    Record r;
+    r.add("ifindex", ifindex, std::to_string(ifindex) + ":")
+        .add("ifname", name, name)
+        .text_only("", flags_text)
+        .json_only("operstate", state)
+        .json_only("spans_nodes", spans)
+        .json_only("l2", l2);
+    if (has_mtu) {
+        r.add("mtu", mtu, std::to_string(mtu), "mtu");
+    } else {
+        r.add("mtu", nullptr, "-", "mtu");
+    }
+    r.add("link_type", type_name(type), type_name(type), "type")
+        .json_only("type_code", type)
+        .add("node", node,
+             std::to_string(node) + " (" + std::to_string(chassis) + "/" + std::to_string(slot) + "/" +
+                 std::to_string(cpu) + ")",
+             "node")
+        .json_only("chassis", chassis)
+        .json_only("slot", slot)
+        .json_only("cpu", cpu);
+    return r;
+}
+
+void link_show(Context& ctx, const CLI::App& verb, Words words) {
+    std::optional<std::string> dev;
+    while (!words.done()) {
+        if (words.next() == "dev") words.value_of("dev", &dev);
+        else words.unexpected();
+    }
+    require_device();
+    if (dev) {
+        ctx.out->row(link_record(interface_index(verb, *dev)));
+        ctx.out->flush();
+        return;
+    }
+    IF_SELECT_S every{};
+    if (IF_Select_Init(0, &every) != 0) failure("cannot select the device's interfaces");
+    const std::unique_ptr<void, IteratorDeleter> it(IF_IteratorInitialize());
+    if (!it) failure("cannot walk the device's interfaces");
+    std::uint32_t seen = 0;
+    for (std::uint32_t ifindex = IF_GetFirstIfIndexByIfSelect(it.get(), &every); ifindex != 0 && seen < 10'000'000;
+         ifindex = IF_GetNextIfIndexByIfSelect(it.get(), &every), ++seen) {
+        ctx.out->row(link_record(ifindex));
+    }
+    ctx.out->flush();
+}
+
+}  // namespace
+
+void add_link(CLI::App& app, Context& ctx) {
+    CLI::App* object = add_object(app, "link", "the device's interfaces", "link show [dev IF]");
+    add_verb(object, "show", "every interface of the directory, or one", "link show [dev IF]", ctx,
+             [&ctx](const CLI::App& verb, Words w) { link_show(ctx, verb, std::move(w)); });
+}
+
+}  // namespace ipctl
