@@ -200,7 +200,8 @@ Json addr(int ifindex, const char* ifname, const char* local, int len, int vrf, 
 
 const std::vector<std::string> kSchemas = {"device",     "addr",     "neigh", "route", "route_entry",
                                            "route_save", "stats_ip", "stats_icmp", "stats_if", "ttl",
-                                           "ecmp",       "mtu",      "summary", "status", "event"};
+                                           "ecmp",       "mtu",      "summary", "status", "event",
+                                           "link",       "addr_brief", "link_brief", "neigh_brief"};
 
 // Every object of a schema lists its properties with a type, names only those as required
 // and allows no others.
@@ -1329,6 +1330,76 @@ TEST_F(IpctlWithoutDevice, LinkShowWithoutASimulatorNamesTheMissingSimulator) {
     const Result r = ipctl({"link", "show"});
     EXPECT_EQ(r.code, 1) << describe(r);
     EXPECT_EQ(r.err, "ipctl: no simulator answers for instance \"" + e2e::instance() + "\"\n");
+}
+
+}  // namespace
+
+// ---- brief and colour -------------------------------------------------------------------------
+
+namespace {
+
+using IpctlBrief = IpctlTest;
+
+TEST_F(IpctlBrief, AddrIsOneLineAnInterfaceOfTheDirectory) {
+    const std::vector<std::string> want = {
+        "M-GigabitEthernet0/0/0  UP  192.168.0.1/24",
+        "GigabitEthernet1/0/1    UP  10.1.1.1/24 10.1.3.1/24",
+        "GigabitEthernet1/0/2    UP  10.1.2.1/24",
+        "GigabitEthernet1/1/1    UP  10.2.1.1/24",
+        "Vlan-interface1         UP  192.168.1.1/24",
+        "Vlan-interface10        UP",
+        "LoopBack0               UP  1.1.1.1/32",
+        "Vsi-interface1          UP",
+    };
+    EXPECT_EQ(run_ok({"-br", "addr"}), text_of(want));
+    EXPECT_EQ(run_ok({"-brief", "a", "show"}), text_of(want));
+    EXPECT_EQ(run_ok({"--brief", "addr", "show", "dev", "2"}), "GigabitEthernet1/0/1  UP  10.1.1.1/24 10.1.3.1/24\n");
+    const Json j = run_json({"-br", "addr"});
+    expect_fits(j, "addr_brief");
+    ASSERT_EQ(j.size(), 8u);
+    EXPECT_EQ(j[1], Json::parse(R"({"ifname":"GigabitEthernet1/0/1","operstate":"UP","addr_info":[
+        {"local":"10.1.1.1","prefixlen":24},{"local":"10.1.3.1","prefixlen":24}]})"));
+    EXPECT_EQ(j[5]["addr_info"], Json::array());
+    // A board pulled out: its interface is gone; one that spans nodes stays up.
+    control_ok({{"op", "node.set"}, {"node", 2}, {"state", "down"}});
+    const std::string out = run_ok({"-br", "addr"});
+    EXPECT_EQ(out.find("GigabitEthernet1/1/1"), std::string::npos) << out;
+    EXPECT_NE(out.find("Vlan-interface1         UP  192.168.1.1/24\n"), std::string::npos) << out;
+}
+
+TEST_F(IpctlBrief, LinkAndNeigh) {
+    const std::vector<std::string> link = lines(run_ok({"-br", "link"}));
+    ASSERT_EQ(link.size(), 8u);
+    EXPECT_EQ(link[4], "Vlan-interface1         UP  <UP,SPANS-NODES>");
+    const Json lj = run_json({"-br", "link", "show"});
+    expect_fits(lj, "link_brief");
+    EXPECT_EQ(lj[4], Json::parse(R"({"ifname":"Vlan-interface1","operstate":"UP","flags":["SPANS-NODES"]})"));
+    const std::vector<std::string> neigh = lines(run_ok({"-br", "neigh", "show", "-4"}));
+    ASSERT_EQ(neigh.size(), 5u);
+    EXPECT_EQ(neigh[0], "10.1.1.2      GigabitEthernet1/0/1  00:11:22:33:44:55  reachable");
+    const Json nj = run_json({"-br", "neigh", "show"});
+    expect_fits(nj, "neigh_brief");
+    EXPECT_EQ(nj[0], Json::parse(R"({"dst":"10.1.1.2","dev":"GigabitEthernet1/0/1","lladdr":"00:11:22:33:44:55","state":"reachable"})"));
+}
+
+// Colour as ip gives it: names cyan, IPv4 addresses magenta, IPv6 blue, link-layer addresses
+// yellow, UP green; always with -c (or -color, --color=always), never through a pipe with
+// --color=auto, never in JSON; the columns stay aligned on the text.
+TEST_F(IpctlBrief, ColourIsAsIpGivesIt) {
+    const std::string plain = run_ok({"neigh", "show"});
+    const std::string coloured = run_ok({"-c", "neigh", "show"});
+    EXPECT_EQ(std::regex_replace(coloured, std::regex("\033\\[[0-9]*m"), ""), plain) << "the same text, aligned alike";
+    const std::vector<std::string> rows = lines(coloured);
+    EXPECT_EQ(rows[0].rfind("\033[35m10.1.1.2\033[0m", 0), 0u) << rows[0];
+    EXPECT_NE(rows[0].find("dev \033[36mGigabitEthernet1/0/1\033[0m"), std::string::npos) << rows[0];
+    EXPECT_NE(rows[0].find("lladdr \033[33m00:11:22:33:44:55\033[0m"), std::string::npos) << rows[0];
+    EXPECT_EQ(rows[5].rfind("\033[34m2001:db8:1::2\033[0m", 0), 0u) << rows[5];
+    EXPECT_NE(run_ok({"-br", "--color=always", "link"}).find("\033[32mUP\033[0m"), std::string::npos);
+    EXPECT_EQ(run_ok({"-color=always", "neigh"}), coloured);
+    EXPECT_EQ(run_ok({"--color=auto", "neigh"}), plain) << "a pipe is no terminal";
+    EXPECT_EQ(run_ok({"-c=never", "neigh"}), plain);
+    EXPECT_EQ(run_ok({"-c", "-j", "neigh"}), run_ok({"-j", "neigh"})) << "JSON is never coloured";
+    expect_usage({"--color=pink", "neigh"}, "--color: pink not in {always,auto,never}", "neigh show [-4|-6] [dev IF]");
 }
 
 }  // namespace

@@ -9,7 +9,10 @@
 // every interface, or one); add and del go to the address configuration service as manual
 // addresses (IPCfg_AddManualAddr/DelManualAddr; "secondary" marks a sub address); summary
 // prints the device's IP summary text (IPAddr_GetIpSummary) as it stands.
+#include <map>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "inet.hpp"
 #include "ipclient/ipaddr.h"
@@ -60,6 +63,38 @@ bool holds(std::uint32_t ifindex, std::uint32_t addr, std::uint32_t mask) {
     return false;
 }
 
+// One line an interface, as ip -br addr: its name, state and addresses; every interface of
+// the directory, those without an address too.
+void addr_brief(Context& ctx, std::optional<std::uint32_t> only) {
+    std::map<std::uint32_t, std::vector<IPAddrEntry>> by_if;
+    IPAddrEntry e{};
+    const std::uint32_t ifindex = only ? *only : IPADDR_ANY_IFINDEX;
+    std::uint32_t seen = 0;
+    for (std::uint32_t rc = IPAddr_GetFirstAddr(ifindex, 0, &e); rc == 0 && ++seen <= 10'000'000;
+         rc = IPAddr_GetNextAddr(ifindex, 0, &e)) {
+        by_if[e.stKey.uiIfIndex].push_back(e);
+    }
+    const std::vector<std::uint32_t> all = only ? std::vector<std::uint32_t>{*only} : directory_interfaces();
+    for (const std::uint32_t i : all) {
+        const std::string name = interface_name(i);
+        const bool up = interface_up(i);
+        Json info = Json::array();
+        std::string text;
+        for (const IPAddrEntry& a : by_if[i]) {
+            const unsigned len = mask_length(a.stKey.uiMask);
+            const std::string local = inet4_text(a.stKey.uiAddr);
+            info.push_back(Json{{"local", local}, {"prefixlen", len}});
+            text += (text.empty() ? "" : " ") + local + "/" + std::to_string(len);
+        }
+        Record r;
+        r.add("ifname", name, name).paint(Record::Paint::kIfname);
+        r.add("operstate", up ? "UP" : "DOWN", up ? "UP" : "DOWN").paint(up ? Record::Paint::kUp : Record::Paint::kDown);
+        r.add("addr_info", std::move(info), text).paint(Record::Paint::kInet);
+        ctx.out->row(std::move(r));
+    }
+    ctx.out->flush();
+}
+
 void addr_show(Context& ctx, const CLI::App& verb, Words words) {
     std::optional<std::string> dev;
     while (!words.done()) {
@@ -68,6 +103,7 @@ void addr_show(Context& ctx, const CLI::App& verb, Words words) {
     }
     require_device();
     const std::uint32_t ifindex = dev ? interface_index(verb, *dev) : IPADDR_ANY_IFINDEX;
+    if (ctx.brief) return addr_brief(ctx, dev ? std::optional<std::uint32_t>(ifindex) : std::nullopt);
     IPAddrEntry e{};
     std::uint32_t seen = 0;
     for (std::uint32_t rc = IPAddr_GetFirstAddr(ifindex, 0, &e); rc == 0; rc = IPAddr_GetNextAddr(ifindex, 0, &e)) {
@@ -128,8 +164,10 @@ Record addr_record(const IPAddrEntry& e) {
     Record r;
     r.add("ifindex", k.uiIfIndex, std::to_string(k.uiIfIndex) + ":")
         .add("ifname", interface_name(k.uiIfIndex), interface_name(k.uiIfIndex))
+        .paint(Record::Paint::kIfname)
         .json_only("family", "inet")
         .add("local", local, local + "/" + std::to_string(len), "inet")
+        .paint(Record::Paint::kInet)
         .json_only("prefixlen", len)
         .add("vrf", k.usVrfIndex, std::to_string(k.usVrfIndex), "vrf")
         .add("method", method_name(k.uiMethod), method_name(k.uiMethod))

@@ -40,6 +40,7 @@ struct Exit {
 struct Context {
     Printer* out = nullptr;
     std::optional<std::uint16_t> node;  // -n: the node asked (and the node the tool runs as)
+    bool brief = false;                  // -br: one line an interface (addr, link) or an entry (neigh)
     std::function<void()> action;        // the verb chosen on the command line
 };
 
@@ -95,6 +96,11 @@ U host_at(const void* p, std::size_t off = 0) {
     std::memcpy(&v, static_cast<const std::uint8_t*>(p) + off, sizeof v);
     return v;
 }
+
+// Every interface of the device's directory in index order, and whether one is up (its
+// node is up; for one that spans nodes, any node is) (link.cpp).
+std::vector<std::uint32_t> directory_interfaces();
+bool interface_up(std::uint32_t ifindex);
 
 // Interfaces by full name or index (as the device's directory knows them).
 std::uint32_t interface_index(const CLI::App& verb, const std::string& name);

@@ -9,8 +9,10 @@
 // IF_IsNodeUp; an interface that spans nodes is up while any of them is), MTU (IP_GetIfMTU,
 // none when the IP module does not answer) and whether it spans nodes (item 23) or is a
 // layer-2 interface (IF_IsL2If).
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ipclient/ipstat.h"
 #include "ipctl.hpp"
@@ -40,29 +42,52 @@ bool any_node_up() {
     return up;
 }
 
+bool spans_nodes(std::uint32_t ifindex) {
+    std::uint32_t flags = 0;
+    return IF_GetDataByIfIndex(ifindex, IF_DATA_FLAGS, &flags) == 0 && (flags & IF_FLAG_SPANS_NODES) != 0;
+}
+
+// The flags as ip writes them: the state, then what sets the interface apart.
+std::string flags_text(bool up, bool spans, bool l2) {
+    std::string out = up ? "<UP" : "<DOWN";
+    if (spans) out += ",SPANS-NODES";
+    if (l2) out += ",L2";
+    return out + ">";
+}
+
+Record link_brief(std::uint32_t ifindex) {
+    const std::string name = interface_name(ifindex);
+    const bool up = interface_up(ifindex);
+    const bool spans = spans_nodes(ifindex);
+    const bool l2 = IF_IsL2If(ifindex) == 1;
+    Json flags = Json::array();
+    if (spans) flags.push_back("SPANS-NODES");
+    if (l2) flags.push_back("L2");
+    Record r;
+    r.add("ifname", name, name).paint(Record::Paint::kIfname);
+    r.add("operstate", up ? "UP" : "DOWN", up ? "UP" : "DOWN").paint(up ? Record::Paint::kUp : Record::Paint::kDown);
+    r.add("flags", std::move(flags), flags_text(up, spans, l2));
+    return r;
+}
+
 Record link_record(std::uint32_t ifindex) {
     const std::string name = interface_name(ifindex);
-    std::uint32_t type = 0, flags = 0;
+    std::uint32_t type = 0;
     std::uint16_t node = 0;
     (void)IF_GetDataByIfIndex(ifindex, IF_DATA_TYPE, &type);
-    (void)IF_GetDataByIfIndex(ifindex, IF_DATA_FLAGS, &flags);
     (void)IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node);
-    const bool spans = (flags & IF_FLAG_SPANS_NODES) != 0;
-    const bool up = spans ? any_node_up() : (IF_IsNodeUp(node) & 0xFFFFu) == 1;
+    const bool spans = spans_nodes(ifindex);
+    const bool up = interface_up(ifindex);
     const bool l2 = IF_IsL2If(ifindex) == 1;
     const unsigned chassis = LIP_GetChassID(node), slot = LIP_GetSlotID(node), cpu = LIP_GetCpuID(node);
     std::uint32_t mtu = 0;
     const bool has_mtu = IP_GetIfMTU(ifindex, &mtu) == 0;
     const std::string state = up ? "UP" : "DOWN";
-    // The flags as ip writes them: the state, then what sets the interface apart.
-    std::string flags_text = "<" + state;
-    if (spans) flags_text += ",SPANS-NODES";
-    if (l2) flags_text += ",L2";
-    flags_text += ">";
     Record r;
     r.add("ifindex", ifindex, std::to_string(ifindex) + ":")
         .add("ifname", name, name)
-        .text_only("", flags_text)
+        .paint(Record::Paint::kIfname)
+        .text_only("", flags_text(up, spans, l2))
         .json_only("operstate", state)
         .json_only("spans_nodes", spans)
         .json_only("l2", l2);
@@ -90,28 +115,39 @@ void link_show(Context& ctx, const CLI::App& verb, Words words) {
         else words.unexpected();
     }
     require_device();
+    const auto one = [&ctx](std::uint32_t ifindex) { return ctx.brief ? link_brief(ifindex) : link_record(ifindex); };
     if (dev) {
-        ctx.out->row(link_record(interface_index(verb, *dev)));
-        ctx.out->flush();
-        return;
-    }
-    IF_SELECT_S every{};
-    if (IF_Select_Init(0, &every) != 0) failure("cannot select the device's interfaces");
-    const std::unique_ptr<void, IteratorDeleter> it(IF_IteratorInitialize());
-    if (!it) failure("cannot walk the device's interfaces");
-    std::uint32_t seen = 0;
-    for (std::uint32_t ifindex = IF_GetFirstIfIndexByIfSelect(it.get(), &every); ifindex != 0 && seen < 10'000'000;
-         ifindex = IF_GetNextIfIndexByIfSelect(it.get(), &every), ++seen) {
-        ctx.out->row(link_record(ifindex));
+        ctx.out->row(one(interface_index(verb, *dev)));
+    } else {
+        for (const std::uint32_t ifindex : directory_interfaces()) ctx.out->row(one(ifindex));
     }
     ctx.out->flush();
 }
 
 }  // namespace
 
+std::vector<std::uint32_t> directory_interfaces() {
+    std::vector<std::uint32_t> out;
+    IF_SELECT_S every{};
+    if (IF_Select_Init(0, &every) != 0) failure("cannot select the device's interfaces");
+    const std::unique_ptr<void, IteratorDeleter> it(IF_IteratorInitialize());
+    if (!it) failure("cannot walk the device's interfaces");
+    for (std::uint32_t ifindex = IF_GetFirstIfIndexByIfSelect(it.get(), &every); ifindex != 0 && out.size() < 10'000'000;
+         ifindex = IF_GetNextIfIndexByIfSelect(it.get(), &every)) {
+        out.push_back(ifindex);
+    }
+    return out;
+}
+
+bool interface_up(std::uint32_t ifindex) {
+    std::uint16_t node = 0;
+    if (spans_nodes(ifindex)) return any_node_up();
+    return IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node) == 0 && (IF_IsNodeUp(node) & 0xFFFFu) == 1;
+}
+
 void add_link(CLI::App& app, Context& ctx) {
     CLI::App* object = add_object(app, "link", "the device's interfaces", "link show [dev IF]");
-    add_verb(object, "show", "every interface of the directory, or one", "link show [dev IF]", ctx,
+    add_verb(object, "show", "every interface of the directory, or one (-br: name, state, flags)", "link show [dev IF]", ctx,
              [&ctx](const CLI::App& verb, Words w) { link_show(ctx, verb, std::move(w)); });
 }
 

@@ -194,6 +194,16 @@ bool takes_value(const std::string& word) {
 // place of an object or a verb asks for its help. A prefix of several names is a usage error
 // that lists them.
 std::vector<std::string> expanded(const CLI::App& app, std::vector<std::string> args) {
+    // ip's own spellings of its options: -br and -brief, -c and -color with =WHEN (always
+    // when none is given).
+    for (std::size_t k = 0; k < args.size() && args[k].size() > 1 && args[k][0] == '-'; k += takes_value(args[k]) ? 2u : 1u) {
+        std::string& a = args[k];
+        const std::size_t eq = a.find('=');
+        const std::string name = a.substr(0, eq);
+        const std::string when = eq == std::string::npos ? "always" : a.substr(eq + 1);
+        if (name == "-br" || name == "-brief") a = "--brief";
+        else if (name == "-c" || name == "-color" || name == "--color") a = "--color=" + when;
+    }
     std::size_t i = 0;
     while (i < args.size() && args[i].size() > 1 && args[i][0] == '-') i += takes_value(args[i]) ? 2u : 1u;
     if (i >= args.size()) return args;
@@ -236,11 +246,15 @@ int main(int argc, char** argv) {
     app.footer("OBJECT COMMAND [ARGS]; OBJECT := device | addr | link | neigh | route | stats | monitor | status");
     std::string instance;
     int node = -1;
-    bool json = false, pretty = false;
+    bool json = false, pretty = false, brief = false;
+    std::string color = "never";
     app.add_option("-i,--instance", instance, "the device (simulator instance) to talk to");
     app.add_option("-n,--node", node, "the node to ask and to run as (1..32767)")->check(CLI::Range(1, 32767));
     app.add_flag("-j,--json", json, "JSON output");
     app.add_flag("-p,--pretty", pretty, "indented JSON output");
+    app.add_flag("--brief", brief, "one line an interface (addr, link) or an entry (neigh); also -br");
+    app.add_option("--color", color, "colour the output: always (-c), auto (on a terminal) or never")
+        ->check(CLI::IsMember({"always", "auto", "never"}));
     app.set_version_flag("-V,--version", std::string("ipctl ") + IPCTL_VERSION + ", libipclient " + IPCTL_VERSION);
     app.require_subcommand(1, 1);
 
@@ -304,7 +318,9 @@ int main(int argc, char** argv) {
         ::setenv("IPCLIENT_NODE", std::to_string(node).c_str(), 1);
         ctx.node = static_cast<std::uint16_t>(node);
     }
-    printer = Printer(json || pretty, pretty);
+    ctx.brief = brief;
+    const bool colour = color == "always" || (color == "auto" && ::isatty(STDOUT_FILENO) == 1);
+    printer = Printer(json || pretty, pretty, stdout, colour);
     try {
         if (ctx.action) ctx.action();
         return kExitOk;

@@ -70,16 +70,31 @@ const std::string& name_of(std::uint32_t ifindex) {
     return name;
 }
 
+// One line an entry, as ip writes a brief listing: address, interface, link-layer address
+// and state (the tool's -br).
+bool g_brief = false;
+
 Record neighbour(const char* family, const std::string& dst, std::uint32_t ifindex, const std::uint8_t* mac,
                  unsigned state, unsigned kind, unsigned vlan, unsigned vrf) {
     const std::string lladdr = mac_text(mac);
     const std::string& dev = name_of(ifindex);
+    const Record::Paint inet = family[4] == '6' ? Record::Paint::kInet6 : Record::Paint::kInet;
     Record r;
+    if (g_brief) {
+        r.add("dst", dst, dst).paint(inet);
+        r.add("dev", dev, dev).paint(Record::Paint::kIfname);
+        r.add("lladdr", lladdr, lladdr).paint(Record::Paint::kMac);
+        r.add("state", state_name(state), state_name(state));
+        return r;
+    }
     r.add("dst", dst, dst)
+        .paint(inet)
         .json_only("family", family)
         .json_only("ifindex", ifindex)
         .add("dev", dev, dev, "dev")
+        .paint(Record::Paint::kIfname)
         .add("lladdr", lladdr, lladdr, "lladdr")
+        .paint(Record::Paint::kMac)
         .add("state", state_name(state), state_name(state))
         .add("kind", kind_name(kind), kind_name(kind))
         .add("vlan", vlan, std::to_string(vlan), "vlan")
@@ -165,6 +180,7 @@ void neigh_show(Context& ctx, const CLI::App& verb, Words words, bool v4, bool v
         else words.unexpected();
     }
     if (!v4 && !v6) v4 = v6 = true;
+    g_brief = ctx.brief;
     require_device();
     const std::uint32_t ifindex = dev ? interface_index(verb, *dev) : 0;
     if (v4) walk_arp(ctx, ifindex);

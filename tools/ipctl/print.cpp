@@ -18,6 +18,22 @@ Json Record::to_json() const {
 
 namespace {
 
+// The escape sequences of ip's colours.
+const char* colour_of(Record::Paint p) {
+    switch (p) {
+        case Record::Paint::kIfname: return "\033[36m";
+        case Record::Paint::kMac: return "\033[33m";
+        case Record::Paint::kInet: return "\033[35m";
+        case Record::Paint::kInet6: return "\033[34m";
+        case Record::Paint::kUp: return "\033[32m";
+        case Record::Paint::kDown: return "\033[31m";
+        case Record::Paint::kNone: break;
+    }
+    return nullptr;
+}
+
+constexpr const char* kColourEnd = "\033[0m";
+
 std::string cell(const Record::Field& f) { return f.label.empty() ? f.text : f.label + " " + f.text; }
 
 }  // namespace
@@ -96,10 +112,16 @@ void Printer::write_text_rows() {
             if (!f.in_text) continue;
             s.append(pad, ' ');
             if (!f.label.empty()) s.append(f.label).append(1, ' ');
+            // Colour does not count in a column's width: only the text is coloured.
+            const char* colour = color_ ? colour_of(f.paint) : nullptr;
+            if (colour != nullptr) s.append(colour);
             s.append(f.text);
+            if (colour != nullptr) s.append(kColourEnd);
             pad = width[i] - cell_size(f) + 2;
             ++i;
         }
+        // A line ends with its last text, not with the room of an empty last cell.
+        while (!s.empty() && s.back() == ' ') s.pop_back();
         s += '\n';
         std::fwrite(s.data(), 1, s.size(), out_);
     }

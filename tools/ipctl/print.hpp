@@ -3,6 +3,7 @@
 // JSON (-j: a listing is one array, each record one object; -p indents it).
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -49,6 +50,14 @@ public:
     // A field of the text form only (the JSON form holds it elsewhere, e.g. nested).
     Record& text_only(std::string label, std::string text);
 
+    // How a text is coloured when colour is on (ip's colours for the same things).
+    enum class Paint : std::uint8_t { kNone, kIfname, kMac, kInet, kInet6, kUp, kDown };
+    // Colours the text of the field added last.
+    Record& paint(Paint p) {
+        if (!fields_.empty()) fields_.back().paint = p;
+        return *this;
+    }
+
     struct Field {
         std::string key;
         Json value;
@@ -56,6 +65,7 @@ public:
         std::string label;
         bool in_text = true;
         bool in_json = true;
+        Paint paint = Paint::kNone;
     };
     const std::vector<Field>& fields() const noexcept { return fields_; }
     Json to_json() const;
@@ -66,7 +76,8 @@ private:
 
 class Printer {
 public:
-    Printer(bool json, bool pretty, std::FILE* out = stdout) : json_(json), pretty_(pretty), out_(out) {
+    Printer(bool json, bool pretty, std::FILE* out = stdout, bool color = false)
+        : json_(json), pretty_(pretty), color_(color && !json), out_(out) {
         Record::keep_json = json;
         Record::keep_text = !json;
     }
@@ -98,6 +109,7 @@ private:
 
     bool json_;
     bool pretty_;
+    bool color_;
     std::FILE* out_;
     std::vector<Record> rows_;
     bool array_open_ = false;  // a JSON listing's "[" is out
