@@ -136,6 +136,13 @@ std::uint32_t IpStatModule::mtu(const Context& ctx, std::uint32_t ifindex) const
     return itf != nullptr ? itf->mtu : 0;
 }
 
+void IpStatModule::mirror_settings(std::uint16_t node, std::optional<unsigned> ttl, std::optional<bool> forwarding) {
+    Settings s = settings(node);
+    if (ttl) s.ttl = *ttl;
+    if (forwarding) s.forwarding = *forwarding;
+    settings_[node] = s;
+}
+
 void IpStatModule::set_settings(Context& ctx, std::uint16_t node, const Settings& s) {
     const auto it = settings_.find(node);
     const std::optional<Settings> before = it != settings_.end() ? std::optional<Settings>(it->second) : std::nullopt;
@@ -251,6 +258,11 @@ std::uint32_t IpStatModule::handle(Context& ctx, std::uint16_t node, std::span<c
         case StatOp::kIfMtu: w.be(mtu(ctx, data)); break;
         case StatOp::kSetDefTtl: {
             if (data < 1 || data > 255) return kFailure;
+            // A writable mirror's system takes the setting first; what it refuses is refused.
+            if (ctx.mirror != nullptr && ctx.mirror->writable() &&
+                ctx.mirror->set_default_ttl(static_cast<std::uint8_t>(data)) != 0) {
+                return kFailure;
+            }
             Settings changed = s;
             changed.ttl = data;
             set_settings(ctx, node, changed);

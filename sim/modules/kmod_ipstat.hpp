@@ -109,6 +109,10 @@ public:
     std::optional<std::string> add_counts(const Context& ctx, std::uint16_t node, std::string_view set,
                                           std::uint32_t ifindex, NamedCounts counts);
 
+    // The mirrored system's default TTL and forwarding of a node (none: as they are): its
+    // own, not a client's, so not stored.
+    void mirror_settings(std::uint16_t node, std::optional<unsigned> ttl, std::optional<bool> forwarding);
+
 private:
     void set_settings(Context& ctx, std::uint16_t node, const ipstat::Settings& s);
     void set_mtu(Context& ctx, std::uint32_t ifindex, std::uint32_t mtu);

@@ -77,6 +77,11 @@ std::unique_ptr<LinuxSource> LinuxSource::open(const LinuxSourceOptions& opts, s
         if (!s->events_) return nullptr;
         s->requests_ = nl::Socket::open(0, err);
         if (!s->requests_ || !s->proc_.open(err)) return nullptr;
+        // The namespace's IPv4 settings, read (and, writable, written) through these files.
+        if (!s->proc_.open_settings(opts.writable)) {
+            SIM_LOG(kWarn, "%s: cannot read /proc/sys/net/ipv4/ip_default_ttl: %s", s->describe().c_str(),
+                    std::strerror(errno));
+        }
     }
     // Subscribed first, read second: what changes in between arrives as a notification.
     nl::Sink& sink = *s;
@@ -485,6 +490,8 @@ void LinuxSource::refresh_counters() {
         }
     }
     if (loopback != 0) add_counts("icmp", loopback, nl::icmp_counters(proc));
+    // The default TTL and forwarding as the namespace has them now.
+    ctx_->ipstat.mirror_settings(kNode, proc_.default_ttl(), proc_.forwarding());
     for (const auto& [index, l] : links_) {
         if (l.stats && ctx_->device.interface(index) != nullptr) add_counts("mib", index, nl::mib_counters(*l.stats));
     }
@@ -529,6 +536,12 @@ int LinuxSource::delete_address(std::uint32_t ifindex, std::uint32_t addr, std::
     // An address the namespace does not have is as good as deleted.
     if (rc == EADDRNOTAVAIL || rc == ENOENT || rc == ENODEV) return 0;
     if (rc != 0) SIM_LOG(kWarn, "%s: the kernel refused to delete an address on %u: %s", describe().c_str(), ifindex, std::strerror(rc));
+    return rc;
+}
+
+int LinuxSource::set_default_ttl(std::uint8_t ttl) {
+    const int rc = proc_.set_default_ttl(ttl);
+    if (rc != 0) SIM_LOG(kWarn, "%s: cannot set the default TTL: %s", describe().c_str(), std::strerror(rc));
     return rc;
 }
 

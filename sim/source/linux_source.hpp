@@ -63,6 +63,8 @@
 //    rx_packets, in_octets rx_bytes, in_discards rx_dropped, out_transmits tx_packets,
 //    out_octets tx_bytes, out_discards tx_dropped. Forwarding and BPA counters have no
 //    Linux counterpart and move only with "ipstat.traffic".
+//  - settings: with the counters, node 1's default TTL and forwarding are the namespace's
+//    (/proc/sys/net/ipv4/ip_default_ttl, ip_forward); an interface's MTU is its link's.
 //
 // Following the namespace: notifications of RTMGRP_LINK, RTMGRP_IPV4_IFADDR,
 // RTMGRP_IPV4_ROUTE, RTMGRP_IPV6_ROUTE and RTMGRP_NEIGH are read on the daemon's own loop
@@ -78,7 +80,9 @@
 // (RTM_NEWADDR) or deleted (RTM_DELADDR) in the namespace, before the table changes, and
 // a client's request refused by the kernel is refused; an ARP request, ND solicitation or
 // ND resolution asks the kernel to resolve the neighbour (RTM_NEWNEIGH with NTF_USE) and
-// the tables follow the kernel's answer. Without --writable nothing is written.
+// the tables follow the kernel's answer; a default TTL set through the IP module
+// (IP_SetIPDefaultTTL) is written to the namespace's ip_default_ttl first (refused when it
+// cannot be). Without --writable nothing is written.
 #pragma once
 
 #include <chrono>
@@ -127,6 +131,7 @@ public:
     int add_address(const IPAddrInfo& info) override;
     int delete_address(std::uint32_t ifindex, std::uint32_t addr, std::uint32_t mask) override;
     int resolve(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr) override;
+    int set_default_ttl(std::uint8_t ttl) override;
 
 private:
     explicit LinuxSource(LinuxSourceOptions opts) : opts_(std::move(opts)) {}

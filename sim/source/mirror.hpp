@@ -23,6 +23,8 @@ public:
     // Asks the system to resolve a neighbour (family 2 or 10); the tables learn the answer
     // from the system later. 0, or the system's errno.
     virtual int resolve(std::uint8_t family, std::uint32_t ifindex, const NeighAddr& addr) = 0;
+    // Sets the system's default TTL: 0, or the system's errno.
+    virtual int set_default_ttl(std::uint8_t ttl) = 0;
 };
 
 }  // namespace sim

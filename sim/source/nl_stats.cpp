@@ -137,6 +137,44 @@ bool ProcNet::open(std::string* err) {
     return true;
 }
 
+bool ProcNet::open_settings(bool writable) {
+    if (writable) ttl_.reset(::open("/proc/sys/net/ipv4/ip_default_ttl", O_RDWR | O_CLOEXEC));
+    if (!ttl_.valid()) ttl_.reset(::open("/proc/sys/net/ipv4/ip_default_ttl", O_RDONLY | O_CLOEXEC));
+    forward_.reset(::open("/proc/sys/net/ipv4/ip_forward", O_RDONLY | O_CLOEXEC));
+    return ttl_.valid();
+}
+
+namespace {
+
+std::optional<std::uint64_t> setting(const ipc::Fd& fd) {
+    std::string text = read_all(fd);
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+    std::uint64_t v = 0;
+    if (text.empty() || !number(text, &v)) return std::nullopt;
+    return v;
+}
+
+}  // namespace
+
+std::optional<unsigned> ProcNet::default_ttl() const {
+    const auto v = setting(ttl_);
+    if (!v || *v < 1 || *v > 255) return std::nullopt;
+    return static_cast<unsigned>(*v);
+}
+
+std::optional<bool> ProcNet::forwarding() const {
+    const auto v = setting(forward_);
+    if (!v) return std::nullopt;
+    return *v != 0;
+}
+
+int ProcNet::set_default_ttl(unsigned ttl) const {
+    const std::string text = std::to_string(ttl) + "\n";
+    const ssize_t n = ::pwrite(ttl_.get(), text.data(), text.size(), 0);
+    if (n < 0) return errno;
+    return static_cast<std::size_t>(n) == text.size() ? 0 : EIO;
+}
+
 ProcCounters ProcNet::read() const {
     ProcCounters out;
     parse_pairs(read_all(snmp_), &out);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,9 +30,18 @@ public:
     bool open(std::string* err);
     // Every counter of the three files as they read now.
     ProcCounters read() const;
+    // The namespace's IPv4 settings (/proc/sys/net/ipv4/ip_default_ttl and ip_forward), as
+    // they read now; none when a file cannot be read. Opened with the counters, for writing
+    // too when `writable` (where the process may).
+    std::optional<unsigned> default_ttl() const;
+    std::optional<bool> forwarding() const;
+    // Writes the default TTL: 0, or the errno of the write.
+    int set_default_ttl(unsigned ttl) const;
+
+    bool open_settings(bool writable);
 
 private:
-    ipc::Fd snmp_, snmp6_, netstat_;
+    ipc::Fd snmp_, snmp6_, netstat_, ttl_, forward_;
 };
 
 // Parses files of header and value line pairs ("Ip: Forwarding DefaultTTL ..." then

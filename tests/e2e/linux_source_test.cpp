@@ -584,3 +584,63 @@ TEST(LinuxSourceOptions, AMissingNamespaceOrStrayOptionsAreRefused) {
 
 }  // namespace
 }  // namespace e2e
+
+// ---- Settings of the namespace ------------------------------------------------------------------
+
+namespace e2e {
+namespace {
+
+class LinuxSettingsE2E : public LinuxSourceE2E {
+protected:
+    // Writes and reads /proc/sys/net/ipv4/NAME inside the namespace.
+    void set_sysctl(const std::string& name, const std::string& value) {
+        std::string err;
+        ASSERT_EQ(run({ip_, "netns", "exec", ns_, "sh", "-c", "echo " + value + " > /proc/sys/net/ipv4/" + name}, nullptr,
+                      &err),
+                  0)
+            << err;
+    }
+    std::string sysctl(const std::string& name) {
+        std::string out;
+        EXPECT_EQ(run({ip_, "netns", "exec", ns_, "cat", "/proc/sys/net/ipv4/" + name}, &out), 0);
+        while (!out.empty() && out.back() == '\n') out.pop_back();
+        return out;
+    }
+};
+
+// The node's default TTL and forwarding are the namespace's, and follow it (not the
+// device's own 255); a read-only device keeps the namespace as it is.
+TEST_F(LinuxSettingsE2E, DefaultTtlAndForwardingAreTheNamespaces) {
+    set_sysctl("ip_default_ttl", "64");
+    set_sysctl("ip_forward", "0");
+    start();
+    EXPECT_TRUE(eventually([] { return IP_GetDefTTL() == 64u; })) << IP_GetDefTTL();
+    std::uint32_t conf[4] = {};
+    ASSERT_EQ(IP_GetConf(sizeof conf, conf), 0u);
+    EXPECT_EQ(conf[0], 0u) << "forwarding off, as in the namespace";
+    EXPECT_EQ(conf[1], 64u);
+    set_sysctl("ip_default_ttl", "77");
+    set_sysctl("ip_forward", "1");
+    EXPECT_TRUE(eventually([] { return IP_GetDefTTL() == 77u; })) << IP_GetDefTTL();
+    EXPECT_TRUE(eventually([&] { return IP_GetConf(sizeof conf, conf) == 0 && conf[0] == 1u; }));
+    // Read only: the device takes the setting, the namespace does not, and the device
+    // follows the namespace again.
+    EXPECT_EQ(IP_SetIPDefaultTTL(99, 1), 0u);
+    EXPECT_EQ(sysctl("ip_default_ttl"), "77");
+    EXPECT_TRUE(eventually([] { return IP_GetDefTTL() == 77u; })) << IP_GetDefTTL();
+}
+
+// A writable device sets the namespace's default TTL through IP_SetIPDefaultTTL.
+TEST_F(LinuxSettingsE2E, AWritableDeviceSetsTheNamespacesDefaultTtl) {
+    set_sysctl("ip_default_ttl", "64");
+    start(true);
+    EXPECT_TRUE(eventually([] { return IP_GetDefTTL() == 64u; })) << IP_GetDefTTL();
+    ASSERT_EQ(IP_SetIPDefaultTTL(99, 1), 0u) << sim.log();
+    EXPECT_EQ(sysctl("ip_default_ttl"), "99");
+    EXPECT_EQ(IP_GetDefTTL(), 99u);
+    EXPECT_NE(IP_SetIPDefaultTTL(0, 1), 0u) << "out of range: refused, the namespace unchanged";
+    EXPECT_EQ(sysctl("ip_default_ttl"), "99");
+}
+
+}  // namespace
+}  // namespace e2e
