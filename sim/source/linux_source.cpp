@@ -243,7 +243,8 @@ void LinuxSource::link(const nl::Link& l, bool gone) {
         return;
     }
     const auto prev = links_.find(l.index);
-    const bool was_up = prev != links_.end() && (prev->second.flags & IFF_UP) != 0;
+    const bool known = prev != links_.end();
+    const unsigned prev_flags = known ? prev->second.flags : 0;
     links_[l.index] = l;
     if (l.kind == "vrf") {
         if (ctx_->device.interface(l.index) != nullptr) drop_link(l.index);
@@ -255,8 +256,13 @@ void LinuxSource::link(const nl::Link& l, bool gone) {
     const bool moved = old != nullptr && old->vrf != itf.vrf;
     ctx_->device.put_interface(itf);
     if (moved) move_to_vrf(l.index, itf.vrf);
-    // Linux drops the routes of a link taken down without a word.
-    if (was_up && (l.flags & IFF_UP) == 0) drop_routes_via(l.index);
+    // Linux drops the IPv4 routes of a link taken down, and clears the link-down flag of its
+    // routes when the carrier comes, without a word: the routes are read again (unless the
+    // whole namespace is being read again already).
+    constexpr unsigned kLowerUp = 0x10000;  // IFF_LOWER_UP of linux/if.h: the carrier
+    const unsigned state = IFF_UP | IFF_RUNNING | kLowerUp;
+    const bool changed = known && ((prev_flags ^ l.flags) & state) != 0;
+    if (changed && !seen_routes_) reread_routes();
 }
 
 void LinuxSource::addr(const nl::Addr& a, bool gone) {
@@ -317,8 +323,10 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
     out.node = 0;
     out.active = (r.flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) == 0;
     const Applying mark(applying_);
+    const FibTable::Key key = FibTable::key_of(out);
     if (gone) {
-        ctx_->fib.remove(FibTable::key_of(out));
+        if (const auto it = candidates_.find(key); it != candidates_.end()) it->second.erase(r.priority);
+        choose(key);
         return;
     }
     if (const scenario::Interface* itf = r.oif != 0 ? ctx_->device.interface(r.oif) : nullptr) {
@@ -327,9 +335,47 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
             if (const Neighbour* n = ctx_->neighs.find(out.family, r.oif, *r.gateway)) out.mac = n->mac;
         }
     }
-    if (seen_routes_) seen_routes_->insert(FibTable::key_of(out));
+    if (seen_routes_) seen_routes_->insert(key);
+    candidates_[key][r.priority] = out;
+    choose(key);
+}
+
+void LinuxSource::choose(const FibTable::Key& key) {
+    const auto it = candidates_.find(key);
+    if (it == candidates_.end() || it->second.empty()) {
+        if (it != candidates_.end()) candidates_.erase(it);
+        ctx_->fib.remove(key);
+        return;
+    }
+    const Route& best = it->second.begin()->second;
+    const Route* now = ctx_->fib.find(key);
+    if (now != nullptr && now->next_hop == best.next_hop && now->ifindex == best.ifindex && now->active == best.active &&
+        now->mac == best.mac && now->own_mac == best.own_mac) {
+        return;
+    }
     // The namespace keeps what a full device FIB refuses; the refusal is counted.
-    (void)ctx_->fib.put(out);
+    (void)ctx_->fib.put(best);
+}
+
+void LinuxSource::reread_routes() {
+    const Applying mark(applying_);
+    seen_routes_.emplace();
+    candidates_.clear();
+    if (const int rc = nl::dump_routes(*requests_, *this); rc != 0) {
+        SIM_LOG(kError, "%s: cannot read the routes again: %s", describe().c_str(), std::strerror(rc));
+        seen_routes_.reset();
+        return;
+    }
+    for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
+        std::vector<FibTable::Key> gone;
+        std::optional<FibTable::Key> at;
+        while (const Route* r = ctx_->fib.next(family, kNode, at)) {
+            at = FibTable::key_of(*r);
+            if (seen_routes_->count(*at) == 0) gone.push_back(*at);
+        }
+        for (const auto& k : gone) ctx_->fib.remove(k);
+    }
+    seen_routes_.reset();
 }
 
 void LinuxSource::neigh(const nl::Neigh& n, bool gone) {
@@ -397,15 +443,13 @@ void LinuxSource::drop_link(std::uint32_t ifindex) {
 }
 
 void LinuxSource::drop_routes_via(std::uint32_t ifindex) {
-    for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
-        std::vector<FibTable::Key> gone;
-        std::optional<FibTable::Key> at;
-        while (const Route* r = ctx_->fib.next(family, kNode, at)) {
-            at = FibTable::key_of(*r);
-            if (r->ifindex == ifindex) gone.push_back(*at);
-        }
-        for (const auto& k : gone) ctx_->fib.remove(k);
+    std::vector<FibTable::Key> changed;
+    for (auto& [key, by_metric] : candidates_) {
+        const std::size_t before = by_metric.size();
+        std::erase_if(by_metric, [ifindex](const auto& m) { return m.second.ifindex == ifindex; });
+        if (by_metric.size() != before) changed.push_back(key);
     }
+    for (const auto& k : changed) choose(k);
 }
 
 void LinuxSource::move_to_vrf(std::uint32_t ifindex, std::uint16_t vrf) {
@@ -442,6 +486,7 @@ void LinuxSource::ready(std::uint32_t) {
 void LinuxSource::resync() {
     const Applying mark(applying_);
     seen_routes_.emplace();
+    candidates_.clear();
     nl::Sink& sink = *this;
     int rc = nl::dump_links(*requests_, sink);
     if (rc == 0) rc = nl::dump_addrs(*requests_, sink);

@@ -34,8 +34,9 @@
 //    when the route is learnt. Kept route types: unicast, blackhole, unreachable and
 //    prohibit; cached (RTM_F_CLONED) routes are skipped. A route is inactive while the
 //    kernel marks it RTNH_F_DEAD or RTNH_F_LINKDOWN. The FIB keeps one route per (VRF,
-//    prefix, length): routes that differ only in metric or TOS fold into one, the last
-//    one learnt, and deleting one of them deletes the entry;
+//    prefix, length): of the namespace's routes of a prefix (differing in metric), the one
+//    the kernel uses, the lowest metric; when it is deleted the next lowest takes its
+//    place. A route of the same metric replaces the one before;
 //  - neighbours: AF_INET into the ARP table, AF_INET6 into the ND table, with the link's
 //    VRF, node 1, the link-layer address. States: NUD_REACHABLE reachable, NUD_STALE
 //    stale, NUD_DELAY delay, NUD_PROBE probe, NUD_INCOMPLETE incomplete (kind dynamic,
@@ -69,8 +70,10 @@
 // Following the namespace: notifications of RTMGRP_LINK, RTMGRP_IPV4_IFADDR,
 // RTMGRP_IPV4_ROUTE, RTMGRP_IPV6_ROUTE and RTMGRP_NEIGH are read on the daemon's own loop
 // and change the tables, whose observers publish the events. A deleted link takes its
-// addresses, neighbours and routes with it; a link taken down takes its routes (Linux
-// drops them without a notification). Should the kernel drop notifications (a full
+// addresses, neighbours and routes with it. When a link goes up or down or its carrier
+// changes, the routes are read again and compared: Linux drops the IPv4 routes of a link
+// taken down, and clears a route's link-down flag when the carrier comes, without a
+// notification. Should the kernel drop notifications (a full
 // socket), the source reads the namespace again: links, addresses and neighbours are
 // brought up to date, and routes the namespace no longer has are dropped.
 //
@@ -148,6 +151,11 @@ private:
     void vrf_device(const nl::Link& l);
     void drop_link(std::uint32_t ifindex);
     void drop_routes_via(std::uint32_t ifindex);
+    // Puts the route the kernel uses for a FIB key into the FIB, or removes the entry when
+    // the namespace has none left.
+    void choose(const FibTable::Key& key);
+    // Reads the routes again and drops those the namespace no longer has.
+    void reread_routes();
     void move_to_vrf(std::uint32_t ifindex, std::uint16_t vrf);
     void resync();
     void refresh_counters();
@@ -171,6 +179,9 @@ private:
     std::uint16_t next_vrf_ = 1;
     // Routes seen during a resync (the others are dropped at its end).
     std::optional<std::set<FibTable::Key>> seen_routes_;
+    // Every route the namespace has for a FIB key, by metric: the device's entry is the one
+    // the kernel uses, the lowest metric; when it goes, the next one takes its place.
+    std::map<FibTable::Key, std::map<std::uint32_t, Route>> candidates_;
     // The namespace's counters at the last reading, by set, interface and name.
     std::map<std::string, std::uint64_t, std::less<>> last_counts_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -50,6 +50,7 @@ struct Route {
     std::array<std::uint8_t, 16> dst{};
     std::optional<std::array<std::uint8_t, 16>> gateway;
     std::uint32_t oif = 0;
+    std::uint32_t priority = 0;        // the metric (RTA_PRIORITY); 0 when none
 };
 
 struct Neigh {

@@ -21,6 +21,7 @@ int route_attr_cb(const nlattr* attr, void* data) {
     int ok = 0;
     switch (type) {
         case RTA_TABLE:
+        case RTA_PRIORITY:
         case RTA_OIF: ok = mnl_attr_validate(attr, MNL_TYPE_U32); break;
         case RTA_DST:
         case RTA_GATEWAY:
@@ -61,6 +62,7 @@ int route_cb(const nlmsghdr* nlh, void* data) {
     }
     r.gateway = address_of(a.tb[RTA_GATEWAY], alen);
     if (a.tb[RTA_OIF] != nullptr) r.oif = mnl_attr_get_u32(a.tb[RTA_OIF]);
+    if (a.tb[RTA_PRIORITY] != nullptr) r.priority = mnl_attr_get_u32(a.tb[RTA_PRIORITY]);
     if (a.tb[RTA_MULTIPATH] != nullptr && r.oif == 0) {
         // The first path: a struct rtnexthop, then that path's own attributes.
         const auto* first = static_cast<const std::uint8_t*>(mnl_attr_get_payload(a.tb[RTA_MULTIPATH]));

@@ -644,3 +644,82 @@ TEST_F(LinuxSettingsE2E, AWritableDeviceSetsTheNamespacesDefaultTtl) {
 
 }  // namespace
 }  // namespace e2e
+
+// ---- Routes as the kernel uses them -------------------------------------------------------------
+
+namespace e2e {
+namespace {
+
+class LinuxRoutesE2E : public LinuxSourceE2E {
+protected:
+    void SetUp() override {
+        LinuxSourceE2E::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        in_ns({"link", "add", "v2", "type", "veth", "peer", "name", "v3", "netns", peer_});
+        in_ns({"link", "set", "v2", "up"});
+        in_peer({"link", "set", "v3", "up"});
+        in_ns({"addr", "add", "10.88.0.1/24", "dev", "v2"});
+        in_peer({"addr", "add", "10.88.0.2/24", "dev", "v3"});
+        v2_ = link_index(ns_, "v2");
+    }
+
+    // The gateway of the device's entry for 10.150.0.0/16 in the public VRF, "" when none.
+    std::string device_gateway() {
+        std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+        if (search4("10.150.0.0", "255.255.0.0", 0, entries) != 1) return "";
+        return dotted(host_at<std::uint32_t>(entries + FIB_ENTRY_NEXTHOP_OFFSET));
+    }
+    // The gateway the kernel forwards 10.150.1.1 by (ip -j route get), "" when none.
+    std::string kernel_gateway() {
+        std::string out, err;
+        if (run({ip_, "-n", ns_, "-j", "route", "get", "10.150.1.1"}, &out, &err) != 0) return "";
+        const json j = json::parse(out, nullptr, false);
+        return j.is_array() && !j.empty() ? j[0].value("gateway", "") : "";
+    }
+    // The device follows the kernel: the same gateway, within a second.
+    void expect_as_the_kernel(const std::string& want) {
+        EXPECT_EQ(kernel_gateway(), want) << in_ns({"route", "show", "10.150.0.0/16"});
+        EXPECT_TRUE(eventually([&] { return device_gateway() == want; }, std::chrono::seconds(2)))
+            << "device " << device_gateway() << ", kernel " << want << "\n" << in_ns({"route", "show", "10.150.0.0/16"});
+    }
+
+    std::uint32_t v2_ = 0;
+};
+
+// Of two routes of one prefix the device keeps the one the kernel uses, the lowest metric,
+// whichever came first; deleting it promotes the other.
+TEST_F(LinuxRoutesE2E, TheLowestMetricIsTheDevicesEntryAndItsDeletionPromotesTheNext) {
+    start();
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.88.0.2", "dev", "v2", "metric", "50"});
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.77.0.2", "dev", "v0", "metric", "100"});
+    expect_as_the_kernel("10.88.0.2");
+    in_ns({"route", "del", "10.150.0.0/16", "metric", "50"});
+    expect_as_the_kernel("10.77.0.2");
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.88.0.2", "dev", "v2", "metric", "20"});
+    expect_as_the_kernel("10.88.0.2");
+    in_ns({"route", "del", "10.150.0.0/16", "metric", "100"});
+    expect_as_the_kernel("10.88.0.2");
+    in_ns({"route", "del", "10.150.0.0/16", "metric", "20"});
+    EXPECT_TRUE(eventually([&] { return device_gateway().empty(); }, std::chrono::seconds(2)));
+}
+
+// A link that goes down and comes up: the device keeps what the kernel keeps, whatever the
+// kernel told or did not tell.
+TEST_F(LinuxRoutesE2E, ALinkFlapKeepsTheRoutesTheKernelKeeps) {
+    start();
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.88.0.2", "dev", "v2", "metric", "50"});
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.77.0.2", "dev", "v0", "metric", "100"});
+    expect_as_the_kernel("10.88.0.2");
+    in_ns({"link", "set", "v2", "down"});
+    expect_as_the_kernel("10.77.0.2");
+    in_ns({"link", "set", "v2", "up"});
+    // Whatever the kernel now uses (it dropped v2's route with the link), the device uses too.
+    expect_as_the_kernel(kernel_gateway());
+    EXPECT_FALSE(device_gateway().empty()) << "v0's route is the kernel's still";
+    in_ns({"link", "set", "v0", "down"});
+    in_ns({"link", "set", "v0", "up"});
+    expect_as_the_kernel(kernel_gateway());
+}
+
+}  // namespace
+}  // namespace e2e
