@@ -33,6 +33,9 @@ std::string describe(const Result& r) {
     return "exit " + std::to_string(r.code) + "\n--- stdout\n" + r.out + "--- stderr\n" + r.err;
 }
 
+// A usage error: exit 2, the error and the usage line of the object or verb (below).
+void expect_usage(const std::vector<std::string>& args, const std::string& error, const std::string& usage);
+
 // The output of a command that must succeed.
 std::string run_ok(const std::vector<std::string>& args) {
     const Result r = ipctl(args);
@@ -607,6 +610,18 @@ TEST_F(IpctlRoute, GetFindsTheLongestPrefixThatHoldsTheAddress) {
     expect_records(j, {entry("2001:db8:1::/64", "inet6", "::", 2, "GigabitEthernet1/0/1", 1)});
     expect_fits(j, "route_entry");
 
+    // One VRF, the public one unless another is named: 10.1.2.0/24 is vpn-a's (VRF 1).
+    EXPECT_EQ(run_ok({"route", "get", "10.1.2.5"}),
+              "0.0.0.0/0  vrf 0  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "get", "10.1.2.5", "vrf", "1"}),
+              "10.1.2.0/24  vrf 1  via 0.0.0.0  dev GigabitEthernet1/0/2  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "get", "10.1.2.5", "vrf", "public"}), run_ok({"route", "get", "10.1.2.5"}));
+    const Result none = ipctl({"route", "get", "8.8.8.8", "vrf", "1"});
+    EXPECT_EQ(none.code, 1) << describe(none);
+    EXPECT_EQ(none.err, "ipctl: no route to 8.8.8.8 in VRF 1\n");
+    expect_usage({"route", "get", "8.8.8.8", "vrf", "blue"},
+                 "\"vrf\" takes a VRF index from 0 to 65535 or public, got \"blue\"", "route get ADDR [vrf N]");
+
     // No IPv6 default route: nothing holds this address.
     const Result r = ipctl({"route", "get", "2001:db8:99::1"});
     EXPECT_EQ(r.code, 1) << describe(r);
@@ -1125,7 +1140,7 @@ TEST_F(IpctlUsage, BadAddress) {
                  "\"10.9.9.1/33\" is not an IPv4 address with a prefix length", "addr add ADDR/LEN dev IF [secondary]");
     expect_usage({"addr", "del", "10.9.9/24", "dev", "GigabitEthernet1/0/1"},
                  "\"10.9.9/24\" is not an IPv4 address with a prefix length", "addr del ADDR/LEN dev IF [secondary]");
-    expect_usage({"route", "get", "10.1.1.300"}, "\"10.1.1.300\" is not an IPv4 or IPv6 address", "route get ADDR");
+    expect_usage({"route", "get", "10.1.1.300"}, "\"10.1.1.300\" is not an IPv4 or IPv6 address", "route get ADDR [vrf N]");
     expect_usage({"neigh", "resolve", "fe80::zz", "dev", "GigabitEthernet1/0/1"},
                  "\"fe80::zz\" is not an IPv4 or IPv6 address", "neigh resolve ADDR dev IF");
 }

@@ -1,7 +1,7 @@
 // ipctl route: the forwarding tables.
 //
 //   ipctl route show [-4|-6] [vrf NAME] [PREFIX]
-//   ipctl route get ADDR
+//   ipctl route get ADDR [vrf N]
 //   ipctl route save FILE
 //
 // The IPv4 table of every running node is read as the device writes it out
@@ -188,10 +188,14 @@ Record entry_record(const std::uint8_t* e) {
     return r;
 }
 
-// Exact searches: the entries of one prefix, in any VPN instance.
-std::vector<std::uint8_t> search4(std::uint32_t addr, unsigned len, std::uint64_t* count) {
+// Every VPN instance, as a search key names it.
+constexpr std::uint32_t kAnyInstance = 0xFFFFFFFFu;
+
+// Exact searches: the entries of one prefix, in one VPN instance or in any.
+std::vector<std::uint8_t> search4(std::uint32_t addr, unsigned len, std::uint64_t* count,
+                                  std::uint32_t instance = kAnyInstance) {
     FIB4_SEARCH_KEY_S key{};
-    key.uiInstance = 0xFFFFFFFFu;
+    key.uiInstance = instance;
     key.usFamily = 2;
     key.uiMask = length_mask(len);
     key.uiDest = addr & key.uiMask;
@@ -202,10 +206,10 @@ std::vector<std::uint8_t> search4(std::uint32_t addr, unsigned len, std::uint64_
     return entries;
 }
 
-std::vector<std::uint8_t> search6(const std::array<std::uint8_t, 16>& addr, unsigned len, std::uint64_t* count) {
-    // The key: instance (any), family, the destination at 8 and its prefix length at 24.
+std::vector<std::uint8_t> search6(const std::array<std::uint8_t, 16>& addr, unsigned len, std::uint64_t* count,
+                                  std::uint32_t instance = kAnyInstance) {
+    // The key: instance, family, the destination at 8 and its prefix length at 24.
     std::uint8_t key[FIB6_SEARCH_KEY_SIZE] = {};
-    const std::uint32_t instance = 0xFFFFFFFFu;
     const std::uint16_t family = 10;
     std::memcpy(key, &instance, sizeof instance);
     std::memcpy(key + 4, &family, sizeof family);
@@ -257,21 +261,36 @@ void route_show(Context& ctx, const CLI::App& verb, Words words, bool v6) {
     ctx.out->flush();
 }
 
+// route get looks in one VRF, as ip route get looks in one table: the public VRF unless
+// "vrf N" names another (an index 0-65535, or "public").
 void route_get(Context& ctx, const CLI::App& verb, Words words) {
     const std::string target = words.next();
-    words.expect_end();
+    std::optional<std::string> vrf_word;
+    while (!words.done()) {
+        if (words.next() == "vrf") words.value_of("vrf", &vrf_word);
+        else words.unexpected();
+    }
+    std::uint32_t vrf = 0;
+    if (vrf_word && *vrf_word != "public") {
+        const bool digits = !vrf_word->empty() && vrf_word->size() <= 5 &&
+                            vrf_word->find_first_not_of("0123456789") == std::string::npos;
+        if (!digits || std::stoul(*vrf_word) > 0xFFFFu) {
+            usage_error(verb, "\"vrf\" takes a VRF index from 0 to 65535 or public, got \"" + *vrf_word + "\"");
+        }
+        vrf = static_cast<std::uint32_t>(std::stoul(*vrf_word));
+    }
     if (parse_inet4(target) || parse_inet6(target)) require_device();
     std::uint64_t count = 0;
     if (const auto a4 = parse_inet4(target)) {
         for (int len = 32; len >= 0; --len) {
-            const auto entries = search4(*a4, static_cast<unsigned>(len), &count);
+            const auto entries = search4(*a4, static_cast<unsigned>(len), &count, vrf);
             if (count == 0) continue;
             print_entries(ctx, entries, count);
             break;
         }
     } else if (const auto a6 = parse_inet6(target)) {
         for (int len = 128; len >= 0; --len) {
-            const auto entries = search6(*a6, static_cast<unsigned>(len), &count);
+            const auto entries = search6(*a6, static_cast<unsigned>(len), &count, vrf);
             if (count == 0) continue;
             print_entries(ctx, entries, count);
             break;
@@ -279,7 +298,7 @@ void route_get(Context& ctx, const CLI::App& verb, Words words) {
     } else {
         usage_error(verb, "\"" + target + "\" is not an IPv4 or IPv6 address");
     }
-    if (count == 0) failure("no route to " + target);
+    if (count == 0) failure("no route to " + target + (vrf != 0 ? " in VRF " + std::to_string(vrf) : ""));
     ctx.out->flush();
 }
 
@@ -309,7 +328,7 @@ void add_route(CLI::App& app, Context& ctx) {
                               });
     CLI::Option* o4 = show->add_flag("-4", *v4, "IPv4 routes (the default)");
     show->add_flag("-6", *v6, "IPv6 routes")->excludes(o4);
-    add_verb(object, "get", "the longest prefix that holds an address", "route get ADDR", ctx,
+    add_verb(object, "get", "the longest prefix that holds an address", "route get ADDR [vrf N]", ctx,
              [&ctx](const CLI::App& verb, Words w) { route_get(ctx, verb, std::move(w)); });
     add_verb(object, "save", "writes the device's forwarding table file", "route save FILE", ctx,
              [&ctx](const CLI::App&, Words w) { route_save(ctx, std::move(w)); });
