@@ -142,6 +142,13 @@ private:
         if (ctx_.addrs.find(ifindex, info.stEntry.stKey.uiAddr) == nullptr && ctx_.addr_module.full(ifindex)) {
             return kNoResources;
         }
+        // A conflict the device refuses is refused before the mirrored system is touched.
+        if (ctx_.addrs.find(ifindex, info.stEntry.stKey.uiAddr) == nullptr) {
+            if (const IPAddrInfo* c = ctx_.addrs.conflict(info.stEntry)) {
+                if (value != nullptr) *value = c->stEntry.stKey.uiIfIndex;
+                return kAddrConflict;
+            }
+        }
         // A writable mirrored system carries the change out first; what it refuses is refused.
         // Should the request not be stored after all, the system's change is taken back.
         if (writes_through()) {

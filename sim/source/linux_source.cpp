@@ -324,8 +324,12 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
     out.active = (r.flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) == 0;
     const Applying mark(applying_);
     const FibTable::Key key = FibTable::key_of(out);
+    // The namespace's route this one is: the same metric, out interface and gateway.
+    const auto same = [&](const Candidate& c) {
+        return c.metric == r.priority && c.route.ifindex == out.ifindex && c.route.next_hop == out.next_hop;
+    };
     if (gone) {
-        if (const auto it = candidates_.find(key); it != candidates_.end()) it->second.erase(r.priority);
+        if (const auto it = candidates_.find(key); it != candidates_.end()) std::erase_if(it->second, same);
         choose(key);
         return;
     }
@@ -336,7 +340,12 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
         }
     }
     if (seen_routes_) seen_routes_->insert(key);
-    candidates_[key][r.priority] = out;
+    std::vector<Candidate>& all = candidates_[key];
+    if (const auto it = std::find_if(all.begin(), all.end(), same); it != all.end()) {
+        it->route = out;  // a change of a route held keeps its place
+    } else {
+        all.push_back(Candidate{r.priority, ++learnt_, out});
+    }
     choose(key);
 }
 
@@ -347,7 +356,9 @@ void LinuxSource::choose(const FibTable::Key& key) {
         ctx_->fib.remove(key);
         return;
     }
-    const Route& best = it->second.begin()->second;
+    const Route& best = std::min_element(it->second.begin(), it->second.end(), [](const Candidate& a, const Candidate& b) {
+                            return a.metric != b.metric ? a.metric < b.metric : a.order < b.order;
+                        })->route;
     const Route* now = ctx_->fib.find(key);
     if (now != nullptr && now->next_hop == best.next_hop && now->ifindex == best.ifindex && now->active == best.active &&
         now->mac == best.mac && now->own_mac == best.own_mac) {
@@ -444,10 +455,10 @@ void LinuxSource::drop_link(std::uint32_t ifindex) {
 
 void LinuxSource::drop_routes_via(std::uint32_t ifindex) {
     std::vector<FibTable::Key> changed;
-    for (auto& [key, by_metric] : candidates_) {
-        const std::size_t before = by_metric.size();
-        std::erase_if(by_metric, [ifindex](const auto& m) { return m.second.ifindex == ifindex; });
-        if (by_metric.size() != before) changed.push_back(key);
+    for (auto& [key, all] : candidates_) {
+        if (std::erase_if(all, [ifindex](const Candidate& c) { return c.route.ifindex == ifindex; }) != 0) {
+            changed.push_back(key);
+        }
     }
     for (const auto& k : changed) choose(k);
 }

@@ -34,9 +34,9 @@
 //    when the route is learnt. Kept route types: unicast, blackhole, unreachable and
 //    prohibit; cached (RTM_F_CLONED) routes are skipped. A route is inactive while the
 //    kernel marks it RTNH_F_DEAD or RTNH_F_LINKDOWN. The FIB keeps one route per (VRF,
-//    prefix, length): of the namespace's routes of a prefix (differing in metric), the one
-//    the kernel uses, the lowest metric; when it is deleted the next lowest takes its
-//    place. A route of the same metric replaces the one before;
+//    prefix, length): of the namespace's routes of a prefix (differing in metric, out
+//    interface or gateway), the one the kernel uses, the lowest metric, of equal metrics the
+//    first learnt; when it is deleted the next takes its place;
 //  - neighbours: AF_INET into the ARP table, AF_INET6 into the ND table, with the link's
 //    VRF, node 1, the link-layer address. States: NUD_REACHABLE reachable, NUD_STALE
 //    stale, NUD_DELAY delay, NUD_PROBE probe, NUD_INCOMPLETE incomplete (kind dynamic,
@@ -179,9 +179,16 @@ private:
     std::uint16_t next_vrf_ = 1;
     // Routes seen during a resync (the others are dropped at its end).
     std::optional<std::set<FibTable::Key>> seen_routes_;
-    // Every route the namespace has for a FIB key, by metric: the device's entry is the one
-    // the kernel uses, the lowest metric; when it goes, the next one takes its place.
-    std::map<FibTable::Key, std::map<std::uint32_t, Route>> candidates_;
+    // Every route the namespace has for a FIB key: the device's entry is the one the kernel
+    // uses, the lowest metric (of equal metrics the first learnt); when it goes, the next
+    // one takes its place. Routes of one key differ in metric, out interface or gateway.
+    struct Candidate {
+        std::uint32_t metric = 0;
+        std::uint64_t order = 0;  // when it was learnt
+        Route route;
+    };
+    std::map<FibTable::Key, std::vector<Candidate>> candidates_;
+    std::uint64_t learnt_ = 0;
     // The namespace's counters at the last reading, by set, interface and name.
     std::map<std::string, std::uint64_t, std::less<>> last_counts_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

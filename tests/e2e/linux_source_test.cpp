@@ -723,3 +723,35 @@ TEST_F(LinuxRoutesE2E, ALinkFlapKeepsTheRoutesTheKernelKeeps) {
 
 }  // namespace
 }  // namespace e2e
+
+namespace e2e {
+namespace {
+
+// A write the device refuses never reaches the kernel: the namespace never shows the
+// address (ip monitor), and its connected route, and the device's, stay.
+TEST_F(LinuxRoutesE2E, ARefusedAddressNeverReachesTheKernel) {
+    start(true);
+    std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+    ASSERT_TRUE(eventually([&] { return search4("10.77.0.0", "255.255.255.0", 0, entries) == 1; }));
+    // Line by line through the pipe; listening before the requests are made.
+    Child monitor({"/usr/bin/stdbuf", "-oL", ip_, "-n", ns_, "monitor", "address"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // 10.77.0.0/24 is v0's: the same network on v2 conflicts.
+    EXPECT_EQ(IPCfg_AddManualAddr(v2_, ip("10.77.0.5"), ip("255.255.255.0"), 1), IPSTATUS_ADDR_CONFLICT);
+    // A change that does reach the namespace marks where the monitor has read up to.
+    ASSERT_EQ(IPCfg_AddManualAddr(v2_, ip("10.89.0.1"), ip("255.255.255.0"), 1), 0u) << sim.log();
+    std::string line;
+    bool marker = false;
+    while (!marker && monitor.line(&line, std::chrono::seconds(3))) {
+        EXPECT_EQ(line.find("10.77.0.5"), std::string::npos) << "the kernel had the refused address: " << line;
+        marker = line.find("10.89.0.1") != std::string::npos;
+    }
+    EXPECT_TRUE(marker) << "the monitor saw the accepted address";
+    EXPECT_FALSE(v0_lists("10.77.0.5"));
+    EXPECT_EQ(in_ns({"-4", "addr", "show", "dev", "v2"}).find("10.77.0.5"), std::string::npos);
+    ASSERT_EQ(search4("10.77.0.0", "255.255.255.0", 0, entries), 1u) << "the connected route stays";
+    EXPECT_EQ(host_at<std::uint32_t>(entries + 4), v0_);
+}
+
+}  // namespace
+}  // namespace e2e
