@@ -20,6 +20,7 @@
 #include "ipclient/ipaddr.h"
 #include "ipclient/ipcfg.h"
 #include "ipclient/kernel.h"
+#include "ipclient/status.h"
 #include "ipplat/platform.h"
 #include "ipproto/kmod_fib.hpp"
 #include "support/statuses.hpp"
@@ -33,7 +34,7 @@ using Clock = std::chrono::steady_clock;
 // A status no module of the device answers by itself: what an error fault answers with.
 constexpr std::uint32_t kInjected = 0x4316007Au;
 // The address configuration client's own status for an exchange that failed.
-constexpr std::uint32_t kIpCfgFailed = 0x2316002Cu;
+constexpr std::uint32_t kIpCfgFailed = IPSTATUS_IPCFG_FAILED;
 const std::uint32_t kHostMask = 0xFFFFFFFFu;
 
 // Sets a fault; its id (0 when the simulator refused it, which fails the test).
