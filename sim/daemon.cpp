@@ -50,7 +50,9 @@ Daemon::Daemon(const scenario::Scenario& s, Options opts)
     services_.on_running = [this](std::uint16_t node, const std::string& name) {
         if (!listening_ || name != "IPStack" || !device_.node_up(node)) return;
         for (const ServiceOps& svc : services()) {
-            if (svc.where == ServiceOps::Where::kWhileIpStackRuns) (void)listen_service(node, svc);
+            if (svc.where == ServiceOps::Where::kWhileIpStackRuns && should_listen(node, svc)) {
+                (void)listen_service(node, svc);
+            }
         }
     };
 }
@@ -209,6 +211,9 @@ std::optional<std::string> Daemon::apply_knobs() {
         }
     }
     for (const scenario::ControlItem& item : faults_) {
+        if (ctx_.faults.list().size() >= kFaultsMost) {
+            return where(item, "the device plays at most " + std::to_string(kFaultsMost) + " faults");
+        }
         try {
             ctx_.faults.add(fault_of(ctx_, item.args));
         } catch (const std::exception& e) {

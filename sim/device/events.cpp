@@ -125,9 +125,31 @@ json put_back(Context& ctx, std::uint16_t node) {
     {
         const Unstored unstored(ctx);
         const LimitsLifted lifted(ctx);
-        for (const IPAddrInfo& a : held.addresses) ctx.addrs.put(a);
-        for (const Neighbour& n : held.neighbours) (void)ctx.neighs.put(n);  // taken: no limit now
-        for (const Route& r : held.routes) (void)ctx.fib.put(r);
+        // What clients made meanwhile stays: an address that would now conflict, a
+        // neighbour or a route whose key is taken, is not brought back (and is logged).
+        std::size_t skipped = 0;
+        for (const IPAddrInfo& a : held.addresses) {
+            if (ctx.addrs.conflict(a.stEntry) != nullptr) {
+                ++skipped;
+                continue;
+            }
+            ctx.addrs.put(a);
+        }
+        for (const Neighbour& n : held.neighbours) {
+            if (ctx.neighs.find(n.family, n.ifindex, n.addr) != nullptr) {
+                ++skipped;
+                continue;
+            }
+            (void)ctx.neighs.put(n);  // taken: no limit now
+        }
+        for (const Route& r : held.routes) {
+            if (ctx.fib.find(FibTable::key_of(r)) != nullptr) {
+                ++skipped;
+                continue;
+            }
+            (void)ctx.fib.put(r);
+        }
+        if (skipped != 0) SIM_LOG(kWarn, "node %u put back: %zu entries made meanwhile stay as they are", static_cast<unsigned>(node), skipped);
     }
     if (ctx.events.listen_node) ctx.events.listen_node(node);
     SIM_LOG(kInfo, "node %u put back", static_cast<unsigned>(node));

@@ -24,8 +24,6 @@ using nlohmann::json;
 
 // The longest delay a fault holds a request for: 10 minutes.
 constexpr std::uint64_t kDelayMostMs = 600'000;
-// The most faults the device plays at once (each request is matched against the list).
-constexpr std::size_t kFaultsMost = 1024;
 
 std::string hex(std::uint32_t v) {
     char buf[16];
@@ -102,7 +100,8 @@ FaultAction action_of(const json& req, const FaultScope& scope) {
     } else if (const auto ms = arg::whole_if<std::uint32_t, 1, kDelayMostMs>(req, "delay_ms")) {
         a = {FaultAction::Kind::kDelay, *ms};
     } else {
-        a = {FaultAction::Kind::kTruncate, arg::whole<std::uint32_t, 0, 0xFFFFFFFF>(req, "truncate")};
+        // At least one byte: an empty message reads as the end of the connection (that is "close").
+        a = {FaultAction::Kind::kTruncate, arg::whole<std::uint32_t, 1, 0xFFFFFFFF>(req, "truncate")};
     }
     return a;
 }

@@ -25,6 +25,9 @@ namespace sim {
 
 struct Context;
 
+// The most faults the device plays at once (each request is matched against the list).
+inline constexpr std::size_t kFaultsMost = 1024;
+
 // A fault from the arguments of fault.set (or a scenario's faults item); throws
 // std::invalid_argument in words for one it refuses.
 Fault fault_of(const Context& ctx, const nlohmann::json& req);

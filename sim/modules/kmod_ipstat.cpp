@@ -259,9 +259,10 @@ std::uint32_t IpStatModule::handle(Context& ctx, std::uint16_t node, std::span<c
         case StatOp::kSetDefTtl: {
             if (data < 1 || data > 255) return kFailure;
             // A writable mirror's system takes the setting first; what it refuses is refused.
-            if (ctx.mirror != nullptr && ctx.mirror->writable() &&
-                ctx.mirror->set_default_ttl(static_cast<std::uint8_t>(data)) != 0) {
-                return kFailure;
+            if (ctx.mirror != nullptr && ctx.mirror->writable()) {
+                if (ctx.mirror->set_default_ttl(static_cast<std::uint8_t>(data)) != 0) return kFailure;
+                // Should the change not be stored after all, the system's is taken back.
+                ctx.store.on_rollback([m = ctx.mirror, old = s.ttl] { (void)m->set_default_ttl(static_cast<std::uint8_t>(old)); });
             }
             Settings changed = s;
             changed.ttl = data;

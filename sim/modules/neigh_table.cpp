@@ -32,6 +32,7 @@ std::size_t NeighTable::on_interface(std::uint8_t family, std::uint32_t ifindex)
 }
 
 bool NeighTable::room(std::uint8_t family, std::uint32_t ifindex, std::size_t count) const {
+    if (count == 0) return true;  // changes of entries held are always taken
     const Limit& l = limit(family);
     if (l.capacity && (table(family).size() >= *l.capacity || *l.capacity - table(family).size() < count)) return false;
     const std::size_t per = l.per_interface && !l.lifted ? l.per_interface(ifindex) : 0;

@@ -341,6 +341,16 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
     }
     if (seen_routes_) seen_routes_->insert(key);
     std::vector<Candidate>& all = candidates_[key];
+    // A replacement takes the place of the route of its metric, whatever its path was (the
+    // kernel tells no deletion of the one replaced).
+    if (r.replace) {
+        const auto replaced = std::find_if(all.begin(), all.end(), [&](const Candidate& c) { return c.metric == r.priority; });
+        if (replaced != all.end()) {
+            replaced->route = out;
+            choose(key);
+            return;
+        }
+    }
     if (const auto it = std::find_if(all.begin(), all.end(), same); it != all.end()) {
         it->route = out;  // a change of a route held keeps its place
     } else {

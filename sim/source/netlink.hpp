@@ -51,6 +51,7 @@ struct Route {
     std::optional<std::array<std::uint8_t, 16>> gateway;
     std::uint32_t oif = 0;
     std::uint32_t priority = 0;        // the metric (RTA_PRIORITY); 0 when none
+    bool replace = false;              // NLM_F_REPLACE: it replaced the route of its metric
 };
 
 struct Neigh {

@@ -50,6 +50,7 @@ int route_cb(const nlmsghdr* nlh, void* data) {
     if (mnl_attr_parse(nlh, sizeof(*rtm), route_attr_cb, &a) < 0) return MNL_CB_OK;
 
     Route r;
+    r.replace = (nlh->nlmsg_flags & NLM_F_REPLACE) != 0;
     r.family = rtm->rtm_family;
     r.table = a.tb[RTA_TABLE] != nullptr ? mnl_attr_get_u32(a.tb[RTA_TABLE]) : rtm->rtm_table;
     r.type = rtm->rtm_type;

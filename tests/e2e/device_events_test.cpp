@@ -472,3 +472,23 @@ TEST_F(DeviceEvents, NodeDownWhileAnApplicationWalksAllAddresses) {
 
 }  // namespace
 }  // namespace e2e::device_event_tests
+
+namespace e2e::device_event_tests {
+namespace {
+
+// What a client made while a board was out stays: the board's address, which would now
+// conflict with it, does not come back.
+TEST_F(DeviceEvents, NodeBackKeepsWhatClientsMadeMeanwhile) {
+    ok({{"op", "node.set"}, {"node", 2}, {"state", "down"}});
+    ASSERT_EQ(IPCfg_AddManualAddr(kGe1, ip("10.2.1.9"), ip("255.255.255.0"), 1), 0u) << "no conflict while it is out";
+    const json up = ok({{"op", "node.set"}, {"node", 2}, {"state", "up"}});
+    EXPECT_EQ(up.value("changed", false), true);
+    IPAddrInfo info{};
+    EXPECT_EQ(lookup_any(ip("10.2.1.1"), &info), kFailed) << "it would conflict with 10.2.1.9/24";
+    ASSERT_EQ(lookup_any(ip("10.2.1.9"), &info), 0u);
+    EXPECT_EQ(info.stEntry.stKey.uiIfIndex, kGe1);
+    EXPECT_TRUE(arp_present("10.2.1.3")) << "its neighbours came back";
+}
+
+}  // namespace
+}  // namespace e2e::device_event_tests

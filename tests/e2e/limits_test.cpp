@@ -337,3 +337,24 @@ TEST_F(Limits, LimitSubscribers) {
 
 }  // namespace
 }  // namespace e2e::limit_tests
+
+namespace e2e::limit_tests {
+namespace {
+
+// At the limit, changes of entries held are taken: a burst that only changes them too.
+TEST_F(Limits, ABurstOfChangesIsTakenAtTheLimit) {
+    ok({{"op", "neigh.burst"}, {"interface", "GigabitEthernet1/0/2"}, {"first", "10.1.2.50"},
+        {"mac", "02:00:00:00:50:00"}, {"count", 3}});
+    const json set = ok({{"op", "limit.set"}, {"table", "arp"}, {"capacity", 8}});
+    ASSERT_EQ(set.value("used", 0u), 8u) << set.dump();
+    const json again = control({{"op", "neigh.burst"}, {"interface", "GigabitEthernet1/0/2"}, {"first", "10.1.2.50"},
+                                {"mac", "02:00:00:00:60:00"}, {"count", 3}});
+    EXPECT_TRUE(again.value("ok", false)) << again.dump();
+    EXPECT_EQ(again.value("changed", 0u), 3u) << again.dump();
+    const json more = control({{"op", "neigh.burst"}, {"interface", "GigabitEthernet1/0/2"}, {"first", "10.1.2.52"},
+                               {"mac", "02:00:00:00:70:00"}, {"count", 2}});
+    EXPECT_FALSE(more.value("ok", true)) << "one of them is new: " << more.dump();
+}
+
+}  // namespace
+}  // namespace e2e::limit_tests

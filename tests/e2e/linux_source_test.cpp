@@ -755,3 +755,22 @@ TEST_F(LinuxRoutesE2E, ARefusedAddressNeverReachesTheKernel) {
 
 }  // namespace
 }  // namespace e2e
+
+namespace e2e {
+namespace {
+
+// ip route replace: the kernel tells the new route alone, and the device takes it in the
+// place of the one replaced.
+TEST_F(LinuxRoutesE2E, AReplacedRouteTakesThePlaceOfTheOld) {
+    start();
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.77.0.2", "dev", "v0", "metric", "5"});
+    expect_as_the_kernel("10.77.0.2");
+    in_ns({"route", "replace", "10.150.0.0/16", "via", "10.88.0.2", "dev", "v2", "metric", "5"});
+    expect_as_the_kernel("10.88.0.2");
+    in_ns({"route", "del", "10.150.0.0/16", "metric", "5"});
+    EXPECT_TRUE(eventually([&] { return device_gateway().empty(); }, std::chrono::seconds(2)))
+        << "the replaced route is gone with its replacement: " << device_gateway();
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1413,6 +1413,8 @@ TEST_F(IpctlBrief, ColourIsAsIpGivesIt) {
     EXPECT_EQ(run_ok({"-color=always", "neigh"}), coloured);
     EXPECT_EQ(run_ok({"--color=auto", "neigh"}), plain) << "a pipe is no terminal";
     EXPECT_EQ(run_ok({"-c=never", "neigh"}), plain);
+    EXPECT_EQ(run_ok({"--color", "never", "neigh"}), plain) << "the value as a word of its own";
+    EXPECT_EQ(run_ok({"--color", "always", "neigh"}), coloured);
     EXPECT_EQ(run_ok({"-c", "-j", "neigh"}), run_ok({"-j", "neigh"})) << "JSON is never coloured";
     expect_usage({"--color=pink", "neigh"}, "--color: pink not in {always,auto,never}", "neigh show [-4|-6] [dev IF]");
 }

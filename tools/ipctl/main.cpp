@@ -201,8 +201,19 @@ std::vector<std::string> expanded(const CLI::App& app, std::vector<std::string> 
         const std::size_t eq = a.find('=');
         const std::string name = a.substr(0, eq);
         const std::string when = eq == std::string::npos ? "always" : a.substr(eq + 1);
-        if (name == "-br" || name == "-brief") a = "--brief";
-        else if (name == "-c" || name == "-color" || name == "--color") a = "--color=" + when;
+        const bool word_follows = eq == std::string::npos && k + 1 < args.size() &&
+                                  (args[k + 1] == "always" || args[k + 1] == "auto" || args[k + 1] == "never");
+        if (name == "-br" || name == "-brief") {
+            a = "--brief";
+        } else if (name == "-c" || name == "-color" || name == "--color") {
+            // "--color WHEN" as the parser takes it; else =WHEN, always when none is given.
+            if (word_follows) {
+                a = "--color=" + args[k + 1];
+                args.erase(args.begin() + static_cast<std::ptrdiff_t>(k) + 1);
+            } else {
+                a = "--color=" + when;
+            }
+        }
     }
     std::size_t i = 0;
     while (i < args.size() && args[i].size() > 1 && args[i][0] == '-') i += takes_value(args[i]) ? 2u : 1u;

@@ -39,7 +39,8 @@ std::string cell(const Record::Field& f) { return f.label.empty() ? f.text : f.l
 }  // namespace
 
 void Printer::write(const Json& j) {
-    const std::string s = pretty_ ? j.dump(2) : j.dump();
+    const std::string s = pretty_ ? j.dump(2, ' ', false, Json::error_handler_t::replace)
+                                  : j.dump(-1, ' ', false, Json::error_handler_t::replace);
     std::fprintf(out_, "%s\n", s.c_str());
 }
 
@@ -48,11 +49,11 @@ void Printer::write_elements() {
         std::fputs(array_open_ ? (pretty_ ? ",\n" : ",") : (pretty_ ? "[\n" : "["), out_);
         array_open_ = true;
         if (!pretty_) {
-            std::fputs(r.to_json().dump().c_str(), out_);
+            std::fputs(r.to_json().dump(-1, ' ', false, Json::error_handler_t::replace).c_str(), out_);
             continue;
         }
         // Indented one level more, as the element of an array.
-        const std::string s = r.to_json().dump(2);
+        const std::string s = r.to_json().dump(2, ' ', false, Json::error_handler_t::replace);
         std::string indented = "  ";
         for (const char c : s) {
             indented += c;
@@ -150,7 +151,7 @@ void Printer::event(std::string_view time, std::string_view tag, const Record& r
         j["object"] = std::string(tag);
         for (const Record::Field& f : r.fields())
             if (f.in_json) j[f.key] = f.value;
-        std::fprintf(out_, "%s\n", j.dump().c_str());
+        std::fprintf(out_, "%s\n", j.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
     } else {
         std::string s = "[" + std::string(time) + "] " + std::string(tag);
         for (const Record::Field& f : r.fields())
