@@ -387,6 +387,11 @@ void LinuxSource::reread_routes() {
         seen_routes_.reset();
         return;
     }
+    drop_unseen_routes();
+    seen_routes_.reset();
+}
+
+void LinuxSource::drop_unseen_routes() {
     for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
         std::vector<FibTable::Key> gone;
         std::optional<FibTable::Key> at;
@@ -396,7 +401,6 @@ void LinuxSource::reread_routes() {
         }
         for (const auto& k : gone) ctx_->fib.remove(k);
     }
-    seen_routes_.reset();
 }
 
 void LinuxSource::neigh(const nl::Neigh& n, bool gone) {
@@ -514,15 +518,7 @@ void LinuxSource::resync() {
     if (rc == 0) rc = nl::dump_neighs(*requests_, sink);
     if (rc == 0) rc = nl::dump_routes(*requests_, sink);
     if (rc == 0) {
-        for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
-            std::vector<FibTable::Key> gone;
-            std::optional<FibTable::Key> at;
-            while (const Route* r = ctx_->fib.next(family, kNode, at)) {
-                at = FibTable::key_of(*r);
-                if (seen_routes_->count(*at) == 0) gone.push_back(*at);
-            }
-            for (const auto& k : gone) ctx_->fib.remove(k);
-        }
+        drop_unseen_routes();
     } else {
         SIM_LOG(kError, "%s: cannot read the namespace again: %s", describe().c_str(), std::strerror(rc));
     }

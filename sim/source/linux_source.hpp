@@ -156,6 +156,8 @@ private:
     void choose(const FibTable::Key& key);
     // Reads the routes again and drops those the namespace no longer has.
     void reread_routes();
+    // Drops the FIB entries that a reading of the namespace's routes did not see.
+    void drop_unseen_routes();
     void move_to_vrf(std::uint32_t ifindex, std::uint16_t vrf);
     void resync();
     void refresh_counters();
