@@ -75,6 +75,7 @@ void Daemon::load_routes(const scenario::Scenario& s) {
         r.ifindex = sr.ifindex;
         r.via_ifindex = sr.ifindex;
         r.node = sr.node;
+        r.type = sr.type;
         if (const auto* itf = device_.interface(sr.ifindex)) {
             std::copy(std::begin(itf->mac), std::end(itf->mac), r.own_mac.begin());
             // The next hop's MAC when the scenario lists it as a neighbour of the interface.

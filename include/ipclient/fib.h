@@ -50,6 +50,27 @@ IPCLIENT_STATIC_ASSERT(sizeof(FIB4_SEARCH_KEY_S) == FIB4_SEARCH_KEY_SIZE, fib4_k
 #define FIB_ENTRY_NEXTHOP_OFFSET 16u
 /** Offset of a route entry's flags word (u32; bit 0: an active route). */
 #define FIB_ENTRY_FLAGS_OFFSET 52u
+/** Offset of a route entry's type (u8, one of FIB_ROUTE_*; 0 is read as unicast). */
+#define FIB_ENTRY_TYPE_OFFSET 56u
+/** Offset of a route entry's number of next hops (u8): 1 for a route of one path (or
+ * none), more for a multipath route. The first hop is the entry's next hop and interface
+ * (offsets 16 and 4); the next ones follow from FIB_ENTRY_MORE_HOPS_OFFSET. */
+#define FIB_ENTRY_HOPS_OFFSET 57u
+/** Offset of the further hops of a multipath route: up to FIB_ENTRY_MORE_HOPS_MAX records
+ * of FIB_ENTRY_HOP_SIZE bytes, each the outgoing interface (u32) then the next hop (4 or
+ * 16 bytes, network order, in a 16-byte field). A route of more hops than the entry holds
+ * says how many it has at FIB_ENTRY_HOPS_OFFSET. */
+#define FIB_ENTRY_MORE_HOPS_OFFSET 60u
+/** Bytes of one further hop of a route entry. */
+#define FIB_ENTRY_HOP_SIZE 20u
+/** Most further hops a route entry holds (60 + 3 x 20 = 120 of its 128 bytes). */
+#define FIB_ENTRY_MORE_HOPS_MAX 3u
+/** Route types at FIB_ENTRY_TYPE_OFFSET: forwarded to a next hop or an interface; dropped
+ * silently; dropped with "unreachable"; dropped with "administratively prohibited". */
+#define FIB_ROUTE_UNICAST 1u
+#define FIB_ROUTE_BLACKHOLE 6u
+#define FIB_ROUTE_UNREACHABLE 7u
+#define FIB_ROUTE_PROHIBIT 8u
 
 /** Global data records, converted to host order at the offsets the kernel uses. */
 typedef struct FIB4_SPEC_DATA_S {

@@ -59,6 +59,19 @@ enum class Call : std::uint32_t {
 
 enum class IfPredicate : std::uint32_t { kValid = 0, kL2 = 1, kTemp = 2, kVisible = 3, kConfigured = 4 };
 
+// Items of kIfData and their bytes: the directory's (IF_DATA_* of ipplat/platform.h) and
+// those this host's device adds.
+namespace if_item {
+inline constexpr std::uint32_t kNode = 9;        // [BE16]
+inline constexpr std::uint32_t kName = 11;       // name bytes, at most 31
+inline constexpr std::uint32_t kType = 18;       // [BE32]
+inline constexpr std::uint32_t kFlags = 23;      // [BE32]
+inline constexpr std::uint32_t kKind = 32;       // [BE32]
+inline constexpr std::uint32_t kMac = 100;       // 6 bytes
+inline constexpr std::uint32_t kVrf = 101;       // [BE16]
+inline constexpr std::uint32_t kLinkState = 102; // [BE32 1 up, 0 down]
+}  // namespace if_item
+
 inline constexpr std::size_t kRequestHeader = 4;
 inline constexpr std::size_t kReplyHeader = 4;
 inline constexpr std::size_t kCioctlReplyHeader = 8;   // result, returned length

@@ -29,6 +29,15 @@ inline constexpr std::uint32_t kIfCfgDeregister = 2;
 inline constexpr std::uint32_t kIfCfgBatch = 3;
 inline constexpr std::uint32_t kIfCfgKeepAliveAnswer = 4;
 inline constexpr std::size_t kIfCfgRecordLen = 16;
+// What a record tells (word C); word A is the interface, word B the value, half D its VRF.
+inline constexpr std::uint32_t kIfCfgMethods = 1;     // B: the methods switched on
+inline constexpr std::uint32_t kIfCfgUnnumbered = 2;  // B: the interface lent from
+inline constexpr std::uint32_t kIfCfgNego = 3;
+inline constexpr std::uint32_t kIfCfgCellular = 4;
+inline constexpr std::uint32_t kIfCfgAddrCount = 5;   // B: the addresses the interface holds
+inline constexpr std::uint32_t kIfCfgLinkState = 6;   // B: 1 the link is up, 0 down
+inline constexpr std::uint32_t kIfCfgMtu = 7;         // B: the MTU
+inline constexpr std::uint32_t kIfCfgLink = 8;        // B: 1 the interface appeared, 0 it left
 
 // Address events: what the service sends ...
 inline constexpr std::uint32_t kEvents = 1;

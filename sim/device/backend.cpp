@@ -423,12 +423,18 @@ private:
         const std::uint32_t item = r.be<std::uint32_t>();
         const auto* i = ctx_.device.interface(ifindex);
         if (!r.ok() || i == nullptr) return kFailure;
+        namespace item_of = ipc::device::if_item;
         switch (item) {
-            case 9: w.be(i->node); return 0;
-            case 11: w.raw(i->name.data(), std::min<std::size_t>(i->name.size(), 31)); return 0;
-            case 18: w.be(i->type); return 0;
-            case 23: w.be(i->flags); return 0;
-            case 32: w.be(i->kind); return 0;
+            case item_of::kNode: w.be(i->node); return 0;
+            case item_of::kName: w.raw(i->name.data(), std::min<std::size_t>(i->name.size(), 31)); return 0;
+            case item_of::kType: w.be(i->type); return 0;
+            case item_of::kFlags: w.be(i->flags); return 0;
+            case item_of::kKind: w.be(i->kind); return 0;
+            case item_of::kMac: w.raw(i->mac, sizeof i->mac); return 0;
+            case item_of::kVrf: w.be(i->vrf); return 0;
+            case item_of::kLinkState:
+                w.be(std::uint32_t{i->link_up && ctx_.events.links_down.count(ifindex) == 0 ? 1u : 0u});
+                return 0;
             default: return kFailure;
         }
     }

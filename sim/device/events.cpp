@@ -5,6 +5,7 @@
 #include <string>
 
 #include "context.hpp"
+#include "ipproto/svc_addr.hpp"
 #include "control/args.hpp"
 #include "core/log.hpp"
 #include "services/service.hpp"
@@ -188,6 +189,9 @@ json link_set(Context& ctx, std::uint32_t ifindex, bool up) {
         (void)ctx.fib.put(r);  // a change of a route held: always taken, and counted as a change
     }
     const std::size_t routes = changed.size();
+    if (const scenario::Interface* itf = ctx.device.interface(ifindex)) {
+        publish_ifcfg(ctx, ifindex, up && itf->link_up ? 1 : 0, ipc::proto::addr_svc::kIfCfgLinkState, itf->vrf);
+    }
     SIM_LOG(kInfo, "link of interface %u %s: %zu neighbours flushed, %zu routes changed", ifindex, up ? "up" : "down",
             neighbours, routes);
     return json{{"changed", true}, {"neighbours", neighbours}, {"routes", routes}};

@@ -12,10 +12,20 @@
 #include <map>
 #include <optional>
 #include <tuple>
+#include <vector>
 
 #include "ipproto/kmod_fib.hpp"
 
 namespace sim {
+
+// A further path of a multipath route.
+struct Hop {
+    std::array<std::uint8_t, 16> next_hop{};  // network order; all zero: none
+    std::uint32_t ifindex = 0;
+    std::array<std::uint8_t, 6> mac{};      // next hop's MAC
+    std::array<std::uint8_t, 6> own_mac{};  // outgoing interface's MAC
+    bool operator==(const Hop&) const = default;
+};
 
 struct Route {
     std::uint16_t vrf = 0;
@@ -34,6 +44,8 @@ struct Route {
     std::uint16_t vlan = ipc::proto::fib::dump_entry::kNoneHalf;  // none: prints as 0
     std::uint16_t port = ipc::proto::fib::dump_entry::kNoneHalf;
     bool active = true;
+    std::uint8_t type = FIB_ROUTE_UNICAST;  // FIB_ROUTE_* of ipclient/fib.h
+    std::vector<Hop> more;                  // the further paths of a multipath route
 };
 
 class FibTable {

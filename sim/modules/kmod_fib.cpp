@@ -1,5 +1,6 @@
 #include "modules/kmod_fib.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include "context.hpp"
@@ -44,7 +45,14 @@ void search_entry(std::uint8_t* e, const Route& r, std::uint16_t node) {
     std::memcpy(e + 16, r.next_hop.data(), 16);
     std::memcpy(e + 32, r.prefix.data(), 16);
     put_host(e + 48, &node_word, 4);
-    put_host(e + 52, &flags, 4);
+    put_host(e + FIB_ENTRY_FLAGS_OFFSET, &flags, 4);
+    e[FIB_ENTRY_TYPE_OFFSET] = r.type;
+    e[FIB_ENTRY_HOPS_OFFSET] = static_cast<std::uint8_t>(std::min<std::size_t>(1 + r.more.size(), 0xFF));
+    std::uint8_t* hop = e + FIB_ENTRY_MORE_HOPS_OFFSET;
+    for (std::size_t i = 0; i < r.more.size() && i < FIB_ENTRY_MORE_HOPS_MAX; ++i, hop += FIB_ENTRY_HOP_SIZE) {
+        put_host(hop, &r.more[i].ifindex, 4);
+        std::memcpy(hop + 4, r.more[i].next_hop.data(), 16);
+    }
 }
 
 class FibDump : public DumpCursor {
@@ -59,10 +67,17 @@ public:
         w.zeros(4).raw(&entry_len, 4);  // the entry size travels in host order
         std::size_t n = 0;
         while (w.room() >= FibModule::kDumpEntryLen) {
-            const Route* r = table_.next(2, node_, last_);
-            if (r == nullptr) break;
-            last_ = FibTable::key_of(*r);
-            entry(w, *r);
+            // A multipath route is an entry a path, one after the other; a route that
+            // changed between two pulls goes on with the paths it has now.
+            const Route* r = hop_ > 0 && last_ ? table_.find(*last_) : nullptr;
+            if (r == nullptr || hop_ > r->more.size()) {
+                r = table_.next(2, node_, last_);
+                if (r == nullptr) break;
+                last_ = FibTable::key_of(*r);
+                hop_ = 0;
+            }
+            entry(w, *r, hop_);
+            hop_ = hop_ < r->more.size() ? hop_ + 1 : 0;
             ++n;
         }
         if (n == 0) return 0;
@@ -71,16 +86,20 @@ public:
     }
 
 private:
-    static void entry(Writer& w, const Route& r) {
+    // The route's entry for one of its paths: 0 the first, k its k-th further hop.
+    static void entry(Writer& w, const Route& r, std::size_t hop) {
         const std::uint32_t mask = r.prefix_len == 0 ? 0 : ~std::uint32_t{0} << (32 - r.prefix_len);
-        w.be(r.vrf).zeros(2).raw(r.prefix.data(), 4).be(mask).raw(r.next_hop.data(), 4);
-        w.be(r.label).be(r.via_ifindex).be(r.tunnel);
-        w.raw(r.mac.data(), 6).raw(r.own_mac.data(), 6).be(r.vlan).be(r.port).be(r.ifindex);
+        const Hop* h = hop > 0 ? &r.more[hop - 1] : nullptr;
+        w.be(r.vrf).zeros(2).raw(r.prefix.data(), 4).be(mask).raw(h != nullptr ? h->next_hop.data() : r.next_hop.data(), 4);
+        w.be(r.label).be(h != nullptr ? h->ifindex : r.via_ifindex).be(r.tunnel);
+        w.raw(h != nullptr ? h->mac.data() : r.mac.data(), 6).raw(h != nullptr ? h->own_mac.data() : r.own_mac.data(), 6);
+        w.be(r.vlan).be(r.port).be(h != nullptr ? h->ifindex : r.ifindex);
     }
 
     const FibTable& table_;
     std::uint16_t node_;
     std::optional<FibTable::Key> last_;
+    std::size_t hop_ = 0;  // the path of last_ to deliver next; 0: the next route's first
 };
 
 }  // namespace

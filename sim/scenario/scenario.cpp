@@ -385,7 +385,7 @@ constexpr auto kInterfaceKeys = std::to_array<std::string_view>({"index", "name"
                                                                  "vrf", "mac", "mtu"});
 constexpr auto kAddressKeys = std::to_array<std::string_view>({"interface", "address", "method", "sub", "vrf"});
 constexpr auto kServiceKeys = std::to_array<std::string_view>({"node", "name", "status"});
-constexpr auto kRouteKeys = std::to_array<std::string_view>({"vrf", "prefix", "next_hop", "interface", "node"});
+constexpr auto kRouteKeys = std::to_array<std::string_view>({"vrf", "prefix", "next_hop", "interface", "node", "type"});
 constexpr auto kNeighbourKeys =
     std::to_array<std::string_view>({"interface", "address", "mac", "state", "vlan", "count"});
 constexpr auto kHostKeys = std::to_array<std::string_view>({"interface", "address", "mac"});
@@ -665,6 +665,16 @@ private:
         }
         if (auto x = m.find("interface")) rt.ifindex = interface_ref(*x).index;
         if (auto x = m.find("node")) rt.node = node_ref(*x, true);
+        if (auto x = m.find("type")) {
+            const std::string& t = text(r_, *x);
+            if (t == "unicast") rt.type = FIB_ROUTE_UNICAST;
+            else if (t == "blackhole") rt.type = FIB_ROUTE_BLACKHOLE;
+            else if (t == "unreachable") rt.type = FIB_ROUTE_UNREACHABLE;
+            else if (t == "prohibit") rt.type = FIB_ROUTE_PROHIBIT;
+            else r_.fail(*x, "bad route type " + in_quotes(t) + " (expected unicast, blackhole, unreachable or prohibit)");
+            if (rt.type != FIB_ROUTE_UNICAST && (m.find("next_hop") || m.find("interface")))
+                r_.fail(*x, "a " + t + " route has no next hop and no interface");
+        }
         return rt;
     }
 

@@ -13,6 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ipclient/fib.h"
 #include "ipclient/kernel.h"
 #include "scenario/limits.hpp"
 
@@ -49,6 +50,7 @@ struct Interface {
     std::uint16_t vrf = 0;      // one of the VRFs
     std::uint8_t mac[6] = {};   // default: 00:e0:fc:00:<index>
     std::uint32_t mtu = 1500;
+    bool link_up = true;        // the link's state (a mirrored link's IFF_UP and IFF_RUNNING)
 };
 
 // Configuration methods of an address, as the address module's method bits.
@@ -81,6 +83,7 @@ struct Route {
     std::uint8_t next_hop[16] = {};
     std::uint32_t ifindex = 0;  // 0: none
     std::uint16_t node = 0;     // 0: every node
+    std::uint8_t type = FIB_ROUTE_UNICAST;  // FIB_ROUTE_* of ipclient/fib.h
 };
 
 struct Neighbour {

@@ -53,7 +53,13 @@ std::span<const std::uint8_t> ifcfg_message(std::array<std::uint8_t, kIfCfgMessa
     return w.bytes();
 }
 
-enum IfCfgWhat : std::uint32_t { kMethods = 1, kUnnumbered = 2, kNego = 3, kCellular = 4, kAddrCount = 5 };
+enum IfCfgWhat : std::uint32_t {
+    kMethods = kIfCfgMethods,
+    kUnnumbered = kIfCfgUnnumbered,
+    kNego = kIfCfgNego,
+    kCellular = kIfCfgCellular,
+    kAddrCount = kIfCfgAddrCount,
+};
 
 // Acquisition methods of a configuration request and the method bits they switch.
 std::uint32_t method_bits(std::uint32_t method) {

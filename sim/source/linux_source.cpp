@@ -3,14 +3,18 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstring>
 
 #include "core/log.hpp"
+#include "ipproto/raii.hpp"
+#include "ipproto/svc_addr.hpp"
 #include "ipproto/wire.hpp"
 
 namespace sim {
@@ -18,6 +22,8 @@ namespace {
 
 constexpr std::uint16_t kNode = 1;
 constexpr std::chrono::milliseconds kCountersPeriod{1000};
+// How soon after a resolution asked of the kernel its incomplete entry is read.
+constexpr std::chrono::milliseconds kIncompleteRead{20};
 constexpr unsigned kGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE | RTMGRP_NEIGH;
 // Interface type codes of the device.
 constexpr std::uint32_t kTypeNull = 1, kTypeEthernet = 6, kTypeVlanIf = 35, kTypeTunnel = 71;
@@ -62,6 +68,38 @@ std::uint32_t type_of(const nl::Link& l) {
 }
 
 std::string errno_text(int rc) { return std::strerror(rc); }
+
+// An interface's promote_secondaries set for the scope, and put back as it was after: Linux
+// deletes the secondaries of a deleted primary address unless it is set, and the device keeps
+// them.
+class Promoting {
+public:
+    Promoting(const std::string& netns, const std::string& ifname) {
+        if (ifname.empty() || ifname.find('/') != std::string::npos) return;
+        {
+            const nl::NetnsScope inside(netns);
+            if (!inside.error().empty()) return;
+            const std::string path = "/proc/sys/net/ipv4/conf/" + ifname + "/promote_secondaries";
+            fd_.reset(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+        }
+        char was = 0;
+        if (!fd_.valid() || ::pread(fd_.get(), &was, 1, 0) != 1) return;
+        was_ = was;
+        if (was_ != '1') (void)::pwrite(fd_.get(), "1\n", 2, 0);
+    }
+    ~Promoting() {
+        if (fd_.valid() && was_ != '\0' && was_ != '1') {
+            const char text[2] = {was_, '\n'};
+            (void)::pwrite(fd_.get(), text, 2, 0);
+        }
+    }
+    Promoting(const Promoting&) = delete;
+    Promoting& operator=(const Promoting&) = delete;
+
+private:
+    ipc::Fd fd_;
+    char was_ = '\0';
+};
 
 }  // namespace
 
@@ -158,6 +196,7 @@ scenario::Interface LinuxSource::interface_of(const nl::Link& l) const {
     i.vrf = vrf_of_link(l);
     if (l.mac) std::copy(l.mac->begin(), l.mac->end(), std::begin(i.mac));
     i.mtu = l.mtu;
+    i.link_up = (l.flags & IFF_UP) != 0 && (l.flags & IFF_RUNNING) != 0;
     return i;
 }
 
@@ -253,9 +292,17 @@ void LinuxSource::link(const nl::Link& l, bool gone) {
     }
     const scenario::Interface itf = interface_of(l);
     const scenario::Interface* old = ctx_->device.interface(l.index);
+    const bool added = old == nullptr;
     const bool moved = old != nullptr && old->vrf != itf.vrf;
+    const bool state_changed = old != nullptr && old->link_up != itf.link_up;
+    const bool mtu_changed = old != nullptr && old->mtu != itf.mtu;
     ctx_->device.put_interface(itf);
     if (moved) move_to_vrf(l.index, itf.vrf);
+    // Subscribers of interface configuration hear of the link: its coming, its state, its MTU.
+    namespace svc = ipc::proto::addr_svc;
+    if (added) publish_ifcfg(*ctx_, l.index, 1, svc::kIfCfgLink, itf.vrf);
+    if (added || state_changed) publish_ifcfg(*ctx_, l.index, itf.link_up ? 1 : 0, svc::kIfCfgLinkState, itf.vrf);
+    if (mtu_changed) publish_ifcfg(*ctx_, l.index, itf.mtu, svc::kIfCfgMtu, itf.vrf);
     // Linux drops the IPv4 routes of a link taken down, and clears the link-down flag of its
     // routes when the carrier comes, without a word: the routes are read again (unless the
     // whole namespace is being read again already).
@@ -290,13 +337,14 @@ void LinuxSource::addr(const nl::Addr& a, bool gone) {
     info.stEntry.uiFlag = sub;
     if (const IPAddrInfo* had = ctx_->addrs.find(a.ifindex, a.addr)) {
         const IPAddrKey& h = had->stEntry.stKey;
-        if (h.uiMask == k.uiMask && h.usVrfIndex == k.usVrfIndex && (had->stEntry.uiFlag & kFlagSub) == sub) return;
-        // What a client said of its own address (method, words) stays.
+        if (h.uiMask == k.uiMask && h.usVrfIndex == k.usVrfIndex) return;
+        // What the device said of an address it holds (method, words, main or sub) stays:
+        // Linux promotes a secondary when its subnet's primary goes, the device does not.
         const IPAddrInfo keep = *had;
         k.uiMethod = keep.stEntry.stKey.uiMethod;
         info.uiInfo1 = keep.uiInfo1;
         info.uiInfo2 = keep.uiInfo2;
-        info.stEntry.uiFlag = (keep.stEntry.uiFlag & ~kFlagSub) | sub;
+        info.stEntry.uiFlag = keep.stEntry.uiFlag;
     }
     ctx_->addrs.put(info);
 }
@@ -321,7 +369,23 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
     out.ifindex = r.oif;
     out.via_ifindex = r.oif;
     out.node = 0;
-    out.active = (r.flags & (RTNH_F_DEAD | RTNH_F_LINKDOWN)) == 0;
+    out.type = r.type == RTN_BLACKHOLE     ? FIB_ROUTE_BLACKHOLE
+               : r.type == RTN_UNREACHABLE ? FIB_ROUTE_UNREACHABLE
+               : r.type == RTN_PROHIBIT    ? FIB_ROUTE_PROHIBIT
+                                           : FIB_ROUTE_UNICAST;
+    constexpr unsigned kDown = RTNH_F_DEAD | RTNH_F_LINKDOWN;
+    out.active = (r.flags & kDown) == 0;
+    if (!r.paths.empty()) {
+        // A multipath route forwards while any of its paths does (Linux keeps it when one
+        // path's link goes).
+        out.active = std::any_of(r.paths.begin(), r.paths.end(), [](const nl::Route::Path& p) { return (p.flags & kDown) == 0; });
+        for (std::size_t i = 1; i < r.paths.size(); ++i) {
+            Hop h;
+            if (r.paths[i].gateway) h.next_hop = *r.paths[i].gateway;
+            h.ifindex = r.paths[i].oif;
+            out.more.push_back(h);
+        }
+    }
     const Applying mark(applying_);
     const FibTable::Key key = FibTable::key_of(out);
     // The namespace's route this one is: the same metric, out interface and gateway.
@@ -333,11 +397,19 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
         choose(key);
         return;
     }
-    if (const scenario::Interface* itf = r.oif != 0 ? ctx_->device.interface(r.oif) : nullptr) {
-        std::copy(std::begin(itf->mac), std::end(itf->mac), out.own_mac.begin());
-        if (r.gateway) {
-            if (const Neighbour* n = ctx_->neighs.find(out.family, r.oif, *r.gateway)) out.mac = n->mac;
-        }
+    // The MACs of each path: its interface's, and its gateway's when the neighbour is known.
+    const auto macs = [&](std::uint32_t oif, const std::array<std::uint8_t, 16>& gateway, bool has_gateway,
+                          std::array<std::uint8_t, 6>& own, std::array<std::uint8_t, 6>& mac) {
+        const scenario::Interface* itf = oif != 0 ? ctx_->device.interface(oif) : nullptr;
+        if (itf == nullptr) return;
+        std::copy(std::begin(itf->mac), std::end(itf->mac), own.begin());
+        if (!has_gateway) return;
+        if (const Neighbour* n = ctx_->neighs.find(out.family, oif, gateway)) mac = n->mac;
+    };
+    macs(r.oif, out.next_hop, r.gateway.has_value(), out.own_mac, out.mac);
+    for (std::size_t i = 0; i < out.more.size(); ++i) {
+        Hop& h = out.more[i];
+        macs(h.ifindex, h.next_hop, r.paths[i + 1].gateway.has_value(), h.own_mac, h.mac);
     }
     if (seen_routes_) seen_routes_->insert(key);
     std::vector<Candidate>& all = candidates_[key];
@@ -366,12 +438,24 @@ void LinuxSource::choose(const FibTable::Key& key) {
         ctx_->fib.remove(key);
         return;
     }
-    const Route& best = std::min_element(it->second.begin(), it->second.end(), [](const Candidate& a, const Candidate& b) {
-                            return a.metric != b.metric ? a.metric < b.metric : a.order < b.order;
-                        })->route;
+    std::vector<const Candidate*> order;
+    for (const Candidate& c : it->second) order.push_back(&c);
+    std::sort(order.begin(), order.end(), [](const Candidate* a, const Candidate* b) {
+        return a->metric != b->metric ? a->metric < b->metric : a->order < b->order;
+    });
+    Route best = order.front()->route;
+    // IPv6 keeps a route of a prefix on each link at one metric (fe80::/64 on every link):
+    // the routes of the lowest metric are the entry's paths, the first learnt first.
+    for (std::size_t i = 1; best.family == 10 && i < order.size() && order[i]->metric == order.front()->metric; ++i) {
+        const Route& other = order[i]->route;
+        if (other.type != best.type) continue;
+        best.more.push_back(Hop{other.next_hop, other.ifindex, other.mac, other.own_mac});
+        best.more.insert(best.more.end(), other.more.begin(), other.more.end());
+        best.active = best.active || other.active;
+    }
     const Route* now = ctx_->fib.find(key);
     if (now != nullptr && now->next_hop == best.next_hop && now->ifindex == best.ifindex && now->active == best.active &&
-        now->mac == best.mac && now->own_mac == best.own_mac) {
+        now->mac == best.mac && now->own_mac == best.own_mac && now->type == best.type && now->more == best.more) {
         return;
     }
     // The namespace keeps what a full device FIB refuses; the refusal is counted.
@@ -436,6 +520,8 @@ void LinuxSource::neigh(const nl::Neigh& n, bool gone) {
                                                  : NeighState::kIncomplete;
     }
     const bool same = had != nullptr && had->state == e.state && had->mac == e.mac && had->kind == e.kind;
+    // The periodic reading sees every entry again: one unchanged is left alone.
+    if (same && had->vrf == e.vrf && had->node == e.node && had->aging == e.aging) return;
     if (!same) e.updated = ctx_->uptime();
     if (e.state == NeighState::kIncomplete) {
         if (had == nullptr || had->state != NeighState::kIncomplete) e.incomplete_since = ctx_->uptime();
@@ -464,13 +550,20 @@ void LinuxSource::drop_link(std::uint32_t ifindex) {
         for (const NeighAddr& a : gone) ctx_->neighs.remove(family, ifindex, a);
     }
     drop_routes_via(ifindex);
+    const std::uint16_t vrf = ctx_->device.interface(ifindex)->vrf;
     ctx_->device.remove_interface(ifindex);
+    publish_ifcfg(*ctx_, ifindex, 0, ipc::proto::addr_svc::kIfCfgLink, vrf);
 }
 
 void LinuxSource::drop_routes_via(std::uint32_t ifindex) {
     std::vector<FibTable::Key> changed;
     for (auto& [key, all] : candidates_) {
-        if (std::erase_if(all, [ifindex](const Candidate& c) { return c.route.ifindex == ifindex; }) != 0) {
+        // Linux removes a multipath route with the link of any of its paths.
+        const auto via = [ifindex](const Candidate& c) {
+            return c.route.ifindex == ifindex ||
+                   std::any_of(c.route.more.begin(), c.route.more.end(), [ifindex](const Hop& h) { return h.ifindex == ifindex; });
+        };
+        if (std::erase_if(all, via) != 0) {
             changed.push_back(key);
         }
     }
@@ -542,6 +635,14 @@ void LinuxSource::refresh_counters() {
     if (const int rc = nl::dump_links(*requests_, *this); rc != 0) {
         SIM_LOG(kDebug, "%s: link counters unread: %s", describe().c_str(), std::strerror(rc));
     }
+    // The kernel tells nothing when an entry becomes incomplete, nor of most moves between
+    // reachable, stale, delay and probe: the neighbour table is read on the same period.
+    {
+        const Applying mark(applying_);
+        if (const int rc = nl::dump_neighs(*requests_, *this); rc != 0) {
+            SIM_LOG(kDebug, "%s: neighbours unread: %s", describe().c_str(), std::strerror(rc));
+        }
+    }
     const nl::ProcCounters proc = proc_.read();
     add_counts("ip", 0, nl::ip_counters(proc));
     std::uint32_t loopback = 0;
@@ -594,6 +695,8 @@ int LinuxSource::delete_address(std::uint32_t ifindex, std::uint32_t addr, std::
     a.ifindex = ifindex;
     a.prefix_len = static_cast<std::uint8_t>(prefix_len(mask));
     a.addr = addr;
+    const auto link = links_.find(ifindex);
+    const Promoting keep_secondaries(opts_.netns, link != links_.end() ? link->second.name : std::string());
     const int rc = nl::del_addr(*requests_, a);
     // An address the namespace does not have is as good as deleted.
     if (rc == EADDRNOTAVAIL || rc == ENOENT || rc == ENODEV) return 0;
@@ -613,8 +716,19 @@ int LinuxSource::resolve(std::uint8_t family, std::uint32_t ifindex, const Neigh
     n.ifindex = ifindex;
     n.addr = addr;
     const int rc = nl::use_neigh(*requests_, n);
-    if (rc != 0) SIM_LOG(kDebug, "%s: the kernel did not resolve a neighbour on %u: %s", describe().c_str(), ifindex, std::strerror(rc));
-    return rc;
+    if (rc != 0) {
+        SIM_LOG(kDebug, "%s: the kernel did not resolve a neighbour on %u: %s", describe().c_str(), ifindex, std::strerror(rc));
+        return rc;
+    }
+    // The kernel holds the entry incomplete now, without a word: it is read shortly.
+    const std::weak_ptr<bool> alive = alive_;
+    ctx_->loop.after(kIncompleteRead, [this, alive] {
+        const auto live = alive.lock();
+        if (!live || !*live) return;
+        const Applying mark(applying_);
+        (void)nl::dump_neighs(*requests_, *this);
+    });
+    return 0;
 }
 
 }  // namespace sim

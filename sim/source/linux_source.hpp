@@ -25,24 +25,35 @@
 //    ipsimd stops;
 //  - IPv4 addresses become address module records: the link's ifindex, the link's VRF,
 //    the local address (IFA_LOCAL, else IFA_ADDRESS), the mask of the prefix length,
-//    method 1 (manual), the sub flag when the kernel marks the address IFA_F_SECONDARY.
-//    IPv6 addresses are not the address module's;
+//    method 1 (manual), the sub flag when the kernel marks the address IFA_F_SECONDARY
+//    when the device learns it (an address the device holds keeps its main or sub role:
+//    Linux promotes a secondary when the primary of its subnet goes, the device does not).
+//    IPv6 addresses are not the address module's: the device keeps no IPv6 address state
+//    of an interface (its IPv6 neighbours and routes are mirrored);
 //  - routes of every kept table, IPv4 and IPv6, become FIB entries of every node (node 0):
-//    prefix and length, gateway (RTA_GATEWAY, of a multipath route its first path's),
-//    out interface (RTA_OIF, else the first path's) also as the interface at dump offset
-//    20, the out interface's MAC, and the gateway's MAC when the neighbour table knows it
-//    when the route is learnt. Kept route types: unicast, blackhole, unreachable and
-//    prohibit; cached (RTM_F_CLONED) routes are skipped. A route is inactive while the
-//    kernel marks it RTNH_F_DEAD or RTNH_F_LINKDOWN. The FIB keeps one route per (VRF,
-//    prefix, length): of the namespace's routes of a prefix (differing in metric, out
-//    interface or gateway), the one the kernel uses, the lowest metric, of equal metrics the
-//    first learnt; when it is deleted the next takes its place;
+//    prefix and length, type (unicast, blackhole, unreachable, prohibit: FIB_ROUTE_* of
+//    ipclient/fib.h; other types and cached (RTM_F_CLONED) routes are skipped), gateway
+//    (RTA_GATEWAY), out interface (RTA_OIF) also as the interface at dump offset 20, the
+//    out interface's MAC, and the gateway's MAC when the neighbour table knows it when the
+//    route is learnt. A multipath route (RTA_MULTIPATH) keeps every path: the first is the
+//    route's gateway and interface, the others its further hops (a search entry carries 3
+//    of them and the count of all; the table dump delivers an entry a path, one after the
+//    other). A route is inactive while the kernel marks it RTNH_F_DEAD or RTNH_F_LINKDOWN;
+//    a multipath route while every path is. The FIB keeps one route per (VRF, prefix,
+//    length): of the namespace's routes of a prefix (differing in metric, out interface or
+//    gateway), the one the kernel uses, the lowest metric, of equal metrics the first
+//    learnt; when it is deleted the next takes its place. IPv6 keeps a route of one prefix
+//    on each link (fe80::/64): the IPv6 routes of the lowest metric are all paths of the
+//    device's entry, the first learnt first;
 //  - neighbours: AF_INET into the ARP table, AF_INET6 into the ND table, with the link's
 //    VRF, node 1, the link-layer address. States: NUD_REACHABLE reachable, NUD_STALE
 //    stale, NUD_DELAY delay, NUD_PROBE probe, NUD_INCOMPLETE incomplete (kind dynamic,
 //    aging 1200 s); NUD_PERMANENT a static entry (reachable, never ages); NUD_NOARP
 //    entries and proxy entries are skipped; NUD_FAILED and NUD_NONE entries are removed,
-//    as are deleted ones. The last update is kept while state, MAC and kind stay;
+//    as are deleted ones. The last update is kept while state, MAC and kind stay. The
+//    kernel tells nothing when an entry becomes incomplete, nor of most moves between
+//    reachable, stale, delay and probe: the table is read again with the counters, every
+//    second, and 20 ms after a resolution asked of the kernel;
 //  - counters: every second the IP module's counters of node 1 move by what the namespace
 //    counted since the last reading (so a reset through "ipstat.reset" keeps working, and
 //    at start they equal the namespace's). IP counters: the sum of the IPv4
@@ -81,7 +92,9 @@
 // not kept in the state directory. Read only unless writable: then an address that a
 // client adds or deletes through the address configuration service is also added
 // (RTM_NEWADDR) or deleted (RTM_DELADDR) in the namespace, before the table changes, and
-// a client's request refused by the kernel is refused; an ARP request, ND solicitation or
+// a client's request refused by the kernel is refused (a deletion runs with the
+// interface's promote_secondaries set, put back after, so that the kernel keeps the
+// secondaries of a primary the device replaces); an ARP request, ND solicitation or
 // ND resolution asks the kernel to resolve the neighbour (RTM_NEWNEIGH with NTF_USE) and
 // the tables follow the kernel's answer; a default TTL set through the IP module
 // (IP_SetIPDefaultTTL) is written to the namespace's ip_default_ttl first (refused when it

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <optional>
+#include <vector>
 #include <string>
 
 #include "source/nl_socket.hpp"
@@ -52,6 +53,13 @@ struct Route {
     std::uint32_t oif = 0;
     std::uint32_t priority = 0;        // the metric (RTA_PRIORITY); 0 when none
     bool replace = false;              // NLM_F_REPLACE: it replaced the route of its metric
+    // The paths of a multipath route (RTA_MULTIPATH), the first one also as gateway and oif.
+    struct Path {
+        std::optional<std::array<std::uint8_t, 16>> gateway;
+        std::uint32_t oif = 0;
+        std::uint8_t flags = 0;        // RTNH_F_*
+    };
+    std::vector<Path> paths;
 };
 
 struct Neigh {

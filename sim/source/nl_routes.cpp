@@ -1,8 +1,10 @@
 // Routes: RTM_GETROUTE dumps (IPv4, then IPv6) and RTM_NEWROUTE / RTM_DELROUTE
-// notifications. A multipath route is read as its first path.
+// notifications. A multipath route is read with every path; its first path is also the
+// route's gateway and out interface.
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "source/netlink.hpp"
@@ -64,22 +66,32 @@ int route_cb(const nlmsghdr* nlh, void* data) {
     r.gateway = address_of(a.tb[RTA_GATEWAY], alen);
     if (a.tb[RTA_OIF] != nullptr) r.oif = mnl_attr_get_u32(a.tb[RTA_OIF]);
     if (a.tb[RTA_PRIORITY] != nullptr) r.priority = mnl_attr_get_u32(a.tb[RTA_PRIORITY]);
-    if (a.tb[RTA_MULTIPATH] != nullptr && r.oif == 0) {
-        // The first path: a struct rtnexthop, then that path's own attributes.
-        const auto* first = static_cast<const std::uint8_t*>(mnl_attr_get_payload(a.tb[RTA_MULTIPATH]));
-        const std::size_t room = mnl_attr_get_payload_len(a.tb[RTA_MULTIPATH]);
-        rtnexthop nh{};
-        if (room >= sizeof nh) {
-            std::memcpy(&nh, first, sizeof nh);
-            if (nh.rtnh_len >= sizeof nh && nh.rtnh_len <= room) {
-                r.oif = static_cast<std::uint32_t>(nh.rtnh_ifindex);
-                RouteAttrs path;
-                const std::size_t head = (sizeof nh + 3u) & ~std::size_t{3};  // attributes start 4-aligned
-                if (nh.rtnh_len > head &&
-                    mnl_attr_parse_payload(first + head, nh.rtnh_len - head, route_attr_cb, &path) >= 0) {
-                    r.gateway = address_of(path.tb[RTA_GATEWAY], alen);
-                }
+    if (a.tb[RTA_MULTIPATH] != nullptr) {
+        // Paths one after the other: a struct rtnexthop, then that path's own attributes.
+        // A path shorter than its header or longer than what remains ends the list.
+        const auto* at = static_cast<const std::uint8_t*>(mnl_attr_get_payload(a.tb[RTA_MULTIPATH]));
+        std::size_t room = mnl_attr_get_payload_len(a.tb[RTA_MULTIPATH]);
+        constexpr std::size_t kMostPaths = 256;
+        while (room >= sizeof(rtnexthop) && r.paths.size() < kMostPaths) {
+            rtnexthop nh{};
+            std::memcpy(&nh, at, sizeof nh);
+            if (nh.rtnh_len < sizeof nh || nh.rtnh_len > room) break;
+            Route::Path path;
+            path.oif = static_cast<std::uint32_t>(nh.rtnh_ifindex);
+            path.flags = nh.rtnh_flags;
+            RouteAttrs pa;
+            const std::size_t head = (sizeof nh + 3u) & ~std::size_t{3};  // attributes start 4-aligned
+            if (nh.rtnh_len > head && mnl_attr_parse_payload(at + head, nh.rtnh_len - head, route_attr_cb, &pa) >= 0) {
+                path.gateway = address_of(pa.tb[RTA_GATEWAY], alen);
             }
+            r.paths.push_back(path);
+            const std::size_t step = std::min<std::size_t>((nh.rtnh_len + 3u) & ~std::size_t{3}, room);
+            at += step;
+            room -= step;
+        }
+        if (!r.paths.empty() && r.oif == 0) {
+            r.oif = r.paths.front().oif;
+            r.gateway = r.paths.front().gateway;
         }
     }
     static_cast<Sink*>(data)->route(r, nlh->nlmsg_type == RTM_DELROUTE);

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstring>
@@ -770,6 +771,181 @@ TEST_F(LinuxRoutesE2E, AReplacedRouteTakesThePlaceOfTheOld) {
     in_ns({"route", "del", "10.150.0.0/16", "metric", "5"});
     EXPECT_TRUE(eventually([&] { return device_gateway().empty(); }, std::chrono::seconds(2)))
         << "the replaced route is gone with its replacement: " << device_gateway();
+}
+
+}  // namespace
+}  // namespace e2e
+
+// ---- Paths, types, link-local routes, links ---------------------------------------------------
+
+namespace e2e {
+namespace {
+
+// A 64-byte IPv6 search of one prefix in the public VRF: the number of entries found.
+std::uint64_t search6(const char* prefix, std::uint8_t len, std::uint8_t* entries) {
+    std::array<std::uint8_t, 44> key{};
+    const std::uint16_t family6 = 10;
+    std::memcpy(key.data() + 4, &family6, 2);
+    std::memcpy(key.data() + 8, ip6(prefix).data(), 16);
+    key[24] = len;
+    std::uint64_t count = 4;
+    if (FIB6_SearchInfo(key.data(), &count, entries) != 0) return 0;
+    return count;
+}
+
+// The further path k (1, 2, ...) of a search entry: its interface and IPv4 next hop.
+std::pair<std::uint32_t, std::string> further_path(const std::uint8_t* entry, unsigned k) {
+    const std::uint8_t* h = entry + FIB_ENTRY_MORE_HOPS_OFFSET + (k - 1) * FIB_ENTRY_HOP_SIZE;
+    return {host_at<std::uint32_t>(h), dotted(host_at<std::uint32_t>(h + 4))};
+}
+
+// A multipath route keeps every path: the first as the entry's gateway, the others after it;
+// the dump writes a line a path. It stays while one path's link is down, as on Linux.
+TEST_F(LinuxRoutesE2E, AMultipathRouteKeepsEveryPath) {
+    start();
+    in_ns({"route", "add", "10.160.0.0/16", "nexthop", "via", "10.77.0.2", "dev", "v0", "nexthop", "via", "10.88.0.2",
+           "dev", "v2"});
+    std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+    ASSERT_TRUE(eventually([&] { return search4("10.160.0.0", "255.255.0.0", 0, entries) == 1; })) << sim.log();
+    EXPECT_EQ(entries[FIB_ENTRY_HOPS_OFFSET], 2u);
+    EXPECT_EQ(dotted(host_at<std::uint32_t>(entries + FIB_ENTRY_NEXTHOP_OFFSET)), "10.77.0.2");
+    EXPECT_EQ(host_at<std::uint32_t>(entries + 4), v0_);
+    EXPECT_EQ(further_path(entries, 1), (std::pair<std::uint32_t, std::string>{v2_, "10.88.0.2"}));
+    EXPECT_EQ(entries[FIB_ENTRY_TYPE_OFFSET], FIB_ROUTE_UNICAST);
+
+    const std::string path = sim.state_dir() + "/fib.txt";
+    ASSERT_EQ(FIB_SaveForwardingTable(path.c_str()), 0u);
+    const std::string text = file_text(path);
+    const std::size_t first = text.find("{public, 10.160.0.0/16} -> {10.77.0.2, v0, Null}");
+    const std::size_t second = text.find("{public, 10.160.0.0/16} -> {10.88.0.2, v2, Null}");
+    ASSERT_NE(first, std::string::npos) << text;
+    ASSERT_NE(second, std::string::npos) << text;
+    EXPECT_LT(first, second) << "the paths one after the other, the first first";
+    EXPECT_EQ(text.find('\n', first) + 1, text.rfind("{1, 0, 0}", second)) << "adjacent lines";
+
+    in_ns({"link", "set", "v2", "down"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_NE(in_ns({"route", "show", "10.160.0.0/16"}), "") << "the kernel keeps it";
+    ASSERT_TRUE(eventually([&] { return search4("10.160.0.0", "255.255.0.0", 0, entries) == 1; }));
+    EXPECT_EQ(host_at<std::uint32_t>(entries + FIB_ENTRY_FLAGS_OFFSET) & 1u, 1u) << "active through v0";
+}
+
+// Blackhole, unreachable and prohibit routes keep their type; they have no path.
+TEST_F(LinuxRoutesE2E, RouteTypesAreKept) {
+    start();
+    in_ns({"route", "add", "blackhole", "10.161.0.0/16"});
+    in_ns({"route", "add", "unreachable", "10.162.0.0/16"});
+    in_ns({"route", "add", "prohibit", "10.163.0.0/16"});
+    const std::pair<const char*, unsigned> want[] = {
+        {"10.161.0.0", FIB_ROUTE_BLACKHOLE}, {"10.162.0.0", FIB_ROUTE_UNREACHABLE}, {"10.163.0.0", FIB_ROUTE_PROHIBIT}};
+    for (const auto& [dest, type] : want) {
+        std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+        ASSERT_TRUE(eventually([&] { return search4(dest, "255.255.0.0", 0, entries) == 1; })) << dest;
+        EXPECT_EQ(entries[FIB_ENTRY_TYPE_OFFSET], type) << dest;
+        EXPECT_EQ(host_at<std::uint32_t>(entries + 4), 0u) << dest << ": no interface";
+        EXPECT_EQ(host_at<std::uint32_t>(entries + FIB_ENTRY_NEXTHOP_OFFSET), 0u) << dest << ": no gateway";
+        EXPECT_EQ(entries[FIB_ENTRY_HOPS_OFFSET], 1u) << dest;
+    }
+}
+
+// Linux keeps fe80::/64 on each link at one metric: the device's entry has a path a link.
+TEST_F(LinuxRoutesE2E, TheLinkLocalRouteIsOnEveryLink) {
+    start();
+    std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+    ASSERT_TRUE(eventually([&] { return search6("fe80::", 64, entries) == 1 && entries[FIB_ENTRY_HOPS_OFFSET] >= 2; }))
+        << in_ns({"-6", "route", "show", "table", "main"});
+    std::vector<std::uint32_t> links{host_at<std::uint32_t>(entries + 4)};
+    for (unsigned k = 1; k < entries[FIB_ENTRY_HOPS_OFFSET] && k <= FIB_ENTRY_MORE_HOPS_MAX; ++k) {
+        links.push_back(further_path(entries, k).first);
+    }
+    EXPECT_NE(std::find(links.begin(), links.end(), v0_), links.end());
+    EXPECT_NE(std::find(links.begin(), links.end(), v2_), links.end());
+}
+
+// Subscribers of interface configuration hear a link go down and up and its MTU change, and
+// the directory tells the link's state, MAC and VRF.
+TEST_F(LinuxRoutesE2E, LinkStateAndMtuReachSubscribersAndTheDirectory) {
+    start();
+    std::uint32_t state = 9;
+    ASSERT_EQ(IF_GetDataByIfIndex(v2_, IF_DATA_LINK_STATE, &state), 0u);
+    EXPECT_EQ(state, 1u);
+    std::uint8_t mac[6] = {};
+    ASSERT_EQ(IF_GetDataByIfIndex(v2_, IF_DATA_MAC, mac), 0u);
+    const Mac want = link_mac(ns_, "v2");
+    EXPECT_TRUE(std::equal(want.begin(), want.end(), mac));
+    std::uint16_t vrf = 9;
+    ASSERT_EQ(IF_GetDataByIfIndex(v2_, IF_DATA_VRF, &vrf), 0u);
+    EXPECT_EQ(vrf, 0u);
+
+    const int32_t sock = IPAddr_Open();
+    ASSERT_GE(sock, 0);
+    static std::vector<std::array<std::uint32_t, 3>> seen;
+    seen.clear();
+    ASSERT_EQ(IPAddr_RegIfCfgEvent(sock, 0, [](uint32_t c, uint32_t a, uint32_t b, uint16_t) -> uint32_t {
+                  seen.push_back({c, a, b});
+                  return 0;
+              }),
+              0u);
+    const auto heard = [&](std::uint32_t what, std::uint32_t value) {
+        return eventually([&] {
+            pollfd p{sock, POLLIN, 0};
+            while (::poll(&p, 1, 0) == 1) (void)IPAddr_HandleIfCfgMsg(sock);
+            return std::find(seen.begin(), seen.end(), std::array<std::uint32_t, 3>{what, v2_, value}) != seen.end();
+        });
+    };
+    constexpr std::uint32_t kLinkState = 6, kMtu = 7;
+    in_ns({"link", "set", "v2", "down"});
+    EXPECT_TRUE(heard(kLinkState, 0));
+    ASSERT_EQ(IF_GetDataByIfIndex(v2_, IF_DATA_LINK_STATE, &state), 0u);
+    EXPECT_EQ(state, 0u);
+    in_ns({"link", "set", "v2", "up"});
+    EXPECT_TRUE(heard(kLinkState, 1));
+    in_ns({"link", "set", "v2", "mtu", "1400"});
+    EXPECT_TRUE(heard(kMtu, 1400));
+    IPAddr_DeregIfCfgEvent(sock, 0);
+    IPAddr_Close(sock);
+}
+
+// A neighbour the kernel holds incomplete (traffic to a host that does not answer; the kernel
+// tells nothing) shows as incomplete within a second or so.
+TEST_F(LinuxSourceE2E, AnIncompleteNeighbourOfTheKernelShowsIncomplete) {
+    start();
+    // One ping that nobody answers: the kernel asks for 10.77.0.200 and holds it incomplete.
+    Child ping({ip_, "netns", "exec", ns_, "ping", "-c", "1", "-W", "1", "10.77.0.200"});
+    ARP_ENTRY_S e{};
+    ASSERT_TRUE(eventually([&] { return ARP_GetEntryByIP(ip("10.77.0.200"), &e) == 0; }, std::chrono::milliseconds(2500)))
+        << in_ns({"neigh", "show"});
+    EXPECT_EQ(host_at<std::uint16_t>(e.aucData + 24), 0u) << "incomplete";
+}
+
+// Replacing the interface's main address keeps its secondaries in the namespace (Linux would
+// delete them with their primary) and on the device.
+TEST_F(LinuxSourceE2E, ReplacingTheMainAddressKeepsItsSecondaries) {
+    in_ns({"addr", "add", "10.77.0.9/24", "dev", "v0"});
+    start(true);
+    ASSERT_EQ(IPCfg_AddManualAddr(v0_, ip("10.70.0.1"), ip("255.255.255.0"), 0), 0u) << sim.log();
+    EXPECT_TRUE(v0_lists("10.70.0.1/24"));
+    EXPECT_FALSE(v0_lists("10.77.0.1/24")) << "the main address it replaced";
+    EXPECT_TRUE(v0_lists("10.77.0.9/24")) << "the secondary stays in the namespace";
+    IPAddrInfo info{};
+    EXPECT_TRUE(eventually([&] { return lookup_any(ip("10.77.0.9"), &info) == 0; })) << "and on the device";
+    EXPECT_EQ(info.stEntry.uiFlag & 1u, 1u) << "still a sub address";
+    std::string out;
+    ASSERT_EQ(run({ip_, "netns", "exec", ns_, "cat", "/proc/sys/net/ipv4/conf/v0/promote_secondaries"}, &out), 0);
+    EXPECT_EQ(out, "0\n") << "the interface's setting is put back";
+}
+
+// A writable device resolving a host that does not answer: the entry shows incomplete, then
+// leaves the table when the kernel gives up.
+TEST_F(LinuxSourceE2E, ResolvingAnAbsentHostIsIncompleteThenGone) {
+    start(true);
+    ASSERT_EQ(ARP_Request(v0_, 0, ip("10.77.0.201"), nullptr), 0u) << sim.log();
+    ARP_ENTRY_S e{};
+    ASSERT_TRUE(eventually([&] { return ARP_GetEntryByIP(ip("10.77.0.201"), &e) == 0; }, std::chrono::milliseconds(500)))
+        << "read at once, not with the next second";
+    EXPECT_EQ(host_at<std::uint16_t>(e.aucData + 24), 0u) << "incomplete";
+    EXPECT_TRUE(eventually([&] { return ARP_GetEntryByIP(ip("10.77.0.201"), &e) != 0; }, std::chrono::seconds(6)))
+        << in_ns({"neigh", "show"});
 }
 
 }  // namespace
