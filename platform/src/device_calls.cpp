@@ -9,6 +9,7 @@
 #include <new>
 
 #include "device.hpp"
+#include "ipplat/platform.h"
 #include "ipclient/status.h"
 #include "ipproto/wire.hpp"
 #include "leaf_mutex.hpp"
@@ -226,6 +227,11 @@ std::uint32_t mdc_is_child(std::uint16_t mdc) noexcept {
     return r ? load_be<std::uint32_t>(r->data()) : 0;
 }
 
+static_assert(IF_DATA_NODE == ipc::device::if_item::kNode && IF_DATA_NAME == ipc::device::if_item::kName &&
+              IF_DATA_TYPE == ipc::device::if_item::kType && IF_DATA_FLAGS == ipc::device::if_item::kFlags &&
+              IF_DATA_KIND == ipc::device::if_item::kKind && IF_DATA_MAC == ipc::device::if_item::kMac &&
+              IF_DATA_VRF == ipc::device::if_item::kVrf && IF_DATA_LINK_STATE == ipc::device::if_item::kLinkState);
+
 std::uint32_t if_data(std::uint32_t ifindex, std::uint32_t item, void* out) noexcept {
     if (out == nullptr) return kFailure;
     Frame<8> f;
@@ -238,13 +244,24 @@ std::uint32_t if_data(std::uint32_t ifindex, std::uint32_t item, void* out) noex
     if (a->result != 0) return a->result;
     // The items are host-order values and a zero-terminated name.
     switch (item) {
-        case 9: {
+        case ipc::device::if_item::kNode: {
             if (a->len < 2) return kFailure;
             const std::uint16_t v = load_be<std::uint16_t>(buf);
             std::memcpy(out, &v, sizeof v);
             return 0;
         }
-        case 11: {
+        case ipc::device::if_item::kMac: {
+            if (a->len < 6) return kFailure;
+            std::memcpy(out, buf, 6);
+            return 0;
+        }
+        case ipc::device::if_item::kVrf: {
+            if (a->len < 2) return kFailure;
+            const std::uint16_t v = load_be<std::uint16_t>(buf);
+            std::memcpy(out, &v, sizeof v);
+            return 0;
+        }
+        case ipc::device::if_item::kName: {
             char name[32] = {};
             std::memcpy(name, buf, std::min<std::size_t>(a->len, sizeof name - 1));
             std::memcpy(out, name, sizeof name);

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,6 +42,7 @@ struct Context {
     Printer* out = nullptr;
     std::optional<std::uint16_t> node;  // -n: the node asked (and the node the tool runs as)
     bool brief = false;                  // -br: one line an interface (addr, link) or an entry (neigh)
+    bool stats = false;                  // -s: with link, the interfaces' counters
     std::function<void()> action;        // the verb chosen on the command line
 };
 
@@ -101,6 +103,13 @@ U host_at(const void* p, std::size_t off = 0) {
 // node is up; for one that spans nodes, any node is) (link.cpp).
 std::vector<std::uint32_t> directory_interfaces();
 bool interface_up(std::uint32_t ifindex);
+// A route of the IPv4 tables as the device writes it (its lines) and as it prints.
+struct RouteSeen {
+    std::string lines;
+    Record record;
+};
+// The IPv4 routes of every running node, by "chassis/slot/cpu VRF prefix" (route.cpp).
+std::map<std::string, RouteSeen> ipv4_routes();
 
 // Interfaces by full name or index (as the device's directory knows them).
 std::uint32_t interface_index(const CLI::App& verb, const std::string& name);

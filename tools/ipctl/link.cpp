@@ -8,16 +8,21 @@
 // and its location (item 9, LIP_GetChassID/SlotID/CpuID), state (up while its node is up,
 // IF_IsNodeUp; an interface that spans nodes is up while any of them is), MTU (IP_GetIfMTU,
 // none when the IP module does not answer) and whether it spans nodes (item 23) or is a
-// layer-2 interface (IF_IsL2If).
+// layer-2 interface (IF_IsL2If); where the device tells them, its MAC, VRF and link state
+// (items IF_DATA_MAC, IF_DATA_VRF, IF_DATA_LINK_STATE): the state is UP while the link is up
+// and its node is. -s adds the interface's counters (IP_GetMibIfStat) as ip -s does.
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "inet.hpp"
 #include "ipclient/ipstat.h"
 #include "ipctl.hpp"
 #include "ipplat/platform.h"
 #include "ipproto/if_types.hpp"
+#include "ipproto/kmod_ipstat.hpp"
 
 namespace ipctl {
 
@@ -55,9 +60,16 @@ std::string flags_text(bool up, bool spans, bool l2) {
     return out + ">";
 }
 
+// The link's state: its own (a device that tells it) while its node is up.
+bool link_up(std::uint32_t ifindex) {
+    std::uint32_t state = 1;
+    if (IF_GetDataByIfIndex(ifindex, IF_DATA_LINK_STATE, &state) != 0) state = 1;
+    return state == 1 && interface_up(ifindex);
+}
+
 Record link_brief(std::uint32_t ifindex) {
     const std::string name = interface_name(ifindex);
-    const bool up = interface_up(ifindex);
+    const bool up = link_up(ifindex);
     const bool spans = spans_nodes(ifindex);
     const bool l2 = IF_IsL2If(ifindex) == 1;
     Json flags = Json::array();
@@ -70,15 +82,39 @@ Record link_brief(std::uint32_t ifindex) {
     return r;
 }
 
-Record link_record(std::uint32_t ifindex) {
+// The interface's counters (IP_GetMibIfStat) as ip -s writes a link's: received and sent
+// packets, bytes and drops.
+void add_stats(Record& r, std::uint32_t ifindex) {
+    namespace ipstat = ipc::proto::ipstat;
+    std::uint64_t mib[IP_MIBIF_COUNTERS] = {};
+    if (IP_GetMibIfStat(ifindex, mib) != 0) return;
+    const auto at = [&mib](std::string_view name) {
+        const auto it = std::find(ipstat::kMibNames.begin(), ipstat::kMibNames.end(), name);
+        return it == ipstat::kMibNames.end() ? std::uint64_t{0} : mib[it - ipstat::kMibNames.begin()];
+    };
+    const std::uint64_t rx_packets = at("in_receives"), rx_bytes = at("in_octets"), rx_dropped = at("in_discards");
+    const std::uint64_t tx_packets = at("out_transmits"), tx_bytes = at("out_octets"), tx_dropped = at("out_discards");
+    Json stats = {{"rx", {{"bytes", rx_bytes}, {"packets", rx_packets}, {"dropped", rx_dropped}}},
+                  {"tx", {{"bytes", tx_bytes}, {"packets", tx_packets}, {"dropped", tx_dropped}}}};
+    const std::string text = "RX " + std::to_string(rx_packets) + " packets " + std::to_string(rx_bytes) + " bytes " +
+                             std::to_string(rx_dropped) + " dropped  TX " + std::to_string(tx_packets) + " packets " +
+                             std::to_string(tx_bytes) + " bytes " + std::to_string(tx_dropped) + " dropped";
+    r.add("stats64", std::move(stats), text);
+}
+
+Record link_record(std::uint32_t ifindex, bool stats) {
     const std::string name = interface_name(ifindex);
     std::uint32_t type = 0;
     std::uint16_t node = 0;
     (void)IF_GetDataByIfIndex(ifindex, IF_DATA_TYPE, &type);
     (void)IF_GetDataByIfIndex(ifindex, IF_DATA_NODE, &node);
     const bool spans = spans_nodes(ifindex);
-    const bool up = interface_up(ifindex);
+    const bool up = link_up(ifindex);
     const bool l2 = IF_IsL2If(ifindex) == 1;
+    std::uint8_t mac[6] = {};
+    const bool has_mac = IF_GetDataByIfIndex(ifindex, IF_DATA_MAC, mac) == 0;
+    std::uint16_t vrf = 0;
+    const bool has_vrf = IF_GetDataByIfIndex(ifindex, IF_DATA_VRF, &vrf) == 0;
     const unsigned chassis = LIP_GetChassID(node), slot = LIP_GetSlotID(node), cpu = LIP_GetCpuID(node);
     std::uint32_t mtu = 0;
     const bool has_mtu = IP_GetIfMTU(ifindex, &mtu) == 0;
@@ -96,6 +132,8 @@ Record link_record(std::uint32_t ifindex) {
     } else {
         r.add("mtu", nullptr, "-", "mtu");
     }
+    if (has_mac) r.add("address", mac_text(mac), mac_text(mac), "link/ether").paint(Record::Paint::kMac);
+    if (has_vrf) r.add("vrf", vrf, std::to_string(vrf), "vrf");
     r.add("link_type", type_name(type), type_name(type), "type")
         .json_only("type_code", type)
         .add("node", node,
@@ -105,6 +143,7 @@ Record link_record(std::uint32_t ifindex) {
         .json_only("chassis", chassis)
         .json_only("slot", slot)
         .json_only("cpu", cpu);
+    if (stats) add_stats(r, ifindex);
     return r;
 }
 
@@ -115,7 +154,7 @@ void link_show(Context& ctx, const CLI::App& verb, Words words) {
         else words.unexpected();
     }
     require_device();
-    const auto one = [&ctx](std::uint32_t ifindex) { return ctx.brief ? link_brief(ifindex) : link_record(ifindex); };
+    const auto one = [&ctx](std::uint32_t ifindex) { return ctx.brief ? link_brief(ifindex) : link_record(ifindex, ctx.stats); };
     if (dev) {
         ctx.out->row(one(interface_index(verb, *dev)));
     } else {

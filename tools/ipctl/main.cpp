@@ -257,13 +257,14 @@ int main(int argc, char** argv) {
     app.footer("OBJECT COMMAND [ARGS]; OBJECT := device | addr | link | neigh | route | stats | monitor | status");
     std::string instance;
     int node = -1;
-    bool json = false, pretty = false, brief = false;
+    bool json = false, pretty = false, brief = false, stats = false;
     std::string color = "never";
     app.add_option("-i,--instance", instance, "the device (simulator instance) to talk to");
     app.add_option("-n,--node", node, "the node to ask and to run as (1..32767)")->check(CLI::Range(1, 32767));
     app.add_flag("-j,--json", json, "JSON output");
     app.add_flag("-p,--pretty", pretty, "indented JSON output");
     app.add_flag("--brief", brief, "one line an interface (addr, link) or an entry (neigh); also -br");
+    app.add_flag("-s,--stats", stats, "with link: the interfaces' counters");
     app.add_option("--color", color, "colour the output: always (-c), auto (on a terminal) or never")
         ->check(CLI::IsMember({"always", "auto", "never"}));
     app.set_version_flag("-V,--version", std::string("ipctl ") + IPCTL_VERSION + ", libipclient " + IPCTL_VERSION);
@@ -330,6 +331,7 @@ int main(int argc, char** argv) {
         ctx.node = static_cast<std::uint16_t>(node);
     }
     ctx.brief = brief;
+    ctx.stats = stats;
     const bool colour = color == "always" || (color == "auto" && ::isatty(STDOUT_FILENO) == 1);
     printer = Printer(json || pretty, pretty, stdout, colour);
     try {

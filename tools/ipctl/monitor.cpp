@@ -1,11 +1,14 @@
 // ipctl monitor: prints events as they arrive, each stamped, until interrupted.
 //
-//   ipctl monitor [addr|arp|nd|wlan|all]... [--count N]
+//   ipctl monitor [addr|arp|nd|wlan|link|route|all]... [--count N]
 //
 // Subscribes to the address events (IPAddr_RegisterEvent), the ARP and ND events of the
 // adjacency services (ARP_RegEvent, ND_RegEvent) and the WLAN adjacency events
 // (WADJ4_RegEvent), waits on their descriptors and lets the library deliver what arrives
-// (IPAddr_HandleEvent, ARP_ProcEvent, ND_ProcEvent, WADJ4_ProcEvent). Records print with the
+// (IPAddr_HandleEvent, ARP_ProcEvent, ND_ProcEvent, WADJ4_ProcEvent); link events are the
+// address service's interface-configuration messages (IPAddr_RegIfCfgEvent on a control
+// socket of its own, IPAddr_HandleIfCfgMsg); route events come from the FIB's change
+// sequence numbers (below). Records print with the
 // same printers as show. Once every subscription stands, "monitoring ..." goes to standard
 // error. SIGINT or SIGTERM ends it (exit 0); so does --count N after N events.
 //
@@ -19,16 +22,20 @@
 #include <time.h>
 
 #include <cstring>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "inet.hpp"
 #include "ipclient/adj.h"
+#include "ipclient/fib.h"
 #include "ipclient/arp.h"
 #include "ipclient/ipaddr.h"
 #include "ipclient/nd.h"
 #include "ipctl.hpp"
+#include "ipproto/svc_addr.hpp"
 #include "ipproto/wire.hpp"
 
 namespace ipctl {
@@ -63,9 +70,12 @@ const char* neigh_event(std::uint32_t type) {
     }
 }
 
-void emit(std::string_view tag, const char* event, std::uint32_t type, Record body) {
+// An event: its name, the service's event code as "type" (a route's own "type" is its
+// route type: route events carry none), then the record.
+void emit(std::string_view tag, const char* event, std::optional<std::uint32_t> type, Record body) {
     Record r;
-    r.add("event", event, event).json_only("type", type);
+    r.add("event", event, event);
+    if (type) r.json_only("type", *type);
     for (const Record::Field& f : body.fields()) {
         if (f.in_text) r.add(f.key, f.value, f.text, f.label);
         else r.json_only(f.key, f.value);
@@ -120,6 +130,70 @@ std::uint32_t on_wlan(std::uint32_t type, void* entry) {
     return 0;
 }
 
+// Interface configuration (IPAddr_RegIfCfgEvent): word C says what changed, word A is the
+// interface, word B the value, half D the VRF (ipproto/svc_addr.hpp).
+std::uint32_t on_ifcfg(std::uint32_t what, std::uint32_t ifindex, std::uint32_t value, std::uint16_t vrf) {
+    namespace svc = ipc::proto::addr_svc;
+    const std::string dev = interface_name(ifindex);
+    Record r;
+    const char* event = "change";
+    r.add("dev", dev, dev, "dev").json_only("ifindex", ifindex);
+    switch (what) {
+        case svc::kIfCfgLink:
+            event = value == 1 ? "add" : "delete";
+            break;
+        case svc::kIfCfgLinkState:
+            r.add("operstate", value == 1 ? "UP" : "DOWN", value == 1 ? "UP" : "DOWN", "state");
+            break;
+        case svc::kIfCfgMtu: r.add("mtu", value, std::to_string(value), "mtu"); break;
+        case svc::kIfCfgAddrCount: r.add("addresses", value, std::to_string(value), "addresses"); break;
+        case svc::kIfCfgMethods: r.add("methods", value, std::to_string(value), "methods"); break;
+        default: r.add("what", what, std::to_string(what), "what").add("value", value, std::to_string(value), "value");
+    }
+    r.add("vrf", vrf, std::to_string(vrf), "vrf");
+    emit("link", event, what, std::move(r));
+    return 0;
+}
+
+// Routes: the library tells a change by the tables' change sequence numbers
+// (FIB4_GetRouteChangeSeq, FIB6_GetRouteChangeSeq), asked at every turn of the wait. When
+// the IPv4 number moves the IPv4 tables are read again and compared with the last reading:
+// each route added, deleted or changed is an event. IPv6 routes are found by prefix only,
+// so a move of the IPv6 number is one event that says so.
+struct RouteWatch {
+    std::uint32_t seq4 = 0, seq6 = 0;
+    std::map<std::string, RouteSeen> v4;
+
+    void start() {
+        seq4 = FIB4_GetRouteChangeSeq();
+        seq6 = FIB6_GetRouteChangeSeq();
+        v4 = ipv4_routes();
+    }
+    void check() {
+        const std::uint32_t now6 = FIB6_GetRouteChangeSeq();
+        const std::uint32_t now4 = FIB4_GetRouteChangeSeq();
+        if (now4 != seq4) {
+            seq4 = now4;
+            std::map<std::string, RouteSeen> now = ipv4_routes();
+            for (auto& [key, seen] : v4) {
+                if (now.count(key) == 0) emit("route", "delete", std::nullopt, std::move(seen.record));
+            }
+            for (auto& [key, seen] : now) {
+                const auto was = v4.find(key);
+                if (was == v4.end()) emit("route", "add", std::nullopt, seen.record);
+                else if (was->second.lines != seen.lines) emit("route", "change", std::nullopt, seen.record);
+            }
+            v4 = std::move(now);
+        }
+        if (now6 != seq6) {
+            seq6 = now6;
+            Record r;
+            r.add("family", "inet6", "inet6").add("seq", now6, std::to_string(now6), "seq");
+            emit("route", "change", std::nullopt, std::move(r));
+        }
+    }
+};
+
 struct Source {
     const char* name;
     int fd;
@@ -128,17 +202,19 @@ struct Source {
 };
 
 void monitor(Context& ctx, const CLI::App& verb, Words words, std::uint64_t count) {
-    bool addr = false, arp = false, nd = false, wlan = false;
+    bool addr = false, arp = false, nd = false, wlan = false, link = false, route = false;
     while (!words.done()) {
         const std::string w = words.next();
         if (w == "addr") addr = true;
         else if (w == "arp") arp = true;
         else if (w == "nd") nd = true;
         else if (w == "wlan") wlan = true;
-        else if (w == "all") addr = arp = nd = wlan = true;
+        else if (w == "link") link = true;
+        else if (w == "route") route = true;
+        else if (w == "all") addr = arp = nd = wlan = link = route = true;
         else words.unexpected();
     }
-    if (!addr && !arp && !nd && !wlan) addr = arp = nd = wlan = true;
+    if (!addr && !arp && !nd && !wlan && !link && !route) addr = arp = nd = wlan = link = route = true;
     g_out = ctx.out;
 
     std::vector<Source> sources;
@@ -170,19 +246,39 @@ void monitor(Context& ctx, const CLI::App& verb, Words words, std::uint64_t coun
         if (fd < 0) failure("subscribing to WLAN events: the WLAN adjacency service does not answer");
         sources.push_back({"wlan", fd, [](int f) { (void)WADJ4_ProcEvent(f); }, [](int f) { WADJ4_DeregEvent(f); }});
     }
+    if (link) {
+        const int fd = IPAddr_Open();
+        if (fd < 0) failure("subscribing to interface events: the address service does not answer");
+        if (IPAddr_RegIfCfgEvent(fd, 0, on_ifcfg) != 0) {
+            IPAddr_Close(fd);
+            failure("subscribing to interface events: the address service refused");
+        }
+        sources.push_back({"link", fd, [](int f) { (void)IPAddr_HandleIfCfgMsg(f); }, [](int f) {
+                               IPAddr_DeregIfCfgEvent(f, 0);
+                               IPAddr_Close(f);
+                           }});
+    }
+    std::optional<RouteWatch> routes;
+    if (route) {
+        require_device();
+        routes.emplace();
+        routes->start();
+    }
     struct sigaction sa {};
     sa.sa_handler = on_signal;
     ::sigaction(SIGINT, &sa, nullptr);
     ::sigaction(SIGTERM, &sa, nullptr);
     std::string names;
     for (const Source& s : sources) names += std::string(" ") + s.name;
+    if (routes) names += " route";
     std::fprintf(stderr, "monitoring%s\n", names.c_str());
     std::fflush(stderr);
 
     std::vector<pollfd> fds;
     for (const Source& s : sources) fds.push_back({s.fd, POLLIN, 0});
     while (g_stop == 0 && (count == 0 || g_events < count)) {
-        const int n = ::poll(fds.data(), fds.size(), 200);
+        const int n = ::poll(fds.data(), fds.size(), routes ? 100 : 200);
+        if (routes) routes->check();
         if (n <= 0) continue;
         for (std::size_t i = 0; i < fds.size(); ++i) {
             if ((fds[i].revents & POLLIN) != 0) sources[i].drain(sources[i].fd);
@@ -200,7 +296,7 @@ void monitor(Context& ctx, const CLI::App& verb, Words words, std::uint64_t coun
 void add_monitor(CLI::App& app, Context& ctx) {
     auto count = std::make_shared<std::uint64_t>(0);
     CLI::App* verb = add_verb(&app, "monitor", "prints events as they arrive, each stamped",
-                              "monitor [addr|arp|nd|wlan|all]... [--count N]", ctx,
+                              "monitor [addr|arp|nd|wlan|link|route|all]... [--count N]", ctx,
                               [&ctx, count](const CLI::App& v, Words w) { monitor(ctx, v, std::move(w), *count); });
     // Checked as written: the parser would read "-1" as the largest count, for ever.
     verb->add_option("--count", *count, "end after this many events (1 or more)")

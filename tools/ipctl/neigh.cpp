@@ -6,7 +6,9 @@
 // show reads the ARP table (ARP_GetNextInfoBatch) and the ND table (ND_GetNextInfoBatch from
 // the all-zero key) a batch of entries a call, printing them as they come, with a progress
 // line on a terminal; resolve sends an ARP request (ARP_Request) or starts ND resolution
-// (ND_Resolve) on the interface, then prints the entry as the table then holds it.
+// (ND_Resolve) on the interface, then follows the entry for up to 5 s until it leaves the
+// incomplete state, and prints it: resolved, still incomplete, or "failed" when an entry
+// seen incomplete left the table (nobody answered).
 //
 // A batch holds the module's 24-byte ARP records and 48-byte ND records as they travelled
 // (big-endian words); a lookup by address returns the ARP entry's other layout, in host order; ARP_GetConf's block gives the
@@ -15,6 +17,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -197,40 +200,54 @@ void neigh_resolve(Context& ctx, const CLI::App& verb, Words words) {
     }
     if (!dev) usage_error(verb, "\"dev IF\" is required");
     const std::uint32_t ifindex = interface_index(verb, *dev);
+    // The answer comes as the table changes. The entry is followed until it leaves the
+    // incomplete state, for as long as a device tries to resolve (3 probes a second apart)
+    // and a little more; an entry seen incomplete that then goes failed.
+    constexpr int kPolls = 100;  // 5 s of 50 ms
+    std::optional<Record> found;
+    bool seen = false, settled = false;
+    const auto follow = [&](const std::function<std::optional<std::pair<Record, bool>>()>& look) {
+        for (int i = 0; i < kPolls && !settled; ++i) {
+            if (auto now = look()) {
+                found = std::move(now->first);
+                seen = true;
+                settled = !now->second;
+            } else if (seen) {
+                found.reset();
+                break;  // an incomplete entry that left the table: nobody answered
+            }
+            if (!settled) pause_50ms();
+        }
+    };
     if (const auto a4 = parse_inet4(target)) {
         const std::uint32_t rc = ARP_Request(ifindex, 0, *a4, nullptr);
         if (rc != 0) status_error("resolving " + target + " on " + *dev, rc);
-        // The answer comes as the table changes: the entry, once it left the incomplete
-        // state or after a second.
-        std::optional<Record> found;
-        for (int i = 0; i < 20; ++i) {
+        follow([&]() -> std::optional<std::pair<Record, bool>> {
             ARP_ENTRY_S e{};
-            if (ARP_GetEntryByIP(*a4, &e) == 0) {
-                const ArpEntry entry = arp_from_lookup(e.aucData);
-                found = neighbour("inet", target, entry.ifindex, entry.mac, entry.state, entry.kind, entry.vlan,
-                                  entry.vrf);
-                if (entry.state != 0) break;
-            }
-            pause_50ms();
-        }
-        if (found) ctx.out->row(std::move(*found));
+            if (ARP_GetEntryByIP(*a4, &e) != 0) return std::nullopt;
+            const ArpEntry entry = arp_from_lookup(e.aucData);
+            return std::pair{neighbour("inet", target, entry.ifindex, entry.mac, entry.state, entry.kind, entry.vlan, entry.vrf),
+                             entry.state == 0};
+        });
     } else if (const auto a6 = parse_inet6(target)) {
         NdIPv6Addr addr{};
         std::memcpy(&addr, a6->data(), sizeof addr);
         const std::uint32_t rc = ND_Resolve(addr, ifindex);
         if (rc != 0) status_error("resolving " + target + " on " + *dev, rc);
-        std::optional<Record> found;
-        for (int i = 0; i < 20; ++i) {
+        follow([&]() -> std::optional<std::pair<Record, bool>> {
             NdEntryInfo e{};
-            if (ND_GetEntryInfo(ND_ENTRY_CMD_EXACT, 0, ifindex, a6->data(), &e) == 0) {
-                found = nd_record(e);
-                if (e.ucState != ND_STATE_INCOMPLETE) break;
-            }
-            pause_50ms();
-        }
-        if (found) ctx.out->row(std::move(*found));
+            if (ND_GetEntryInfo(ND_ENTRY_CMD_EXACT, 0, ifindex, a6->data(), &e) != 0) return std::nullopt;
+            return std::pair{nd_record(e), e.ucState == ND_STATE_INCOMPLETE};
+        });
     } else {
         usage_error(verb, "\"" + target + "\" is not an IPv4 or IPv6 address");
+    }
+    if (found) {
+        ctx.out->row(std::move(*found));
+    } else if (seen) {
+        Record failed;
+        failed.add("dst", target, target).add("dev", *dev, *dev, "dev").add("state", "failed", "failed");
+        ctx.out->row(std::move(failed));
     }
     ctx.out->flush();
 }

@@ -19,6 +19,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -66,25 +68,55 @@ std::optional<RouteLine> parse_line(std::string line) {
 
 unsigned to_unsigned(const std::string& s) { return static_cast<unsigned>(std::strtoul(s.c_str(), nullptr, 10)); }
 
-Record line_record(const RouteLine& l) {
-    const std::string& vlan_port = l.link[2];
-    const std::size_t slash = vlan_port.find('/');
+// One path of a route: its gateway and interface, each empty when the route has none.
+struct Path {
+    std::string gateway;
+    std::string dev;
+};
+
+const char* route_type_name(unsigned type) {
+    switch (type) {
+        case FIB_ROUTE_BLACKHOLE: return "blackhole";
+        case FIB_ROUTE_UNREACHABLE: return "unreachable";
+        case FIB_ROUTE_PROHIBIT: return "prohibit";
+        default: return "unicast";
+    }
+}
+
+// What every route prints, from show and get alike: its type (in text only when it is not
+// unicast, before the destination, as ip writes it), destination, family, VRF, and its
+// path: gateway and interface, or of a route of several paths the first path's and all of
+// them as nexthops.
+Record route_record(const std::string& dst, bool v6, unsigned type, const std::string& vrf, const std::vector<Path>& paths) {
     Record r;
-    r.add("dst", l.where[1], l.where[1])
-        .add("vrf", l.where[0], l.where[0], "vrf")
-        .add("gateway", l.via[0], l.via[0], "via")
-        .add("dev", l.link[3], l.link[3], "dev")
-        .add("chassis", to_unsigned(l.node[0]), l.node[0] + "/" + l.node[1] + "/" + l.node[2], "node")
-        .json_only("slot", to_unsigned(l.node[1]))
-        .json_only("cpu", to_unsigned(l.node[2]))
-        .add("tunnel", l.via[1], l.via[1], "tunnel")
-        .add("label", l.via[2], l.via[2], "label")
-        .json_only("gateway_mac", l.link[0])
-        .json_only("dev_mac", l.link[1])
-        .json_only("vlan", to_unsigned(vlan_port.substr(0, slash)))
-        .json_only("port", to_unsigned(slash == std::string::npos ? "" : vlan_port.substr(slash + 1)));
+    const char* tname = route_type_name(type);
+    if (type == FIB_ROUTE_UNICAST || type == 0) r.json_only("type", tname);
+    else r.add("type", tname, tname);
+    r.add("dst", dst, dst).json_only("family", v6 ? "inet6" : "inet").add("vrf", vrf, vrf, "vrf");
+    if (!paths.empty()) {
+        if (!paths.front().gateway.empty()) r.add("gateway", paths.front().gateway, paths.front().gateway, "via");
+        if (!paths.front().dev.empty()) r.add("dev", paths.front().dev, paths.front().dev, "dev");
+    }
+    if (paths.size() > 1) {
+        Json hops = Json::array();
+        std::string text;
+        for (const Path& p : paths) {
+            Json h = Json::object();
+            if (!p.gateway.empty()) h["gateway"] = p.gateway;
+            if (!p.dev.empty()) h["dev"] = p.dev;
+            hops.push_back(std::move(h));
+            if (!text.empty()) text += ", ";
+            text += p.gateway.empty() ? "dev " + p.dev : p.dev.empty() ? "via " + p.gateway : "via " + p.gateway + " dev " + p.dev;
+        }
+        r.add("nexthops", std::move(hops), text, "nexthops");
+    }
     return r;
 }
+
+// A gateway as printed: none for the all-zero address.
+std::string gateway_text(const std::string& text) { return text == "0.0.0.0" || text == "::" ? std::string() : text; }
+// An interface of the device's file: none where it writes N/A.
+std::string dev_text(const std::string& text) { return text == "N/A" ? std::string() : text; }
 
 // A file of the tool's own, removed when done.
 class TempFile {
@@ -148,46 +180,6 @@ std::uint64_t save_table(const std::string& path, bool progress_line) {
     return lines > 0 ? lines - 1 : 0;
 }
 
-void show_v4(Context& ctx, const std::optional<std::string>& vrf, const std::optional<std::string>& prefix) {
-    TempFile file;
-    save_table(file.path(), false);
-    std::ifstream in(file.path(), std::ios::binary);
-    std::string line;
-    std::getline(in, line);  // "[FIB Info]"
-    while (std::getline(in, line)) {
-        const auto l = parse_line(line);
-        if (!l) continue;
-        if (vrf && l->where[0] != *vrf) continue;
-        if (prefix && l->where[1] != *prefix) continue;
-        ctx.out->row(line_record(*l));
-    }
-    ctx.out->flush();
-}
-
-// A route entry of a search (128 bytes, host order): 0 VRF, 4 outgoing interface, 8 prefix
-// length, 12 family, 16 next hop, 32 destination, 48 node, 52 flags (bit 0 active).
-Record entry_record(const std::uint8_t* e) {
-    const bool v6 = host_at<std::uint16_t>(e + FIB_ENTRY_FAMILY_OFFSET) == 10;
-    const std::string dst = (v6 ? inet6_text(e + 32) : inet4_text(host_at<std::uint32_t>(e + 32))) + "/" +
-                            std::to_string(e[8]);
-    const std::string gw = v6 ? inet6_text(e + FIB_ENTRY_NEXTHOP_OFFSET)
-                              : inet4_text(host_at<std::uint32_t>(e + FIB_ENTRY_NEXTHOP_OFFSET));
-    const std::uint32_t ifindex = host_at<std::uint32_t>(e + 4);
-    const std::uint32_t vrf = host_at<std::uint32_t>(e);
-    const std::uint32_t node = host_at<std::uint32_t>(e + 48);
-    const bool active = (host_at<std::uint32_t>(e + FIB_ENTRY_FLAGS_OFFSET) & 1u) != 0;
-    Record r;
-    r.add("dst", dst, dst)
-        .json_only("family", v6 ? "inet6" : "inet")
-        .add("vrf_index", vrf, std::to_string(vrf), "vrf")
-        .add("gateway", gw, gw, "via")
-        .json_only("ifindex", ifindex)
-        .add("dev", interface_name(ifindex), interface_name(ifindex), "dev")
-        .add("node", node, std::to_string(node), "node")
-        .add("active", active, active ? "active" : "inactive");
-    return r;
-}
-
 // Every VPN instance, as a search key names it.
 constexpr std::uint32_t kAnyInstance = 0xFFFFFFFFu;
 
@@ -223,6 +215,108 @@ std::vector<std::uint8_t> search6(const std::array<std::uint8_t, 16>& addr, unsi
     const std::uint32_t rc = FIB6_SearchInfo(key, count, entries.data());
     if (rc != 0) *count = 0;
     return entries;
+}
+
+// A route entry of a search (128 bytes, host order): 0 VRF, 4 outgoing interface, 8 prefix
+// length, 12 family, 16 next hop, 32 destination, 48 node, 52 flags (bit 0 active), 56
+// type, 57 the number of paths, 60 the further paths. A VRF other than the public one is
+// named by its index (the search tells no name).
+Record entry_record(const std::uint8_t* e) {
+    const bool v6 = host_at<std::uint16_t>(e + FIB_ENTRY_FAMILY_OFFSET) == 10;
+    const auto addr_text = [v6](const std::uint8_t* a) { return v6 ? inet6_text(a) : inet4_text(host_at<std::uint32_t>(a)); };
+    const std::string dst = addr_text(e + 32) + "/" + std::to_string(e[8]);
+    const std::uint32_t ifindex = host_at<std::uint32_t>(e + 4);
+    const std::uint32_t vrf = host_at<std::uint32_t>(e);
+    const std::uint32_t node = host_at<std::uint32_t>(e + 48);
+    const bool active = (host_at<std::uint32_t>(e + FIB_ENTRY_FLAGS_OFFSET) & 1u) != 0;
+    const auto dev = [](std::uint32_t index) { return index == 0 ? std::string() : interface_name(index); };
+    std::vector<Path> paths{{gateway_text(addr_text(e + FIB_ENTRY_NEXTHOP_OFFSET)), dev(ifindex)}};
+    const unsigned hops = e[FIB_ENTRY_HOPS_OFFSET];
+    for (unsigned i = 1; i < hops && i <= FIB_ENTRY_MORE_HOPS_MAX; ++i) {
+        const std::uint8_t* h = e + FIB_ENTRY_MORE_HOPS_OFFSET + (i - 1) * FIB_ENTRY_HOP_SIZE;
+        paths.push_back({gateway_text(addr_text(h + 4)), dev(host_at<std::uint32_t>(h))});
+    }
+    Record r = route_record(dst, v6, e[FIB_ENTRY_TYPE_OFFSET], vrf == 0 ? "public" : std::to_string(vrf), paths);
+    if (hops > FIB_ENTRY_MORE_HOPS_MAX + 1) r.add("paths", hops, std::to_string(hops), "paths");
+    r.json_only("ifindex", ifindex)
+        .add("node", node, std::to_string(node), "node")
+        .add("active", active, active ? "active" : "inactive");
+    return r;
+}
+
+// The type of a route the device's file shows without a path (a blackhole, unreachable or
+// prohibit route has neither gateway nor interface): its search entry says it.
+unsigned pathless_type(const std::string& dst) {
+    const auto p = parse_prefix4(dst);
+    if (!p) return FIB_ROUTE_UNICAST;
+    std::uint64_t count = 0;
+    const auto entries = search4(p->addr, p->len, &count);
+    for (std::uint64_t i = 0; i < count && i < FIB_SEARCH_MAX_ENTRIES; ++i) {
+        const std::uint8_t* e = entries.data() + i * FIB_SEARCH_ENTRY_SIZE;
+        const unsigned type = e[FIB_ENTRY_TYPE_OFFSET];
+        if (host_at<std::uint32_t>(e + 4) == 0 && type != 0 && type != FIB_ROUTE_UNICAST) return type;
+    }
+    return FIB_ROUTE_UNICAST;
+}
+
+// A route of the device's file: its lines (one a path) made one record.
+Record file_record(const RouteLine& l, const std::vector<Path>& paths) {
+    const bool pathless = paths.size() == 1 && paths.front().gateway.empty() && paths.front().dev.empty();
+    const unsigned type = pathless ? pathless_type(l.where[1]) : FIB_ROUTE_UNICAST;
+    Record r = route_record(l.where[1], false, type, l.where[0], paths);
+    const std::string& vlan_port = l.link[2];
+    const std::size_t slash = vlan_port.find('/');
+    r.add("chassis", to_unsigned(l.node[0]), l.node[0] + "/" + l.node[1] + "/" + l.node[2], "node")
+        .json_only("slot", to_unsigned(l.node[1]))
+        .json_only("cpu", to_unsigned(l.node[2]))
+        .add("tunnel", l.via[1], l.via[1], "tunnel")
+        .add("label", l.via[2], l.via[2], "label")
+        .json_only("gateway_mac", l.link[0])
+        .json_only("dev_mac", l.link[1])
+        .json_only("vlan", to_unsigned(vlan_port.substr(0, slash)))
+        .json_only("port", to_unsigned(slash == std::string::npos ? "" : vlan_port.substr(slash + 1)));
+    return r;
+}
+
+// Reads the IPv4 tables of every running node and hands each route over with its lines.
+// The device writes a route of several paths as a line a path, one after the other.
+void read_v4(const std::optional<std::string>& vrf, const std::optional<std::string>& prefix,
+             const std::function<void(const RouteLine&, const std::vector<Path>&, const std::string&)>& take) {
+    TempFile file;
+    save_table(file.path(), false);
+    std::ifstream in(file.path(), std::ios::binary);
+    std::string line;
+    std::getline(in, line);  // "[FIB Info]"
+    std::optional<RouteLine> route;
+    std::vector<Path> paths;
+    std::string lines;
+    const auto emit = [&] {
+        if (route) take(*route, paths, lines);
+        route.reset();
+        paths.clear();
+        lines.clear();
+    };
+    while (std::getline(in, line)) {
+        const auto l = parse_line(line);
+        if (!l) continue;
+        if (vrf && l->where[0] != *vrf) continue;
+        if (prefix && l->where[1] != *prefix) continue;
+        if (!route || route->node != l->node || route->where != l->where) {
+            emit();
+            route = l;
+        }
+        paths.push_back({gateway_text(l->via[0]), dev_text(l->link[3])});
+        lines += line;
+        lines += '\n';
+    }
+    emit();
+}
+
+void show_v4(Context& ctx, const std::optional<std::string>& vrf, const std::optional<std::string>& prefix) {
+    read_v4(vrf, prefix, [&ctx](const RouteLine& l, const std::vector<Path>& paths, const std::string&) {
+        ctx.out->row(file_record(l, paths));
+    });
+    ctx.out->flush();
 }
 
 void print_entries(Context& ctx, const std::vector<std::uint8_t>& entries, std::uint64_t count) {
@@ -315,6 +409,15 @@ void route_save(Context& ctx, Words words) {
 }
 
 }  // namespace
+
+std::map<std::string, RouteSeen> ipv4_routes() {
+    std::map<std::string, RouteSeen> out;
+    read_v4(std::nullopt, std::nullopt, [&out](const RouteLine& l, const std::vector<Path>& paths, const std::string& lines) {
+        const std::string key = l.node[0] + "/" + l.node[1] + "/" + l.node[2] + " " + l.where[0] + " " + l.where[1];
+        out.insert_or_assign(key, RouteSeen{lines, file_record(l, paths)});
+    });
+    return out;
+}
 
 void add_route(CLI::App& app, Context& ctx) {
     CLI::App* object = add_object(app, "route", "the forwarding tables", "route { show | get | save } ...");

@@ -82,6 +82,12 @@ IPPLAT_API uint32_t MDC_IsChildMDC(uint16_t mdc);
 #define IF_DATA_TYPE 18u  /**< uint32_t: interface type code */
 #define IF_DATA_FLAGS 23u /**< uint32_t: flags word */
 #define IF_DATA_KIND 32u  /**< uint32_t: interface kind */
+/** Items this host's device adds (a simulated device answers them; the test-control
+ * directory does not): */
+#define IF_DATA_MAC 100u       /**< uint8_t[6]: the interface's MAC */
+#define IF_DATA_VRF 101u       /**< uint16_t: the VRF the interface sits in */
+#define IF_DATA_LINK_STATE 102u /**< uint32_t: 1 while the link is up, 0 while it is down */
+/* The numbers travel on the device channel (ipproto/device.hpp, if_item). */
 /** Size of an interface name buffer, terminator included. */
 #define IF_NAME_SIZE 32u
 /** Flag of IF_DATA_FLAGS: the interface spans nodes. */
