@@ -2,7 +2,7 @@
 //
 //   ipsimd [--scenario FILE] [--instance NAME] [--state DIR] [--capture FILE]
 //          [--log-level LEVEL] [--check] [--print-default-scenario]
-//   ipsimd --source linux [--netns NAME] [--writable] [--instance NAME] [--state DIR] ...
+//   ipsimd --source linux [--netns NAME] [--writable] [--netlink-buffer BYTES] [--instance NAME] [--state DIR] ...
 //   ipsimd [--instance NAME] --control JSON [--timeout SECONDS]
 //
 // With --source linux the device mirrors a Linux network namespace instead of playing a
@@ -120,6 +120,10 @@ int main(int argc, char** argv) {
                    "with --source linux: the network namespace /run/netns/NAME (default: ipsimd's own)");
     app.add_flag("--writable", linux_opts.writable,
                  "with --source linux: carry address changes and neighbour resolution out in the namespace");
+    CLI::Option* buffer_opt =
+        app.add_option("--netlink-buffer", linux_opts.event_buffer,
+                       "with --source linux: bytes of the namespace notification socket's receive buffer (default 32 MiB)")
+            ->check(CLI::Range(4096, 1 << 30));
     CLI::Option* control_opt = app.add_option(
         "--control", control_request, "send one JSON request to the running simulator's control channel and print the answer");
     CLI::Option* timeout_opt =
@@ -147,8 +151,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     const bool from_linux = source_kind == "linux";
-    if (!from_linux && (!linux_opts.netns.empty() || linux_opts.writable)) {
-        std::fprintf(stderr, "ipsimd: --netns and --writable go with --source linux\n");
+    if (!from_linux && (!linux_opts.netns.empty() || linux_opts.writable || buffer_opt->count() > 0)) {
+        std::fprintf(stderr, "ipsimd: --netns, --writable and --netlink-buffer go with --source linux\n");
         return 2;
     }
     if (from_linux && !scenario_file.empty()) {

@@ -111,7 +111,7 @@ std::unique_ptr<LinuxSource> LinuxSource::open(const LinuxSourceOptions& opts, s
             *err = inside.error();
             return nullptr;
         }
-        s->events_ = nl::Socket::open(kGroups, err);
+        s->events_ = nl::Socket::open(kGroups, err, opts.event_buffer);
         if (!s->events_) return nullptr;
         s->requests_ = nl::Socket::open(0, err);
         if (!s->requests_ || !s->proc_.open(err)) return nullptr;
@@ -176,6 +176,7 @@ void LinuxSource::build_scenario() {
         sa.method = scenario::kMethodManual;
         sa.sub = (a.flags & IFA_F_SECONDARY) != 0;
         scenario_.addresses.push_back(sa);
+        ns_addrs_.insert({a.ifindex, a.addr});
     }
     first_addrs_.clear();
 }
@@ -281,6 +282,7 @@ void LinuxSource::link(const nl::Link& l, bool gone) {
         links_.erase(l.index);
         return;
     }
+    if (seen_) seen_->links.insert(l.index);
     const auto prev = links_.find(l.index);
     const bool known = prev != links_.end();
     const unsigned prev_flags = known ? prev->second.flags : 0;
@@ -323,9 +325,12 @@ void LinuxSource::addr(const nl::Addr& a, bool gone) {
     if (itf == nullptr) return;
     const Applying mark(applying_);
     if (gone) {
+        ns_addrs_.erase({a.ifindex, a.addr});
         ctx_->addrs.remove(a.ifindex, a.addr);
         return;
     }
+    ns_addrs_.insert({a.ifindex, a.addr});
+    if (seen_) seen_->addrs.insert({a.ifindex, a.addr});
     IPAddrInfo info{};
     IPAddrKey& k = info.stEntry.stKey;
     k.uiIfIndex = a.ifindex;
@@ -493,6 +498,7 @@ void LinuxSource::neigh(const nl::Neigh& n, bool gone) {
     if (itf == nullptr) return;
     const std::uint8_t family = n.family == AF_INET6 ? 10 : 2;
     const Applying mark(applying_);
+    if (!gone && seen_) seen_->neighs.insert({family, n.ifindex, n.addr});
     const bool drop = gone || n.state == NUD_NONE || (n.state & (NUD_FAILED | NUD_NOARP)) != 0;
     if (drop) {
         ctx_->neighs.remove(family, n.ifindex, n.addr);
@@ -542,6 +548,7 @@ void LinuxSource::drop_link(std::uint32_t ifindex) {
         if (a.stEntry.stKey.uiIfIndex == ifindex) addrs.push_back(a.stEntry.stKey.uiAddr);
     });
     for (const std::uint32_t a : addrs) ctx_->addrs.remove(ifindex, a);
+    std::erase_if(ns_addrs_, [ifindex](const auto& a) { return a.first == ifindex; });
     for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
         std::vector<NeighAddr> gone;
         ctx_->neighs.each(family, [&](const Neighbour& n) {
@@ -604,6 +611,7 @@ void LinuxSource::ready(std::uint32_t) {
 void LinuxSource::resync() {
     const Applying mark(applying_);
     seen_routes_.emplace();
+    seen_.emplace();
     candidates_.clear();
     nl::Sink& sink = *this;
     int rc = nl::dump_links(*requests_, sink);
@@ -611,11 +619,42 @@ void LinuxSource::resync() {
     if (rc == 0) rc = nl::dump_neighs(*requests_, sink);
     if (rc == 0) rc = nl::dump_routes(*requests_, sink);
     if (rc == 0) {
+        drop_unseen();
         drop_unseen_routes();
     } else {
         SIM_LOG(kError, "%s: cannot read the namespace again: %s", describe().c_str(), std::strerror(rc));
     }
+    seen_.reset();
     seen_routes_.reset();
+}
+
+void LinuxSource::drop_unseen() {
+    std::vector<std::uint32_t> links;
+    for (const auto& [index, l] : links_) {
+        if (seen_->links.count(index) == 0) links.push_back(index);
+    }
+    for (const std::uint32_t index : links) {
+        SIM_LOG(kInfo, "%s: link %u is gone", describe().c_str(), index);
+        drop_link(index);
+        links_.erase(index);
+    }
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> addrs;
+    for (const auto& a : ns_addrs_) {
+        if (seen_->addrs.count(a) == 0) addrs.push_back(a);
+    }
+    for (const auto& [ifindex, addr] : addrs) {
+        ns_addrs_.erase({ifindex, addr});
+        ctx_->addrs.remove(ifindex, addr);
+    }
+    for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
+        std::vector<std::pair<std::uint32_t, NeighAddr>> gone;
+        ctx_->neighs.each(family, [&](const Neighbour& n) {
+            if (n.kind == NeighKind::kDynamic && seen_->neighs.count({family, n.ifindex, n.addr}) == 0) {
+                gone.emplace_back(n.ifindex, n.addr);
+            }
+        });
+        for (const auto& [ifindex, addr] : gone) ctx_->neighs.remove(family, ifindex, addr);
+    }
 }
 
 // ---- Counters ---------------------------------------------------------------------------------

@@ -85,8 +85,9 @@
 // changes, the routes are read again and compared: Linux drops the IPv4 routes of a link
 // taken down, and clears a route's link-down flag when the carrier comes, without a
 // notification. Should the kernel drop notifications (a full
-// socket), the source reads the namespace again: links, addresses and neighbours are
-// brought up to date, and routes the namespace no longer has are dropped.
+// socket), the source reads the namespace again and compares: links, addresses,
+// neighbours and routes are brought up to date, and those the namespace no longer has are
+// dropped (of the addresses, those it had; of the neighbours, dynamic ones).
 //
 // Table changes that come from the namespace are the system's, not a client's: they are
 // not kept in the state directory. Read only unless writable: then an address that a
@@ -108,6 +109,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "context.hpp"
@@ -121,6 +123,9 @@ namespace sim {
 struct LinuxSourceOptions {
     std::string netns;     // /run/netns/NAME; empty: the namespace ipsimd runs in
     bool writable = false;
+    // The notification socket's receive buffer: what the namespace may tell while the daemon
+    // is busy, before notifications are lost and the namespace is read again.
+    int event_buffer = 32 << 20;
 };
 
 class LinuxSource final : public Watch, public Mirror, private nl::Sink {
@@ -194,6 +199,18 @@ private:
     std::uint16_t next_vrf_ = 1;
     // Routes seen during a resync (the others are dropped at its end).
     std::optional<std::set<FibTable::Key>> seen_routes_;
+    // Links, addresses and neighbours seen while the whole namespace is read again: what it
+    // no longer has is dropped at the end.
+    struct Seen {
+        std::set<std::uint32_t> links;
+        std::set<std::pair<std::uint32_t, std::uint32_t>> addrs;  // interface, address
+        std::set<std::tuple<std::uint8_t, std::uint32_t, NeighAddr>> neighs;
+    };
+    std::optional<Seen> seen_;
+    // The addresses the namespace has (interface, address): the others are clients' of a
+    // read-only device, which a reading of the namespace leaves alone.
+    std::set<std::pair<std::uint32_t, std::uint32_t>> ns_addrs_;
+    void drop_unseen();
     // Every route the namespace has for a FIB key: the device's entry is the one the kernel
     // uses, the lowest metric (of equal metrics the first learnt); when it goes, the next
     // one takes its place. Routes of one key differ in metric, out interface or gateway.

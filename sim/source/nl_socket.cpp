@@ -16,7 +16,6 @@ namespace {
 
 // Receive room of a subscribed socket: a burst of changes (a batch of routes added at once)
 // must not overflow it before the loop comes round to read.
-constexpr int kEventBuffer = 32 << 20;
 
 // Messages start 4-aligned (the length of the one before, rounded up).
 constexpr std::size_t align4(std::size_t len) noexcept { return (len + 3) & ~std::size_t{3}; }
@@ -79,7 +78,7 @@ NetnsScope::~NetnsScope() {
     }
 }
 
-std::unique_ptr<Socket> Socket::open(unsigned groups, std::string* err) {
+std::unique_ptr<Socket> Socket::open(unsigned groups, std::string* err, int event_buffer) {
     mnl_socket* raw = mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC);
     if (raw == nullptr) {
         *err = std::string("cannot open a route netlink socket: ") + std::strerror(errno);
@@ -91,7 +90,7 @@ std::unique_ptr<Socket> Socket::open(unsigned groups, std::string* err) {
         return nullptr;
     }
     if (groups != 0) {
-        int size = kEventBuffer;
+        int size = event_buffer;
         if (::setsockopt(s->fd(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
             (void)::setsockopt(s->fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
         }

@@ -44,7 +44,8 @@ class Socket {
 public:
     // A NETLINK_ROUTE socket in the current namespace, a member of the multicast groups
     // (RTMGRP_* bits; 0 none). Null with a reason in *err.
-    static std::unique_ptr<Socket> open(unsigned groups, std::string* err);
+    // A member's receive buffer is event_buffer bytes (the kernel may round it).
+    static std::unique_ptr<Socket> open(unsigned groups, std::string* err, int event_buffer = 32 << 20);
 
     int fd() const noexcept { return mnl_socket_get_fd(nl_.get()); }
     unsigned portid() const noexcept { return mnl_socket_get_portid(nl_.get()); }

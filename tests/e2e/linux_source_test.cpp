@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -946,6 +947,49 @@ TEST_F(LinuxSourceE2E, ResolvingAnAbsentHostIsIncompleteThenGone) {
     EXPECT_EQ(host_at<std::uint16_t>(e.aucData + 24), 0u) << "incomplete";
     EXPECT_TRUE(eventually([&] { return ARP_GetEntryByIP(ip("10.77.0.201"), &e) != 0; }, std::chrono::seconds(6)))
         << in_ns({"neigh", "show"});
+}
+
+}  // namespace
+}  // namespace e2e
+
+namespace e2e {
+namespace {
+
+// Notifications lost (a notification socket too small for a burst while the daemon was
+// stopped): the namespace is read again and compared, so a link, an address and a neighbour
+// deleted meanwhile are gone from the device, and the burst's routes are there.
+TEST_F(LinuxSourceE2E, LostNotificationsAreMadeGoodByReadingTheNamespaceAgain) {
+    in_ns({"link", "add", "v5", "type", "veth", "peer", "name", "v6"});
+    in_ns({"link", "set", "v5", "up"});
+    const std::uint32_t v5 = link_index(ns_, "v5");
+    in_ns({"addr", "add", "10.77.0.9/24", "dev", "v0"});
+    in_ns({"neigh", "replace", "10.77.0.60", "lladdr", "02:00:00:00:00:60", "dev", "v0", "nud", "reachable"});
+    ASSERT_TRUE(sim.start({"--source", "linux", "--netns", ns_, "--netlink-buffer", "4096"})) << sim.log();
+    IPAddrInfo info{};
+    ARP_ENTRY_S e{};
+    ASSERT_EQ(lookup_any(ip("10.77.0.9"), &info), 0u);
+    ASSERT_EQ(ARP_GetEntryByIP(ip("10.77.0.60"), &e), 0u);
+    ASSERT_EQ(IF_IsValidIfIndex(v5), 1u);
+
+    ASSERT_EQ(::kill(sim.pid(), SIGSTOP), 0);
+    std::string batch;
+    for (int i = 0; i < 2000; ++i) batch += "route add 10.200." + std::to_string(i / 250) + "." + std::to_string(i % 250) + "/32 dev v0\n";
+    const std::string file = sim.state_dir() + "/routes.batch";
+    std::ofstream(file) << batch;
+    in_ns({"-batch", file});
+    in_ns({"link", "del", "v5"});
+    in_ns({"addr", "del", "10.77.0.9/24", "dev", "v0"});
+    in_ns({"neigh", "del", "10.77.0.60", "dev", "v0"});
+    ASSERT_EQ(::kill(sim.pid(), SIGCONT), 0);
+
+    std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+    EXPECT_TRUE(eventually([&] { return search4("10.200.7.249", "255.255.255.255", 0, entries) == 1; }))
+        << "the burst's last route";
+    EXPECT_TRUE(eventually([&] { return IF_IsValidIfIndex(v5) == 0; })) << "the link deleted meanwhile";
+    EXPECT_TRUE(eventually([&] { return lookup_any(ip("10.77.0.9"), &info) != 0; })) << "the address deleted meanwhile";
+    EXPECT_TRUE(eventually([&] { return ARP_GetEntryByIP(ip("10.77.0.60"), &e) != 0; })) << "the neighbour deleted meanwhile";
+    EXPECT_EQ(lookup_any(ip("10.77.0.1"), &info), 0u) << "what the namespace still has stays";
+    EXPECT_NE(sim.log().find("notifications were lost"), std::string::npos) << sim.log();
 }
 
 }  // namespace
