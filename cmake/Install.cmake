@@ -9,6 +9,9 @@ install(TARGETS ipclient ipclient-platform
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ipclient ${PROJECT_SOURCE_DIR}/platform/include/ipplat
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev FILES_MATCHING PATTERN "*.h")
+# The C++ test harness for applications' tests (header only).
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/testing/include/ipsim
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev FILES_MATCHING PATTERN "*.hpp")
 
 # pkg-config: `pkg-config --cflags --libs ipclient`. The prefix is found from the file's own
 # place, so the same file serves a package installed under /usr and a tree copied elsewhere.
@@ -61,3 +64,6 @@ install(FILES ${PROJECT_SOURCE_DIR}/tools/ipctl/completion/ipctl
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/sim/scenario/default.yaml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/ipsimd COMPONENT tools)
+# The Python harness and its pytest fixtures, where the system's python3 finds modules.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/testing/python/ipsim
+  DESTINATION lib/python3/dist-packages COMPONENT tools FILES_MATCHING PATTERN "*.py")

@@ -36,6 +36,7 @@ for page in ipctl ipctl-device ipctl-addr ipctl-neigh ipctl-route ipctl-stats ip
 done
 cmake --install "$dir" --prefix "$prefix" >/dev/null
 for f in lib/libipclient.so.0 lib/libipclient-platform.so.0 include/ipclient/ipaddr.h include/ipplat/platform.h \
+  include/ipsim/harness.hpp lib/python3/dist-packages/ipsim/__init__.py lib/python3/dist-packages/ipsim/pytest_plugin.py \
   lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake bin/ipsimd share/man/man1/ipsimd.1.gz \
   share/ipsimd/default.yaml lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so bin/ipctl $ipctl_files; do
   test -e "$prefix/$f" || { echo "not installed: $f" >&2; exit 1; }
@@ -79,10 +80,10 @@ check_deb() { # package, then the paths it must hold
 check_deb "libipclient$major" "lib/libipclient.so.$version" "lib/libipclient.so.$major ->" \
   "lib/libipclient-platform.so.$version"
 check_deb libipclient-dev include/ipclient/ipaddr.h include/ipplat/testctl.h "lib/libipclient.so ->" \
-  lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake
+  lib/pkgconfig/ipclient.pc lib/cmake/ipclient/ipclientConfig.cmake include/ipsim/harness.hpp
 # shellcheck disable=SC2086  # ipctl_files is a list of paths
 check_deb ipclient-tools bin/ipsimd share/man/man1/ipsimd.1.gz share/ipsimd/default.yaml \
-  lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so bin/ipctl $ipctl_files
+  lib/ipsimd/libl2vpn.so lib/ipsimd/libl3vpn.so bin/ipctl lib/python3/dist-packages/ipsim/pytest_plugin.py $ipctl_files
 for lib in libl2vpn.so libl3vpn.so; do
   extra=$(nm -D --defined-only "$prefix/lib/ipsimd/$lib" | grep -v ' A ' | grep -vc ' L[23]VPN_' || true)
   [ "$extra" = 0 ] || { echo "$lib exports $extra symbols besides its entry points" >&2; exit 1; }

@@ -1,0 +1,41 @@
+"""pytest fixtures for tests of programs on the IP client library.
+
+Load with ``pytest -p ipsim.pytest_plugin`` or ``pytest_plugins = ["ipsim.pytest_plugin"]``
+in a conftest.py.
+
+``device``
+    A simulated device for the test, stopped and removed after it. It runs the bundled
+    scenario unless the test says otherwise with the ``ipsim_device`` mark, whose keywords
+    are Device's: ``@pytest.mark.ipsim_device(yaml=TEXT)``, ``(scenario=PATH)``,
+    ``(netns=NAME, writable=True)``.
+``make_device``
+    Makes devices (Device's arguments) for the test; all are closed after it.
+"""
+
+import pytest
+
+from ipsim import Device
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "ipsim_device(**kwargs): how the device fixture's device is made")
+
+
+@pytest.fixture
+def make_device():
+    made = []
+
+    def make(*args, **kwargs):
+        dev = Device(*args, **kwargs)
+        made.append(dev)
+        return dev
+
+    yield make
+    for dev in reversed(made):
+        dev.close()
+
+
+@pytest.fixture
+def device(request, make_device):
+    mark = request.node.get_closest_marker("ipsim_device")
+    return make_device(**(mark.kwargs if mark else {}))
