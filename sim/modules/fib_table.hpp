@@ -7,9 +7,11 @@
 // route-change sequence number.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <tuple>
 #include <vector>
@@ -25,6 +27,38 @@ struct Hop {
     std::array<std::uint8_t, 6> mac{};      // next hop's MAC
     std::array<std::uint8_t, 6> own_mac{};  // outgoing interface's MAC
     bool operator==(const Hop&) const = default;
+};
+
+// The further paths of a route: none for almost every route, so a route holds one pointer
+// for them (a table of a million routes keeps no empty lists).
+class Hops {
+public:
+    Hops() = default;
+    Hops(const Hops& o) : list_(o.list_ ? std::make_unique<std::vector<Hop>>(*o.list_) : nullptr) {}
+    Hops& operator=(const Hops& o) {
+        if (this != &o) list_ = o.list_ ? std::make_unique<std::vector<Hop>>(*o.list_) : nullptr;
+        return *this;
+    }
+    Hops(Hops&&) noexcept = default;
+    Hops& operator=(Hops&&) noexcept = default;
+
+    std::size_t size() const noexcept { return list_ ? list_->size() : 0; }
+    bool empty() const noexcept { return size() == 0; }
+    const Hop& operator[](std::size_t i) const { return (*list_)[i]; }
+    Hop& operator[](std::size_t i) { return (*list_)[i]; }
+    const Hop* begin() const noexcept { return list_ ? list_->data() : nullptr; }
+    const Hop* end() const noexcept { return list_ ? list_->data() + list_->size() : nullptr; }
+    void push_back(const Hop& h) {
+        if (!list_) list_ = std::make_unique<std::vector<Hop>>();
+        list_->push_back(h);
+    }
+    void append(const Hops& o) {
+        for (const Hop& h : o) push_back(h);
+    }
+    bool operator==(const Hops& o) const { return std::equal(begin(), end(), o.begin(), o.end()); }
+
+private:
+    std::unique_ptr<std::vector<Hop>> list_;
 };
 
 struct Route {
@@ -45,7 +79,7 @@ struct Route {
     std::uint16_t port = ipc::proto::fib::dump_entry::kNoneHalf;
     bool active = true;
     std::uint8_t type = FIB_ROUTE_UNICAST;  // FIB_ROUTE_* of ipclient/fib.h
-    std::vector<Hop> more;                  // the further paths of a multipath route
+    Hops more;                              // the further paths of a multipath route
 };
 
 class FibTable {

@@ -455,7 +455,7 @@ void LinuxSource::choose(const FibTable::Key& key) {
         const Route& other = order[i]->route;
         if (other.type != best.type) continue;
         best.more.push_back(Hop{other.next_hop, other.ifindex, other.mac, other.own_mac});
-        best.more.insert(best.more.end(), other.more.begin(), other.more.end());
+        best.more.append(other.more);
         best.active = best.active || other.active;
     }
     const Route* now = ctx_->fib.find(key);
