@@ -35,6 +35,7 @@
 #include "ipclient/ipaddr.h"
 #include "ipclient/nd.h"
 #include "ipctl.hpp"
+#include "ipplat/platform.h"
 #include "ipproto/svc_addr.hpp"
 #include "ipproto/wire.hpp"
 
@@ -44,6 +45,7 @@ namespace {
 
 Printer* g_out = nullptr;
 std::uint64_t g_events = 0;
+std::uint64_t g_limit = 0;  // --count: no event past it is printed, however many came at once
 volatile sig_atomic_t g_stop = 0;
 
 void on_signal(int) { g_stop = 1; }
@@ -73,6 +75,7 @@ const char* neigh_event(std::uint32_t type) {
 // An event: its name, the service's event code as "type" (a route's own "type" is its
 // route type: route events carry none), then the record.
 void emit(std::string_view tag, const char* event, std::optional<std::uint32_t> type, Record body) {
+    if (g_limit != 0 && g_events >= g_limit) return;
     Record r;
     r.add("event", event, event);
     if (type) r.json_only("type", *type);
@@ -132,9 +135,17 @@ std::uint32_t on_wlan(std::uint32_t type, void* entry) {
 
 // Interface configuration (IPAddr_RegIfCfgEvent): word C says what changed, word A is the
 // interface, word B the value, half D the VRF (ipproto/svc_addr.hpp).
+// The names of the interfaces as last known: a deleted interface is named as it was.
+std::map<std::uint32_t, std::string> g_names;
+
 std::uint32_t on_ifcfg(std::uint32_t what, std::uint32_t ifindex, std::uint32_t value, std::uint16_t vrf) {
     namespace svc = ipc::proto::addr_svc;
-    const std::string dev = interface_name(ifindex);
+    std::string dev = interface_name(ifindex);
+    if (IF_IsValidIfIndex(ifindex) == 1) {
+        g_names[ifindex] = dev;
+    } else if (const auto known = g_names.find(ifindex); known != g_names.end()) {
+        dev = known->second;
+    }
     Record r;
     const char* event = "change";
     r.add("dev", dev, dev, "dev").json_only("ifindex", ifindex);
@@ -169,12 +180,22 @@ struct RouteWatch {
         seq6 = FIB6_GetRouteChangeSeq();
         v4 = ipv4_routes();
     }
+    // A table's change without a route to show: the family and its sequence number (the
+    // library gives the number as it travels, big-endian; it prints in host order).
+    static void table_changed(const char* family, std::uint32_t raw) {
+        const std::uint32_t seq = ipc::wire::load_be<std::uint32_t>(&raw);
+        Record r;
+        r.add("family", family, family).add("seq", seq, std::to_string(seq), "seq");
+        emit("route", "change", std::nullopt, std::move(r));
+    }
+
     void check() {
         const std::uint32_t now6 = FIB6_GetRouteChangeSeq();
         const std::uint32_t now4 = FIB4_GetRouteChangeSeq();
         if (now4 != seq4) {
             seq4 = now4;
             std::map<std::string, RouteSeen> now = ipv4_routes();
+            const std::uint64_t before = g_events;
             for (auto& [key, seen] : v4) {
                 if (now.count(key) == 0) emit("route", "delete", std::nullopt, std::move(seen.record));
             }
@@ -184,12 +205,13 @@ struct RouteWatch {
                 else if (was->second.lines != seen.lines) emit("route", "change", std::nullopt, seen.record);
             }
             v4 = std::move(now);
+            // What the file does not show changed (a route gone inactive, one that came and
+            // went between two looks): the table's number says it.
+            if (g_events == before) table_changed("inet", now4);
         }
         if (now6 != seq6) {
             seq6 = now6;
-            Record r;
-            r.add("family", "inet6", "inet6").add("seq", now6, std::to_string(now6), "seq");
-            emit("route", "change", std::nullopt, std::move(r));
+            table_changed("inet6", now6);
         }
     }
 };
@@ -216,6 +238,7 @@ void monitor(Context& ctx, const CLI::App& verb, Words words, std::uint64_t coun
     }
     if (!addr && !arp && !nd && !wlan && !link && !route) addr = arp = nd = wlan = link = route = true;
     g_out = ctx.out;
+    g_limit = count;
 
     std::vector<Source> sources;
     auto closer = [&sources] {
@@ -247,6 +270,7 @@ void monitor(Context& ctx, const CLI::App& verb, Words words, std::uint64_t coun
         sources.push_back({"wlan", fd, [](int f) { (void)WADJ4_ProcEvent(f); }, [](int f) { WADJ4_DeregEvent(f); }});
     }
     if (link) {
+        for (const std::uint32_t ifindex : directory_interfaces()) g_names[ifindex] = interface_name(ifindex);
         const int fd = IPAddr_Open();
         if (fd < 0) failure("subscribing to interface events: the address service does not answer");
         if (IPAddr_RegIfCfgEvent(fd, 0, on_ifcfg) != 0) {
