@@ -278,7 +278,7 @@ inline std::optional<std::array<std::uint8_t, 6>> parse_mac(std::string_view s) 
     return mac;
 }
 
-void read_mac(const Reporter& r, const Value& v, std::uint8_t (&out)[6]) {
+inline void read_mac(const Reporter& r, const Value& v, std::uint8_t (&out)[6]) {
     const std::string& s = text(r, v);
     const auto mac = parse_mac(s);
     if (!mac) r.fail(v, "bad MAC address " + in_quotes(s) + " (expected six hex pairs such as 00:e0:fc:00:00:01)");
