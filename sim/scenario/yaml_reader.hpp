@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "ipproto/wire.hpp"
 #include "scenario/bounded.hpp"
 #include "scenario/limits.hpp"
 #include "scenario/scenario.hpp"
