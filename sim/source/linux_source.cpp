@@ -327,6 +327,11 @@ void LinuxSource::addr(const nl::Addr& a, bool gone) {
     if (gone) {
         ns_addrs_.erase({a.ifindex, a.addr});
         ctx_->addrs.remove(a.ifindex, a.addr);
+        // A link that loses its last IPv4 address loses every IPv4 route through it, and the
+        // kernel tells only of its connected routes: the routes are read again.
+        const auto left = ns_addrs_.lower_bound({a.ifindex, 0});
+        const bool last = left == ns_addrs_.end() || left->first != a.ifindex;
+        if (last && !seen_routes_) reread_routes();
         return;
     }
     ns_addrs_.insert({a.ifindex, a.addr});

@@ -82,9 +82,9 @@
 // RTMGRP_IPV4_ROUTE, RTMGRP_IPV6_ROUTE and RTMGRP_NEIGH are read on the daemon's own loop
 // and change the tables, whose observers publish the events. A deleted link takes its
 // addresses, neighbours and routes with it. When a link goes up or down or its carrier
-// changes, the routes are read again and compared: Linux drops the IPv4 routes of a link
-// taken down, and clears a route's link-down flag when the carrier comes, without a
-// notification. Should the kernel drop notifications (a full
+// changes, or it loses its last IPv4 address, the routes are read again and compared: Linux
+// drops the IPv4 routes of a link taken down or left without an IPv4 address, and clears a
+// route's link-down flag when the carrier comes, without a notification. Should the kernel drop notifications (a full
 // socket), the source reads the namespace again and compares: links, addresses,
 // neighbours and routes are brought up to date, and those the namespace no longer has are
 // dropped (of the addresses, those it had; of the neighbours, dynamic ones).

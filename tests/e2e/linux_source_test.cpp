@@ -994,3 +994,22 @@ TEST_F(LinuxSourceE2E, LostNotificationsAreMadeGoodByReadingTheNamespaceAgain) {
 
 }  // namespace
 }  // namespace e2e
+
+namespace e2e {
+namespace {
+
+// A link that loses its last IPv4 address loses every route through it; the kernel tells of
+// its connected route only, and the device drops the others too.
+TEST_F(LinuxRoutesE2E, ALinkLosingItsLastAddressLosesItsRoutes) {
+    start();
+    in_ns({"route", "add", "10.170.0.0/16", "via", "10.88.0.2", "dev", "v2"});
+    std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
+    ASSERT_TRUE(eventually([&] { return search4("10.170.0.0", "255.255.0.0", 0, entries) == 1; }));
+    in_ns({"addr", "del", "10.88.0.1/24", "dev", "v2"});
+    EXPECT_EQ(in_ns({"route", "show", "10.170.0.0/16"}), "") << "the kernel dropped it";
+    EXPECT_TRUE(eventually([&] { return search4("10.170.0.0", "255.255.0.0", 0, entries) == 0; }))
+        << "and so does the device";
+}
+
+}  // namespace
+}  // namespace e2e
