@@ -35,6 +35,7 @@
 
 #include "core/log.hpp"
 #include "daemon.hpp"
+#include "lab/lab.hpp"
 #include "ipproto/control_channel.hpp"
 #include "ipproto/endpoints.hpp"
 #include "source/linux_source.hpp"
@@ -98,6 +99,13 @@ int send_control(const std::string& instance, const std::string& request, double
 }  // namespace
 
 int main(int argc, char** argv) {
+    // ipsimd lab ...: a lab of devices, each an ipsimd of this same program.
+    if (argc > 1 && std::string_view(argv[1]) == "lab") {
+        std::vector<std::string> args(argv + 2, argv + argc);
+        char self[4096];
+        const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+        return sim::lab::lab_main(args, n > 0 ? std::string(self, static_cast<std::size_t>(n)) : std::string(argv[0]));
+    }
     CLI::App app{"ipsimd: a simulated network device for the IP client library"};
     std::string scenario_file, level = "info";
     sim::Options opts;
