@@ -176,7 +176,9 @@ private:
             rt.via = via;
         }
         if (auto x = m.find("dev")) rt.dev = if_name(r_, *x);
-        if (rt.type != "unicast" && (rt.via || rt.dev)) r_.fail(v, "a " + rt.type + " route has no via and no dev");
+        if (rt.type != "unicast" && (rt.via || rt.dev)) {
+            r_.fail(v, std::string(rt.type == "unreachable" ? "an " : "a ") + rt.type + " route has no via and no dev");
+        }
         if (rt.type == "unicast" && !rt.via && !rt.dev) r_.fail(v, "a route needs via or dev");
         if (auto x = m.find("metric")) rt.metric = number<std::uint32_t>(r_, *x, 0, 0xFFFFFFFFu);
         if (auto x = m.find("table")) rt.table = number<std::uint32_t>(r_, *x, 1, 0xFFFFFFFFu);

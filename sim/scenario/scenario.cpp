@@ -349,7 +349,7 @@ private:
             else if (t == "prohibit") rt.type = FIB_ROUTE_PROHIBIT;
             else r_.fail(*x, "bad route type " + in_quotes(t) + " (expected unicast, blackhole, unreachable or prohibit)");
             if (rt.type != FIB_ROUTE_UNICAST && (m.find("next_hop") || m.find("interface")))
-                r_.fail(*x, "a " + t + " route has no next hop and no interface");
+                r_.fail(*x, std::string(t == "unreachable" ? "an " : "a ") + t + " route has no next hop and no interface");
         }
         return rt;
     }

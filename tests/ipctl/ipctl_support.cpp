@@ -43,9 +43,9 @@ int reap(pid_t pid, std::chrono::steady_clock::time_point until) {
 }
 
 // Reads both descriptors until each has ended (end of file, or EIO on a terminal whose
-// last writer closed) or the time is over.
+// last writer closed) or the time is over; a descriptor of -1 has ended already.
 void drain(int fd_a, std::string* a, int fd_b, std::string* b, std::chrono::steady_clock::time_point until) {
-    bool open_a = true, open_b = true;
+    bool open_a = fd_a >= 0, open_b = fd_b >= 0;
     while ((open_a || open_b) && std::chrono::steady_clock::now() < until) {
         pollfd p[2] = {{open_a ? fd_a : -1, POLLIN, 0}, {open_b ? fd_b : -1, POLLIN, 0}};
         if (::poll(p, 2, 50) <= 0) continue;

@@ -201,10 +201,10 @@ Json addr(int ifindex, const char* ifname, const char* local, int len, int vrf, 
 
 // ---- schemas -----------------------------------------------------------------------------
 
-const std::vector<std::string> kSchemas = {"device",     "addr",     "neigh", "route", "route_entry",
-                                           "route_save", "stats_ip", "stats_icmp", "stats_if", "ttl",
-                                           "ecmp",       "mtu",      "summary", "status", "event",
-                                           "link",       "addr_brief", "link_brief", "neigh_brief"};
+const std::vector<std::string> kSchemas = {"device",     "addr",     "neigh",      "route",   "route_save",
+                                           "stats_ip",   "stats_icmp", "stats_if", "ttl",     "ecmp",
+                                           "mtu",        "summary",  "status",     "event",   "link",
+                                           "addr_brief", "link_brief", "neigh_brief"};
 
 // Every object of a schema lists its properties with a type, names only those as required
 // and allows no others.
@@ -488,9 +488,24 @@ TEST_F(IpctlNeigh, ResolveAScenarioHostMakesItReachable) {
                       });
 }
 
-TEST_F(IpctlNeigh, ResolveOfASilentAddressStaysIncomplete) {
-    EXPECT_EQ(run_ok({"neigh", "resolve", "10.1.1.99", "dev", "GigabitEthernet1/0/1"}),
-              "10.1.1.99  dev GigabitEthernet1/0/1  lladdr 00:00:00:00:00:00  incomplete  dynamic  vlan 0  vrf 0\n");
+// Nobody answers for 10.1.1.98 or 10.1.1.99: each entry is incomplete while the device
+// asks, then leaves the table; resolve follows it and says it failed. Text and JSON run side
+// by side, each on an address of its own (a second request for the same address would ask
+// again, and the entry would stay longer).
+TEST_F(IpctlNeigh, ResolveOfASilentAddressFails) {
+    ipctl_test::Proc text({IPCTL_PATH, "neigh", "resolve", "10.1.1.99", "dev", "GigabitEthernet1/0/1"});
+    ipctl_test::Proc json({IPCTL_PATH, "-j", "neigh", "resolve", "10.1.1.98", "dev", "GigabitEthernet1/0/1"});
+    ASSERT_TRUE(text.started() && json.started());
+    EXPECT_EQ(text.wait(8s), 0);
+    EXPECT_EQ(json.wait(8s), 0);
+    EXPECT_EQ(text.rest_of_out(), "10.1.1.99  dev GigabitEthernet1/0/1  failed\n");
+    const std::string out = json.rest_of_out();
+    const Json j = Json::parse(out, nullptr, false);
+    expect_records(j, {{{"dst", "10.1.1.98"}, {"dev", "GigabitEthernet1/0/1"}, {"state", "failed"}}});
+    expect_fits(j, "neigh");
+    // Neither is in the table.
+    EXPECT_EQ(run_ok({"neigh", "show", "-4", "dev", "GigabitEthernet1/0/1"}),
+              "10.1.1.2  dev GigabitEthernet1/0/1  lladdr 00:11:22:33:44:55  reachable  dynamic  vlan 0  vrf 0\n");
 }
 
 TEST_F(IpctlNeigh, ProgressIsDrawnOnATerminalOnly) {
@@ -522,24 +537,33 @@ const std::vector<std::string> kFibFile = {
     "{1, 1, 0}, {vpn-a, 10.1.2.0/24} -> {0.0.0.0, GigabitEthernet1/0/2, Null}, {00-00-00-00-00-00, 00-e0-fc-00-00-03, 0/0, GigabitEthernet1/0/2}",
 };
 
+// A route of the forwarding table file as show prints it: the route's own keys (a direct
+// route, gw nullptr, has no gateway), then the file's extras.
 Json route(const char* dst, const char* vrf, const char* gw, const char* dev, int slot, const char* gw_mac,
            const char* dev_mac) {
-    return {{"dst", dst},   {"vrf", vrf},       {"gateway", gw},       {"dev", dev},          {"chassis", 1},
-            {"slot", slot}, {"cpu", 0},         {"tunnel", dev},       {"label", "Null"},     {"gateway_mac", gw_mac},
-            {"dev_mac", dev_mac}, {"vlan", 0}, {"port", 0}};
+    Json r = {{"type", "unicast"}, {"dst", dst}, {"family", "inet"}, {"vrf", vrf}};
+    if (gw != nullptr) r["gateway"] = gw;
+    r["dev"] = dev;
+    const Json extras = {{"chassis", 1},     {"slot", slot},          {"cpu", 0},           {"tunnel", dev},
+                         {"label", "Null"}, {"gateway_mac", gw_mac}, {"dev_mac", dev_mac}, {"vlan", 0},
+                         {"port", 0}};
+    r.update(extras);
+    return r;
 }
 
+// A column that one route lacks (a direct route has no "via") stays a column: the route
+// leaves its cell empty, and the cells after it stay aligned with the other routes'.
 TEST_F(IpctlRoute, ShowListsTheRoutesOfBothNodes) {
     const std::vector<std::string> golden = {
         "0.0.0.0/0    vrf public  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1/0/0  tunnel M-GigabitEthernet0/0/0  label Null",
-        "10.1.1.0/24  vrf public  via 0.0.0.0        dev GigabitEthernet1/0/1    node 1/0/0  tunnel GigabitEthernet1/0/1    label Null",
+        "10.1.1.0/24  vrf public                     dev GigabitEthernet1/0/1    node 1/0/0  tunnel GigabitEthernet1/0/1    label Null",
         "10.8.0.0/16  vrf public  via 10.1.1.2       dev GigabitEthernet1/0/1    node 1/0/0  tunnel GigabitEthernet1/0/1    label Null",
-        "10.1.2.0/24  vrf vpn-a   via 0.0.0.0        dev GigabitEthernet1/0/2    node 1/0/0  tunnel GigabitEthernet1/0/2    label Null",
+        "10.1.2.0/24  vrf vpn-a                      dev GigabitEthernet1/0/2    node 1/0/0  tunnel GigabitEthernet1/0/2    label Null",
         "0.0.0.0/0    vrf public  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1/1/0  tunnel M-GigabitEthernet0/0/0  label Null",
-        "10.1.1.0/24  vrf public  via 0.0.0.0        dev GigabitEthernet1/0/1    node 1/1/0  tunnel GigabitEthernet1/0/1    label Null",
-        "10.2.1.0/24  vrf public  via 0.0.0.0        dev GigabitEthernet1/1/1    node 1/1/0  tunnel GigabitEthernet1/1/1    label Null",
+        "10.1.1.0/24  vrf public                     dev GigabitEthernet1/0/1    node 1/1/0  tunnel GigabitEthernet1/0/1    label Null",
+        "10.2.1.0/24  vrf public                     dev GigabitEthernet1/1/1    node 1/1/0  tunnel GigabitEthernet1/1/1    label Null",
         "10.8.0.0/16  vrf public  via 10.1.1.2       dev GigabitEthernet1/0/1    node 1/1/0  tunnel GigabitEthernet1/0/1    label Null",
-        "10.1.2.0/24  vrf vpn-a   via 0.0.0.0        dev GigabitEthernet1/0/2    node 1/1/0  tunnel GigabitEthernet1/0/2    label Null",
+        "10.1.2.0/24  vrf vpn-a                      dev GigabitEthernet1/0/2    node 1/1/0  tunnel GigabitEthernet1/0/2    label Null",
     };
     EXPECT_EQ(run_ok({"route", "show"}), text_of(golden));
     EXPECT_EQ(run_ok({"route", "show", "-4"}), text_of(golden));
@@ -548,23 +572,24 @@ TEST_F(IpctlRoute, ShowListsTheRoutesOfBothNodes) {
     const char* zero = "00-00-00-00-00-00";
     expect_records(j, {
                           route("0.0.0.0/0", "public", "192.168.0.254", "M-GigabitEthernet0/0/0", 0, zero, "00-e0-fc-00-00-01"),
-                          route("10.1.1.0/24", "public", "0.0.0.0", "GigabitEthernet1/0/1", 0, zero, "00-e0-fc-00-00-02"),
+                          route("10.1.1.0/24", "public", nullptr, "GigabitEthernet1/0/1", 0, zero, "00-e0-fc-00-00-02"),
                           route("10.8.0.0/16", "public", "10.1.1.2", "GigabitEthernet1/0/1", 0, "00-11-22-33-44-55", "00-e0-fc-00-00-02"),
-                          route("10.1.2.0/24", "vpn-a", "0.0.0.0", "GigabitEthernet1/0/2", 0, zero, "00-e0-fc-00-00-03"),
+                          route("10.1.2.0/24", "vpn-a", nullptr, "GigabitEthernet1/0/2", 0, zero, "00-e0-fc-00-00-03"),
                           route("0.0.0.0/0", "public", "192.168.0.254", "M-GigabitEthernet0/0/0", 1, zero, "00-e0-fc-00-00-01"),
-                          route("10.1.1.0/24", "public", "0.0.0.0", "GigabitEthernet1/0/1", 1, zero, "00-e0-fc-00-00-02"),
-                          route("10.2.1.0/24", "public", "0.0.0.0", "GigabitEthernet1/1/1", 1, zero, "00-e0-fc-00-00-04"),
+                          route("10.1.1.0/24", "public", nullptr, "GigabitEthernet1/0/1", 1, zero, "00-e0-fc-00-00-02"),
+                          route("10.2.1.0/24", "public", nullptr, "GigabitEthernet1/1/1", 1, zero, "00-e0-fc-00-00-04"),
                           route("10.8.0.0/16", "public", "10.1.1.2", "GigabitEthernet1/0/1", 1, "00-11-22-33-44-55", "00-e0-fc-00-00-02"),
-                          route("10.1.2.0/24", "vpn-a", "0.0.0.0", "GigabitEthernet1/0/2", 1, zero, "00-e0-fc-00-00-03"),
+                          route("10.1.2.0/24", "vpn-a", nullptr, "GigabitEthernet1/0/2", 1, zero, "00-e0-fc-00-00-03"),
                       });
     expect_fits(j, "route");
 }
 
 TEST_F(IpctlRoute, ShowNarrowsToAVpnOrAPrefix) {
+    // No route of vpn-a has a gateway: no "via" column at all.
     EXPECT_EQ(run_ok({"route", "show", "vrf", "vpn-a"}),
               text_of({
-                  "10.1.2.0/24  vrf vpn-a  via 0.0.0.0  dev GigabitEthernet1/0/2  node 1/0/0  tunnel GigabitEthernet1/0/2  label Null",
-                  "10.1.2.0/24  vrf vpn-a  via 0.0.0.0  dev GigabitEthernet1/0/2  node 1/1/0  tunnel GigabitEthernet1/0/2  label Null",
+                  "10.1.2.0/24  vrf vpn-a  dev GigabitEthernet1/0/2  node 1/0/0  tunnel GigabitEthernet1/0/2  label Null",
+                  "10.1.2.0/24  vrf vpn-a  dev GigabitEthernet1/0/2  node 1/1/0  tunnel GigabitEthernet1/0/2  label Null",
               }));
     // Host bits of the prefix given are cleared.
     EXPECT_EQ(run_ok({"route", "show", "10.8.77.1/16"}),
@@ -573,48 +598,59 @@ TEST_F(IpctlRoute, ShowNarrowsToAVpnOrAPrefix) {
                   "10.8.0.0/16  vrf public  via 10.1.1.2  dev GigabitEthernet1/0/1  node 1/1/0  tunnel GigabitEthernet1/0/1  label Null",
               }));
     const Json j = run_json({"route", "show", "vrf", "public", "10.2.1.0/24"});
-    expect_records(j, {route("10.2.1.0/24", "public", "0.0.0.0", "GigabitEthernet1/1/1", 1, "00-00-00-00-00-00",
+    expect_records(j, {route("10.2.1.0/24", "public", nullptr, "GigabitEthernet1/1/1", 1, "00-00-00-00-00-00",
                              "00-e0-fc-00-00-04")});
     expect_fits(j, "route");
     EXPECT_EQ(run_ok({"route", "show", "vrf", "vpn-b"}), "");
 }
 
-Json entry(const char* dst, const char* family, const char* gw, int ifindex, const char* dev, int node) {
-    return {{"dst", dst},         {"family", family}, {"vrf_index", 0}, {"gateway", gw},
-            {"ifindex", ifindex}, {"dev", dev},       {"node", node},   {"active", true}};
+// A route found by a search as get and show -6 print it: the route's own keys, then the
+// search's extras. A VRF other than the public one is its index (the search tells no name).
+Json entry(const char* dst, const char* family, const char* vrf, const char* gw, int ifindex, const char* dev, int node,
+           const char* type = "unicast") {
+    Json r = {{"type", type}, {"dst", dst}, {"family", family}, {"vrf", vrf}};
+    if (gw != nullptr) r["gateway"] = gw;
+    if (dev != nullptr) r["dev"] = dev;
+    const Json extras = {{"ifindex", ifindex}, {"node", node}, {"active", true}};
+    r.update(extras);
+    return r;
 }
 
 TEST_F(IpctlRoute, ShowSixFindsTheEntriesOfAPrefix) {
     EXPECT_EQ(run_ok({"route", "show", "-6", "2001:db8:1::/64"}),
-              "2001:db8:1::/64  vrf 0  via ::  dev GigabitEthernet1/0/1  node 1  active\n");
+              "2001:db8:1::/64  vrf public  dev GigabitEthernet1/0/1  node 1  active\n");
     const Json j = run_json({"route", "show", "-6", "2001:db8:1::/64"});
-    expect_records(j, {entry("2001:db8:1::/64", "inet6", "::", 2, "GigabitEthernet1/0/1", 1)});
-    expect_fits(j, "route_entry");
+    expect_records(j, {entry("2001:db8:1::/64", "inet6", "public", nullptr, 2, "GigabitEthernet1/0/1", 1)});
+    expect_fits(j, "route");
     EXPECT_EQ(run_json({"route", "show", "-6", "2001:db8:9::/64"}), Json::array());
 }
 
 TEST_F(IpctlRoute, GetFindsTheLongestPrefixThatHoldsTheAddress) {
     EXPECT_EQ(run_ok({"route", "get", "10.8.3.4"}),
-              "10.8.0.0/16  vrf 0  via 10.1.1.2  dev GigabitEthernet1/0/1  node 1  active\n");
-    EXPECT_EQ(run_ok({"route", "get", "10.1.1.77"}),
-              "10.1.1.0/24  vrf 0  via 0.0.0.0  dev GigabitEthernet1/0/1  node 1  active\n");
+              "10.8.0.0/16  vrf public  via 10.1.1.2  dev GigabitEthernet1/0/1  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "get", "10.1.1.77"}), "10.1.1.0/24  vrf public  dev GigabitEthernet1/0/1  node 1  active\n");
     EXPECT_EQ(run_ok({"route", "get", "8.8.8.8"}),
-              "0.0.0.0/0  vrf 0  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1  active\n");
+              "0.0.0.0/0  vrf public  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1  active\n");
     EXPECT_EQ(run_ok({"route", "get", "2001:db8:1::5"}),
-              "2001:db8:1::/64  vrf 0  via ::  dev GigabitEthernet1/0/1  node 1  active\n");
+              "2001:db8:1::/64  vrf public  dev GigabitEthernet1/0/1  node 1  active\n");
 
     Json j = run_json({"route", "get", "8.8.8.8"});
-    expect_records(j, {entry("0.0.0.0/0", "inet", "192.168.0.254", 1, "M-GigabitEthernet0/0/0", 1)});
-    expect_fits(j, "route_entry");
+    expect_records(j, {entry("0.0.0.0/0", "inet", "public", "192.168.0.254", 1, "M-GigabitEthernet0/0/0", 1)});
+    expect_fits(j, "route");
+    j = run_json({"route", "get", "10.1.1.77"});
+    expect_records(j, {entry("10.1.1.0/24", "inet", "public", nullptr, 2, "GigabitEthernet1/0/1", 1)});
+    expect_fits(j, "route");
     j = run_json({"route", "get", "2001:db8:1::5"});
-    expect_records(j, {entry("2001:db8:1::/64", "inet6", "::", 2, "GigabitEthernet1/0/1", 1)});
-    expect_fits(j, "route_entry");
+    expect_records(j, {entry("2001:db8:1::/64", "inet6", "public", nullptr, 2, "GigabitEthernet1/0/1", 1)});
+    expect_fits(j, "route");
 
     // One VRF, the public one unless another is named: 10.1.2.0/24 is vpn-a's (VRF 1).
     EXPECT_EQ(run_ok({"route", "get", "10.1.2.5"}),
-              "0.0.0.0/0  vrf 0  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1  active\n");
-    EXPECT_EQ(run_ok({"route", "get", "10.1.2.5", "vrf", "1"}),
-              "10.1.2.0/24  vrf 1  via 0.0.0.0  dev GigabitEthernet1/0/2  node 1  active\n");
+              "0.0.0.0/0  vrf public  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "get", "10.1.2.5", "vrf", "1"}), "10.1.2.0/24  vrf 1  dev GigabitEthernet1/0/2  node 1  active\n");
+    j = run_json({"route", "get", "10.1.2.5", "vrf", "1"});
+    expect_records(j, {entry("10.1.2.0/24", "inet", "1", nullptr, 3, "GigabitEthernet1/0/2", 1)});
+    expect_fits(j, "route");
     EXPECT_EQ(run_ok({"route", "get", "10.1.2.5", "vrf", "public"}), run_ok({"route", "get", "10.1.2.5"}));
     const Result none = ipctl({"route", "get", "8.8.8.8", "vrf", "1"});
     EXPECT_EQ(none.code, 1) << describe(none);
@@ -840,9 +876,9 @@ TEST_F(IpctlOptions, NodeOptionAsksAnotherNode) {
 
     // Searches are answered by the node asked: 10.2.1.0/24 is known to node 2 only.
     EXPECT_EQ(run_ok({"route", "get", "10.2.1.9"}),
-              "0.0.0.0/0  vrf 0  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1  active\n");
+              "0.0.0.0/0  vrf public  via 192.168.0.254  dev M-GigabitEthernet0/0/0  node 1  active\n");
     EXPECT_EQ(run_ok({"-n", "2", "route", "get", "10.2.1.9"}),
-              "10.2.1.0/24  vrf 0  via 0.0.0.0  dev GigabitEthernet1/1/1  node 2  active\n");
+              "10.2.1.0/24  vrf public  dev GigabitEthernet1/1/1  node 2  active\n");
 }
 
 TEST_F(IpctlOptions, PrettyOptionIndentsTheJson) {
@@ -1047,9 +1083,9 @@ TEST_F(IpctlMonitor, ArpEventOfAResolve) {
 
 TEST_F(IpctlMonitor, AllSourcesCarryTheControlChannelsNeighbours) {
     ipctl_test::Proc text({IPCTL_PATH, "monitor", "all"});
-    expect_subscribed(text, "addr arp nd wlan");
+    expect_subscribed(text, "addr arp nd wlan link route");
     ipctl_test::Proc json({IPCTL_PATH, "-j", "monitor"});
-    expect_subscribed(json, "addr arp nd wlan");
+    expect_subscribed(json, "addr arp nd wlan link route");
     control_ok({{"op", "neigh.add"}, {"interface", "GigabitEthernet1/0/2"}, {"address", "10.1.2.9"},
                 {"mac", "02:00:00:00:00:09"}, {"vlan", 300}});
     control_ok({{"op", "neigh.add"}, {"interface", "GigabitEthernet1/0/2"}, {"address", "2001:db8:2::9"},
@@ -1165,7 +1201,7 @@ TEST_F(IpctlUsage, UnexpectedExtraWord) {
                  "addr show [dev IF]");
     expect_usage({"stats", "ttl", "now"}, "unexpected argument \"now\"", "stats ttl");
     expect_usage({"device", "show", "all"}, "unexpected argument \"all\"", "device show");
-    expect_usage({"monitor", "routes"}, "unexpected argument \"routes\"", "monitor [addr|arp|nd|wlan|all]... [--count N]");
+    expect_usage({"monitor", "routes"}, "unexpected argument \"routes\"", "monitor [addr|arp|nd|wlan|link|route|all]... [--count N]");
 }
 
 TEST_F(IpctlUsage, MissingValues) {
@@ -1223,7 +1259,7 @@ TEST_F(IpctlUsage, MonitorCountIsOneOrMore) {
         EXPECT_EQ(r.code, 2) << count << "\n" << describe(r);
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err, "Error: --count: Value " + std::string(count) + " is not a whole number from 1\n" + kUsage +
-                             "monitor [addr|arp|nd|wlan|all]... [--count N]\n");
+                             "monitor [addr|arp|nd|wlan|link|route|all]... [--count N]\n");
     }
 }
 
@@ -1289,14 +1325,14 @@ namespace {
 using IpctlLink = IpctlTest;
 
 const std::vector<std::string> kLinkLines = {
-    "1:  M-GigabitEthernet0/0/0  <UP>              mtu 1500  type ethernet        node 1 (1/0/0)",
-    "2:  GigabitEthernet1/0/1    <UP>              mtu 1500  type ethernet        node 1 (1/0/0)",
-    "3:  GigabitEthernet1/0/2    <UP>              mtu 1500  type ethernet        node 1 (1/0/0)",
-    "4:  GigabitEthernet1/1/1    <UP>              mtu 1500  type ethernet        node 2 (1/1/0)",
-    "5:  Vlan-interface1         <UP,SPANS-NODES>  mtu 1500  type vlan-interface  node 1 (1/0/0)",
-    "6:  Vlan-interface10        <UP>              mtu 1500  type vlan-interface  node 1 (1/0/0)",
-    "7:  LoopBack0               <UP>              mtu 1500  type loopback        node 1 (1/0/0)",
-    "8:  Vsi-interface1          <UP>              mtu 1500  type vsi-interface   node 1 (1/0/0)",
+    "1:  M-GigabitEthernet0/0/0  <UP>              mtu 1500  link/ether 00:e0:fc:00:00:01  vrf 0  type ethernet        node 1 (1/0/0)",
+    "2:  GigabitEthernet1/0/1    <UP>              mtu 1500  link/ether 00:e0:fc:00:00:02  vrf 0  type ethernet        node 1 (1/0/0)",
+    "3:  GigabitEthernet1/0/2    <UP>              mtu 1500  link/ether 00:e0:fc:00:00:03  vrf 1  type ethernet        node 1 (1/0/0)",
+    "4:  GigabitEthernet1/1/1    <UP>              mtu 1500  link/ether 00:e0:fc:00:00:04  vrf 0  type ethernet        node 2 (1/1/0)",
+    "5:  Vlan-interface1         <UP,SPANS-NODES>  mtu 1500  link/ether 00:e0:fc:00:00:05  vrf 0  type vlan-interface  node 1 (1/0/0)",
+    "6:  Vlan-interface10        <UP>              mtu 1500  link/ether 00:e0:fc:00:00:06  vrf 0  type vlan-interface  node 1 (1/0/0)",
+    "7:  LoopBack0               <UP>              mtu 1500  link/ether 00:e0:fc:00:00:07  vrf 0  type loopback        node 1 (1/0/0)",
+    "8:  Vsi-interface1          <UP>              mtu 1500  link/ether 00:e0:fc:00:00:08  vrf 0  type vsi-interface   node 1 (1/0/0)",
 };
 
 // Every interface of the directory, those without an address too (GigabitEthernet1/0/2,
@@ -1313,6 +1349,8 @@ TEST_F(IpctlLink, ShowListsEveryInterfaceOfTheDirectory) {
                          {"spans_nodes", true},
                          {"l2", false},
                          {"mtu", 1500},
+                         {"address", "00:e0:fc:00:00:05"},
+                         {"vrf", 0},
                          {"link_type", "vlan-interface"},
                          {"type_code", 35},
                          {"node", 1},
@@ -1320,7 +1358,8 @@ TEST_F(IpctlLink, ShowListsEveryInterfaceOfTheDirectory) {
                          {"slot", 0},
                          {"cpu", 0}});
     // One interface alone: its columns as wide as its own cells.
-    const std::string one = "3:  GigabitEthernet1/0/2  <UP>  mtu 1500  type ethernet  node 1 (1/0/0)\n";
+    const std::string one =
+        "3:  GigabitEthernet1/0/2  <UP>  mtu 1500  link/ether 00:e0:fc:00:00:03  vrf 1  type ethernet  node 1 (1/0/0)\n";
     EXPECT_EQ(run_ok({"link", "show", "dev", "GigabitEthernet1/0/2"}), one);
     EXPECT_EQ(run_ok({"link", "show", "dev", "3"}), one);
 }
@@ -1330,7 +1369,7 @@ TEST_F(IpctlLink, ShowListsEveryInterfaceOfTheDirectory) {
 TEST_F(IpctlLink, ShowFollowsTheDevice) {
     control_ok({{"op", "ipstat.set"}, {"interface", "GigabitEthernet1/0/2"}, {"mtu", 9000}});
     EXPECT_EQ(run_ok({"link", "show", "dev", "GigabitEthernet1/0/2"}),
-              "3:  GigabitEthernet1/0/2  <UP>  mtu 9000  type ethernet  node 1 (1/0/0)\n");
+              "3:  GigabitEthernet1/0/2  <UP>  mtu 9000  link/ether 00:e0:fc:00:00:03  vrf 1  type ethernet  node 1 (1/0/0)\n");
     control_ok({{"op", "node.set"}, {"node", 2}, {"state", "down"}});
     const std::vector<std::string> out = lines(run_ok({"link", "show"}));
     EXPECT_EQ(out.size(), 7u);
@@ -1417,6 +1456,322 @@ TEST_F(IpctlBrief, ColourIsAsIpGivesIt) {
     EXPECT_EQ(run_ok({"--color", "always", "neigh"}), coloured);
     EXPECT_EQ(run_ok({"-c", "-j", "neigh"}), run_ok({"-j", "neigh"})) << "JSON is never coloured";
     expect_usage({"--color=pink", "neigh"}, "--color: pink not in {always,auto,never}", "neigh show [-4|-6] [dev IF]");
+}
+
+}  // namespace
+
+// ---- route types, link state and counters, link and route events ---------------------------
+
+namespace {
+
+// A device of the test's own: two nodes, three ports with MACs of their own (the second in
+// vpn-c, VRF 3, the third on node 2) and the routes given (lines of the routes list).
+std::string own_scenario(const std::string& routes) {
+    std::string s =
+        "device: {master: 1}\n"
+        "nodes:\n"
+        "  - {number: 1, chassis: 1, slot: 0, cpu: 0, role: master, state: up}\n"
+        "  - {number: 2, chassis: 1, slot: 1, cpu: 0, role: standby, state: up}\n"
+        "vrfs:\n"
+        "  - {index: 3, name: vpn-c}\n"
+        "interfaces:\n"
+        "  - {index: 1, name: GigabitEthernet1/0/1, node: 1, type: ethernet, mac: \"02:00:5e:00:01:01\"}\n"
+        "  - {index: 2, name: GigabitEthernet1/0/2, node: 1, type: ethernet, mac: \"02:00:5e:00:01:02\", vrf: vpn-c}\n"
+        "  - {index: 3, name: GigabitEthernet1/1/1, node: 2, type: ethernet, mac: \"02:00:5e:00:02:01\"}\n";
+    if (!routes.empty()) s += "routes:\n" + routes;  // line 11 is "routes:", the first route line 12
+    return s;
+}
+
+// Routes that drop what they match, each of another type, one of them in vpn-c and one IPv6.
+const std::string kTypedRoutes =
+    "  - {vrf: 0, prefix: 10.66.0.0/16, type: blackhole}\n"
+    "  - {vrf: 0, prefix: 10.67.0.0/16, type: unreachable}\n"
+    "  - {vrf: 3, prefix: 10.68.0.0/16, type: prohibit}\n"
+    "  - {vrf: 0, prefix: \"2001:db8:66::/48\", type: blackhole}\n";
+
+// A test with a simulator of its own scenario.
+class IpctlOwnDevice : public IpctlWithoutDevice {
+protected:
+    void start(const std::string& file, const std::string& routes) {
+        const std::string path = e2e::temp_file(file, own_scenario(routes));
+        ASSERT_TRUE(sim.start({"--scenario", path})) << sim.log();
+    }
+};
+
+// A route of the file without a path, as show prints it: its type, no gateway, no
+// interface (the file's interface N/A is none; its tunnel field stays as the file writes it).
+Json pathless_route(const char* type, const char* dst, const char* vrf, int slot) {
+    return {{"type", type},      {"dst", dst},   {"family", "inet"},
+            {"vrf", vrf},        {"chassis", 1}, {"slot", slot},
+            {"cpu", 0},          {"tunnel", "N/A"}, {"label", "Null"},
+            {"gateway_mac", "00-00-00-00-00-00"}, {"dev_mac", "00-00-00-00-00-00"}, {"vlan", 0},
+            {"port", 0}};
+}
+
+TEST_F(IpctlOwnDevice, ScenarioRouteTypesShowInRouteShow) {
+    ASSERT_NO_FATAL_FAILURE(start("typed-show.yaml", kTypedRoutes));
+    EXPECT_EQ(run_ok({"route", "show"}), text_of({
+                                             "blackhole 10.66.0.0/16    vrf public  node 1/0/0  tunnel N/A  label Null",
+                                             "unreachable 10.67.0.0/16  vrf public  node 1/0/0  tunnel N/A  label Null",
+                                             "prohibit 10.68.0.0/16     vrf vpn-c   node 1/0/0  tunnel N/A  label Null",
+                                             "blackhole 10.66.0.0/16    vrf public  node 1/1/0  tunnel N/A  label Null",
+                                             "unreachable 10.67.0.0/16  vrf public  node 1/1/0  tunnel N/A  label Null",
+                                             "prohibit 10.68.0.0/16     vrf vpn-c   node 1/1/0  tunnel N/A  label Null",
+                                         }));
+    const Json j = run_json({"route", "show"});
+    expect_records(j, {
+                          pathless_route("blackhole", "10.66.0.0/16", "public", 0),
+                          pathless_route("unreachable", "10.67.0.0/16", "public", 0),
+                          pathless_route("prohibit", "10.68.0.0/16", "vpn-c", 0),
+                          pathless_route("blackhole", "10.66.0.0/16", "public", 1),
+                          pathless_route("unreachable", "10.67.0.0/16", "public", 1),
+                          pathless_route("prohibit", "10.68.0.0/16", "vpn-c", 1),
+                      });
+    expect_fits(j, "route");
+}
+
+TEST_F(IpctlOwnDevice, ScenarioRouteTypesShowInRouteGet) {
+    ASSERT_NO_FATAL_FAILURE(start("typed-get.yaml", kTypedRoutes));
+    EXPECT_EQ(run_ok({"route", "get", "10.66.1.1"}), "blackhole 10.66.0.0/16  vrf public  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "get", "10.67.1.1"}), "unreachable 10.67.0.0/16  vrf public  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "get", "10.68.1.1", "vrf", "3"}), "prohibit 10.68.0.0/16  vrf 3  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "get", "2001:db8:66::1"}), "blackhole 2001:db8:66::/48  vrf public  node 1  active\n");
+    EXPECT_EQ(run_ok({"route", "show", "-6", "2001:db8:66::/48"}),
+              "blackhole 2001:db8:66::/48  vrf public  node 1  active\n");
+
+    Json j = run_json({"route", "get", "10.66.1.1"});
+    expect_records(j, {entry("10.66.0.0/16", "inet", "public", nullptr, 0, nullptr, 1, "blackhole")});
+    expect_fits(j, "route");
+    j = run_json({"route", "get", "10.67.1.1"});
+    expect_records(j, {entry("10.67.0.0/16", "inet", "public", nullptr, 0, nullptr, 1, "unreachable")});
+    j = run_json({"route", "get", "10.68.1.1", "vrf", "3"});
+    expect_records(j, {entry("10.68.0.0/16", "inet", "3", nullptr, 0, nullptr, 1, "prohibit")});
+    expect_fits(j, "route");
+    j = run_json({"route", "get", "2001:db8:66::1"});
+    expect_records(j, {entry("2001:db8:66::/48", "inet6", "public", nullptr, 0, nullptr, 1, "blackhole")});
+    expect_fits(j, "route");
+}
+
+// The same prefix in two VRFs, of two types: each route shows its own VRF's type. A route of
+// another node than the one the tool runs as shows as "unknown" (the file tells no type, and
+// a search asks only the tool's node), and is known when the tool runs on its node (-n).
+TEST_F(IpctlOwnDevice, RouteShowGivesEachRouteTheTypeOfItsOwnVrfAndUnknownOfAnotherNode) {
+    ASSERT_NO_FATAL_FAILURE(start("typed-vrf-node.yaml",
+                                  "  - {vrf: 0, prefix: 10.66.0.0/16, type: blackhole, node: 1}\n"
+                                  "  - {vrf: 3, prefix: 10.66.0.0/16, type: prohibit, node: 1}\n"
+                                  "  - {vrf: 0, prefix: 10.69.0.0/16, type: unreachable, node: 2}\n"));
+    EXPECT_EQ(run_ok({"route", "show"}), text_of({
+                                             "blackhole 10.66.0.0/16  vrf public  node 1/0/0  tunnel N/A  label Null",
+                                             "prohibit 10.66.0.0/16   vrf vpn-c   node 1/0/0  tunnel N/A  label Null",
+                                             "unknown 10.69.0.0/16    vrf public  node 1/1/0  tunnel N/A  label Null",
+                                         }));
+    expect_records(run_json({"route", "show"}), {
+                                                    pathless_route("blackhole", "10.66.0.0/16", "public", 0),
+                                                    pathless_route("prohibit", "10.66.0.0/16", "vpn-c", 0),
+                                                    pathless_route("unknown", "10.69.0.0/16", "public", 1),
+                                                });
+    expect_records(run_json({"-n", "2", "route", "show", "10.69.0.0/16"}),
+                   {pathless_route("unreachable", "10.69.0.0/16", "public", 1)});
+}
+
+// A blackhole route forwards nothing: a next hop on it is refused where it is written.
+TEST(IpctlScenario, RouteWithANextHopCannotBeABlackhole) {
+    const std::string route = "  - {vrf: 0, prefix: 10.1.0.0/16, next_hop: 10.2.2.2";
+    const std::string path = e2e::temp_file("blackhole-via.yaml", own_scenario(route + ", type: blackhole}\n"));
+    std::string out, err;
+    EXPECT_EQ(e2e::run({IPSIMD_PATH, "--scenario", path, "--check"}, &out, &err), 2) << out << err;
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(err, "ipsimd: scenario refused: " + path +
+                       ":12: routes[0].type: a blackhole route has no next hop and no interface\n");
+    // The same route as a unicast one is taken.
+    const std::string unicast = e2e::temp_file("unicast-via.yaml", own_scenario(route + "}\n"));
+    out.clear();
+    err.clear();
+    EXPECT_EQ(e2e::run({IPSIMD_PATH, "--scenario", unicast, "--check"}, &out, &err), 0) << out << err;
+    EXPECT_EQ(out, "scenario " + unicast + ": 2 nodes, 3 interfaces, 0 addresses\n");
+}
+
+TEST_F(IpctlOwnDevice, LinkShowHasTheMacAndVrfOfTheScenarioInterfaces) {
+    ASSERT_NO_FATAL_FAILURE(start("links.yaml", ""));
+    const Json j = run_json({"link", "show"});
+    const auto port = [](int ifindex, const char* name, const char* mac, int vrf, int node, int slot) {
+        return Json{{"ifindex", ifindex}, {"ifname", name},   {"operstate", "UP"},       {"spans_nodes", false},
+                    {"l2", false},        {"mtu", 1500},      {"address", mac},          {"vrf", vrf},
+                    {"link_type", "ethernet"}, {"type_code", 6}, {"node", node},     {"chassis", 1},
+                    {"slot", slot},       {"cpu", 0}};
+    };
+    expect_records(j, {
+                          port(1, "GigabitEthernet1/0/1", "02:00:5e:00:01:01", 0, 1, 0),
+                          port(2, "GigabitEthernet1/0/2", "02:00:5e:00:01:02", 3, 1, 0),
+                          port(3, "GigabitEthernet1/1/1", "02:00:5e:00:02:01", 0, 2, 1),
+                      });
+    expect_fits(j, "link");
+    EXPECT_EQ(run_ok({"link", "show"}),
+              text_of({
+                  "1:  GigabitEthernet1/0/1  <UP>  mtu 1500  link/ether 02:00:5e:00:01:01  vrf 0  type ethernet  node 1 (1/0/0)",
+                  "2:  GigabitEthernet1/0/2  <UP>  mtu 1500  link/ether 02:00:5e:00:01:02  vrf 3  type ethernet  node 1 (1/0/0)",
+                  "3:  GigabitEthernet1/1/1  <UP>  mtu 1500  link/ether 02:00:5e:00:02:01  vrf 0  type ethernet  node 2 (1/1/0)",
+              }));
+}
+
+const std::vector<std::string> kBriefLinksUp = {
+    "M-GigabitEthernet0/0/0  UP  <UP>",
+    "GigabitEthernet1/0/1    UP  <UP>",
+    "GigabitEthernet1/0/2    UP  <UP>",
+    "GigabitEthernet1/1/1    UP  <UP>",
+    "Vlan-interface1         UP  <UP,SPANS-NODES>",
+    "Vlan-interface10        UP  <UP>",
+    "LoopBack0               UP  <UP>",
+    "Vsi-interface1          UP  <UP>",
+};
+
+TEST_F(IpctlLink, LinkSetDownShowsDownAndUpAgainShowsUp) {
+    control_ok({{"op", "link.set"}, {"interface", "GigabitEthernet1/0/1"}, {"state", "down"}});
+    EXPECT_EQ(run_ok({"link", "show", "dev", "GigabitEthernet1/0/1"}),
+              "2:  GigabitEthernet1/0/1  <DOWN>  mtu 1500  link/ether 00:e0:fc:00:00:02  vrf 0  type ethernet  node 1 (1/0/0)\n");
+    Json j = run_json({"link", "show", "dev", "2"});
+    ASSERT_EQ(j.size(), 1u) << j.dump();
+    EXPECT_EQ(j[0]["operstate"], "DOWN");
+    expect_fits(j, "link");
+    EXPECT_EQ(run_ok({"-br", "link"}), text_of({
+                                           "M-GigabitEthernet0/0/0  UP    <UP>",
+                                           "GigabitEthernet1/0/1    DOWN  <DOWN>",
+                                           "GigabitEthernet1/0/2    UP    <UP>",
+                                           "GigabitEthernet1/1/1    UP    <UP>",
+                                           "Vlan-interface1         UP    <UP,SPANS-NODES>",
+                                           "Vlan-interface10        UP    <UP>",
+                                           "LoopBack0               UP    <UP>",
+                                           "Vsi-interface1          UP    <UP>",
+                                       }));
+    j = run_json({"-br", "link", "show", "dev", "2"});
+    EXPECT_EQ(j, Json::parse(R"([{"ifname":"GigabitEthernet1/0/1","operstate":"DOWN","flags":[]}])"));
+    expect_fits(j, "link_brief");
+
+    control_ok({{"op", "link.set"}, {"interface", "GigabitEthernet1/0/1"}, {"state", "up"}});
+    EXPECT_EQ(run_ok({"link", "show", "dev", "GigabitEthernet1/0/1"}),
+              "2:  GigabitEthernet1/0/1  <UP>  mtu 1500  link/ether 00:e0:fc:00:00:02  vrf 0  type ethernet  node 1 (1/0/0)\n");
+    EXPECT_EQ(run_json({"link", "show", "dev", "2"})[0]["operstate"], "UP");
+    EXPECT_EQ(run_ok({"-br", "link"}), text_of(kBriefLinksUp));
+}
+
+// -s: the interface's MIB counters as the simulator reports them (ipstat.show), each a
+// 64-bit value of its own so that no counter can stand for another.
+TEST_F(IpctlLink, StatsOptionAddsTheInterfaceCounters) {
+    control_ok({{"op", "ipstat.traffic"}, {"node", 1}, {"interface", "GigabitEthernet1/0/1"},
+                {"mib", named(kMibNames, mib_ge1)}});
+    const Json mib = control_ok({{"op", "ipstat.show"}, {"interface", "GigabitEthernet1/0/1"}})["mib"];
+    const auto counter = [&mib](const char* name) {
+        const auto at = std::find(kMibNames.begin(), kMibNames.end(), name) - kMibNames.begin();
+        EXPECT_EQ(member(mib, name), Json(mib_ge1(static_cast<std::size_t>(at)))) << name;
+        return mib_ge1(static_cast<std::size_t>(at));
+    };
+    const std::uint64_t rx_bytes = counter("in_octets"), rx_packets = counter("in_receives"),
+                        rx_dropped = counter("in_discards");
+    const std::uint64_t tx_bytes = counter("out_octets"), tx_packets = counter("out_transmits"),
+                        tx_dropped = counter("out_discards");
+
+    const Json j = run_json({"-s", "link", "show", "dev", "GigabitEthernet1/0/1"});
+    ASSERT_EQ(j.size(), 1u) << j.dump();
+    expect_record(j[0], {{"ifindex", 2},
+                         {"ifname", "GigabitEthernet1/0/1"},
+                         {"operstate", "UP"},
+                         {"spans_nodes", false},
+                         {"l2", false},
+                         {"mtu", 1500},
+                         {"address", "00:e0:fc:00:00:02"},
+                         {"vrf", 0},
+                         {"link_type", "ethernet"},
+                         {"type_code", 6},
+                         {"node", 1},
+                         {"chassis", 1},
+                         {"slot", 0},
+                         {"cpu", 0},
+                         {"stats64",
+                          {{"rx", {{"bytes", rx_bytes}, {"packets", rx_packets}, {"dropped", rx_dropped}}},
+                           {"tx", {{"bytes", tx_bytes}, {"packets", tx_packets}, {"dropped", tx_dropped}}}}}});
+    expect_fits(j, "link");
+    const std::string text = "2:  GigabitEthernet1/0/1  <UP>  mtu 1500  link/ether 00:e0:fc:00:00:02  vrf 0  type ethernet  "
+                             "node 1 (1/0/0)  RX " + std::to_string(rx_packets) + " packets " + std::to_string(rx_bytes) +
+                             " bytes " + std::to_string(rx_dropped) + " dropped  TX " + std::to_string(tx_packets) +
+                             " packets " + std::to_string(tx_bytes) + " bytes " + std::to_string(tx_dropped) + " dropped\n";
+    EXPECT_EQ(run_ok({"-s", "link", "show", "dev", "GigabitEthernet1/0/1"}), text);
+    EXPECT_EQ(run_ok({"--stats", "link", "show", "dev", "2"}), text);
+    ASSERT_EQ(text.substr(text.find("RX ")), "RX 4294967296 packets 8589934593 bytes 55834574860 dropped  "
+                                             "TX 77309411345 packets 81604378642 bytes 68719476751 dropped\n");
+}
+
+TEST_F(IpctlMonitor, LinkDownIsAChangeOfItsOperstate) {
+    ipctl_test::Proc text({IPCTL_PATH, "monitor", "link", "--count", "1"});
+    expect_subscribed(text, "link");
+    ipctl_test::Proc json({IPCTL_PATH, "-j", "monitor", "link", "--count", "1"});
+    expect_subscribed(json, "link");
+    control_ok({{"op", "link.set"}, {"interface", "GigabitEthernet1/0/1"}, {"state", "down"}});
+    std::string line;
+    ASSERT_TRUE(text.out_line(&line, 5s));
+    EXPECT_EQ(unstamped(line), "link change dev GigabitEthernet1/0/1 state DOWN vrf 0");
+    ASSERT_TRUE(json.out_line(&line, 5s));
+    expect_record(event_of(line), {{"object", "link"},
+                                   {"event", "change"},
+                                   {"type", 6},
+                                   {"dev", "GigabitEthernet1/0/1"},
+                                   {"ifindex", 2},
+                                   {"operstate", "DOWN"},
+                                   {"vrf", 0}});
+    EXPECT_EQ(text.wait(5s), 0);
+    EXPECT_EQ(json.wait(5s), 0);
+}
+
+const Json kRouteAdd = {{"op", "route.add"},          {"prefix", "10.9.0.0/16"},     {"next_hop", "10.1.1.2"},
+                        {"interface", "GigabitEthernet1/0/1"}, {"mac", "00:11:22:33:44:55"}, {"node", 1}};
+const Json kRouteDel = {{"op", "route.del"}, {"prefix", "10.9.0.0/16"}, {"node", 1}};
+
+// Each event is waited for before the next change: the monitor compares readings of the
+// table, and a route added and deleted between two readings is no change.
+TEST_F(IpctlMonitor, RouteAddedThenDeletedIsAnAddThenADelete) {
+    ipctl_test::Proc monitor({IPCTL_PATH, "monitor", "route", "--count", "2"});
+    expect_subscribed(monitor, "route");
+    control_ok(kRouteAdd);
+    std::string line;
+    ASSERT_TRUE(monitor.out_line(&line, 5s));
+    EXPECT_EQ(unstamped(line), "route add 10.9.0.0/16 vrf public via 10.1.1.2 dev GigabitEthernet1/0/1 node 1/0/0 "
+                               "tunnel GigabitEthernet1/0/1 label Null");
+    control_ok(kRouteDel);
+    ASSERT_TRUE(monitor.out_line(&line, 5s));
+    EXPECT_EQ(unstamped(line), "route delete 10.9.0.0/16 vrf public via 10.1.1.2 dev GigabitEthernet1/0/1 node 1/0/0 "
+                               "tunnel GigabitEthernet1/0/1 label Null");
+    EXPECT_EQ(monitor.wait(5s), 0);
+}
+
+// A route event carries the route as route show gives it, its "type" the route's type.
+TEST_F(IpctlMonitor, RouteEventsInJsonFitTheSchema) {
+    ipctl_test::Proc monitor({IPCTL_PATH, "-j", "monitor", "route", "--count", "2"});
+    expect_subscribed(monitor, "route");
+    control_ok(kRouteAdd);
+    std::string line;
+    ASSERT_TRUE(monitor.out_line(&line, 5s));
+    Json expected = route("10.9.0.0/16", "public", "10.1.1.2", "GigabitEthernet1/0/1", 0, "00-11-22-33-44-55",
+                          "00-e0-fc-00-00-02");
+    expected["object"] = "route";
+    expected["event"] = "add";
+    expect_record(event_of(line), expected);  // event_of checks it against event.json
+    control_ok(kRouteDel);
+    ASSERT_TRUE(monitor.out_line(&line, 5s));
+    expected["event"] = "delete";
+    expect_record(event_of(line), expected);
+    EXPECT_EQ(monitor.wait(5s), 0);
+}
+
+// IPv6 routes are found by prefix only: a change of the IPv6 tables is one event with the
+// tables' change number, the one the simulator answers the change with.
+TEST_F(IpctlMonitor, Ipv6TableChangeIsOneEventWithTheChangeNumber) {
+    ipctl_test::Proc monitor({IPCTL_PATH, "-j", "monitor", "route", "--count", "1"});
+    expect_subscribed(monitor, "route");
+    const Json answer = control_ok({{"op", "route.add"}, {"prefix", "2001:db8:9::/48"}, {"interface", "GigabitEthernet1/0/1"}});
+    ASSERT_TRUE(answer.contains("seq6")) << answer.dump();
+    std::string line;
+    ASSERT_TRUE(monitor.out_line(&line, 5s));
+    expect_record(event_of(line), {{"object", "route"}, {"event", "change"}, {"family", "inet6"}, {"seq", answer["seq6"]}});
+    EXPECT_EQ(monitor.wait(5s), 0);
 }
 
 }  // namespace

@@ -90,36 +90,62 @@ void Printer::flush() {
 }
 
 void Printer::write_text_rows() {
-    // Column n is as wide as its widest cell; the last column of a row is not padded.
+    // Columns are the fields by key, in the order rows give them: a field a row lacks (a
+    // route without a gateway) leaves its column empty, and the fields after it stay in their
+    // own columns. A column is as wide as its widest cell; a row ends with its last cell.
     const auto cell_size = [](const Record::Field& f) {
         return f.label.empty() ? f.text.size() : f.label.size() + 1 + f.text.size();
     };
+    // A text-only field of no key is told apart by its place among those of its row.
+    const auto column_of = [](const Record::Field& f, std::size_t nameless) {
+        return f.key.empty() ? "\x01" + std::to_string(nameless) : f.key;
+    };
+    std::vector<std::string> columns;
     std::vector<std::size_t> width;
     for (const Record& r : rows_) {
-        std::size_t i = 0;
+        std::size_t at = 0, nameless = 0;
         for (const Record::Field& f : r.fields()) {
             if (!f.in_text) continue;
-            if (width.size() <= i) width.resize(i + 1, 0);
+            const std::string id = column_of(f, f.key.empty() ? nameless++ : 0);
+            auto it = std::find(columns.begin(), columns.end(), id);
+            if (it == columns.end()) {
+                it = columns.insert(columns.begin() + static_cast<std::ptrdiff_t>(at), id);
+                width.insert(width.begin() + static_cast<std::ptrdiff_t>(at), 0);
+            }
+            const auto i = static_cast<std::size_t>(it - columns.begin());
             width[i] = std::max(width[i], cell_size(f));
-            ++i;
+            at = i + 1;
         }
     }
     std::string s;
+    std::vector<const Record::Field*> cells;
     for (const Record& r : rows_) {
-        s.clear();
-        std::size_t i = 0;
-        std::size_t pad = 0;
+        cells.assign(columns.size(), nullptr);
+        std::size_t nameless = 0;
         for (const Record::Field& f : r.fields()) {
             if (!f.in_text) continue;
+            const std::string id = column_of(f, f.key.empty() ? nameless++ : 0);
+            const auto it = std::find(columns.begin(), columns.end(), id);
+            if (it != columns.end()) cells[static_cast<std::size_t>(it - columns.begin())] = &f;
+        }
+        s.clear();
+        std::size_t pad = 0;
+        bool started = false;
+        for (std::size_t i = 0; i < columns.size(); ++i) {
+            const Record::Field* f = cells[i];
+            if (f == nullptr) {
+                if (started) pad += width[i] + 2;
+                continue;
+            }
             s.append(pad, ' ');
-            if (!f.label.empty()) s.append(f.label).append(1, ' ');
+            if (!f->label.empty()) s.append(f->label).append(1, ' ');
             // Colour does not count in a column's width: only the text is coloured.
-            const char* colour = color_ ? colour_of(f.paint) : nullptr;
+            const char* colour = color_ ? colour_of(f->paint) : nullptr;
             if (colour != nullptr) s.append(colour);
-            s.append(f.text);
+            s.append(f->text);
             if (colour != nullptr) s.append(kColourEnd);
-            pad = width[i] - cell_size(f) + 2;
-            ++i;
+            pad = width[i] - cell_size(*f) + 2;
+            started = true;
         }
         // A line ends with its last text, not with the room of an empty last cell.
         while (!s.empty() && s.back() == ' ') s.pop_back();

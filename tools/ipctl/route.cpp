@@ -76,6 +76,7 @@ struct Path {
 
 const char* route_type_name(unsigned type) {
     switch (type) {
+        case 0x100: return "unknown";  // kTypeUnknown: a type the tool cannot ask
         case FIB_ROUTE_BLACKHOLE: return "blackhole";
         case FIB_ROUTE_UNREACHABLE: return "unreachable";
         case FIB_ROUTE_PROHIBIT: return "prohibit";
@@ -84,15 +85,15 @@ const char* route_type_name(unsigned type) {
 }
 
 // What every route prints, from show and get alike: its type (in text only when it is not
-// unicast, before the destination, as ip writes it), destination, family, VRF, and its
+// unicast, before the destination in its cell, as ip writes it), destination, family, VRF, and its
 // path: gateway and interface, or of a route of several paths the first path's and all of
 // them as nexthops.
 Record route_record(const std::string& dst, bool v6, unsigned type, const std::string& vrf, const std::vector<Path>& paths) {
     Record r;
     const char* tname = route_type_name(type);
-    if (type == FIB_ROUTE_UNICAST || type == 0) r.json_only("type", tname);
-    else r.add("type", tname, tname);
-    r.add("dst", dst, dst).json_only("family", v6 ? "inet6" : "inet").add("vrf", vrf, vrf, "vrf");
+    const bool unicast = type == FIB_ROUTE_UNICAST || type == 0;
+    r.json_only("type", tname);
+    r.add("dst", dst, unicast ? dst : tname + (" " + dst)).json_only("family", v6 ? "inet6" : "inet").add("vrf", vrf, vrf, "vrf");
     if (!paths.empty()) {
         if (!paths.front().gateway.empty()) r.add("gateway", paths.front().gateway, paths.front().gateway, "via");
         if (!paths.front().dev.empty()) r.add("dev", paths.front().dev, paths.front().dev, "dev");
@@ -245,24 +246,34 @@ Record entry_record(const std::uint8_t* e) {
 }
 
 // The type of a route the device's file shows without a path (a blackhole, unreachable or
-// prohibit route has neither gateway nor interface): its search entry says it.
-unsigned pathless_type(const std::string& dst) {
-    const auto p = parse_prefix4(dst);
-    if (!p) return FIB_ROUTE_UNICAST;
+// prohibit route has neither gateway nor interface): its search entry says it. A search asks
+// the node the tool runs as, by VRF index, while the file names VRFs by name: the type is the
+// one the tool's node has for the prefix in the public VRF (index 0), or in the other VRFs
+// when all of theirs agree. A route the tool's node does not have (another node's own), or
+// one whose VRF cannot be told, is "unknown".
+constexpr unsigned kTypeUnknown = 0x100;
+
+unsigned pathless_type(const RouteLine& l) {
+    const auto p = parse_prefix4(l.where[1]);
+    if (!p) return kTypeUnknown;
+    const bool is_public = l.where[0] == "public";
     std::uint64_t count = 0;
-    const auto entries = search4(p->addr, p->len, &count);
+    const auto entries = search4(p->addr, p->len, &count, is_public ? 0 : kAnyInstance);
+    std::optional<unsigned> found;
     for (std::uint64_t i = 0; i < count && i < FIB_SEARCH_MAX_ENTRIES; ++i) {
         const std::uint8_t* e = entries.data() + i * FIB_SEARCH_ENTRY_SIZE;
-        const unsigned type = e[FIB_ENTRY_TYPE_OFFSET];
-        if (host_at<std::uint32_t>(e + 4) == 0 && type != 0 && type != FIB_ROUTE_UNICAST) return type;
+        if (host_at<std::uint32_t>(e + 4) != 0 || (host_at<std::uint32_t>(e) == 0) != is_public) continue;
+        const unsigned type = e[FIB_ENTRY_TYPE_OFFSET] == 0 ? FIB_ROUTE_UNICAST : e[FIB_ENTRY_TYPE_OFFSET];
+        if (found && *found != type) return kTypeUnknown;
+        found = type;
     }
-    return FIB_ROUTE_UNICAST;
+    return found.value_or(kTypeUnknown);
 }
 
 // A route of the device's file: its lines (one a path) made one record.
 Record file_record(const RouteLine& l, const std::vector<Path>& paths) {
     const bool pathless = paths.size() == 1 && paths.front().gateway.empty() && paths.front().dev.empty();
-    const unsigned type = pathless ? pathless_type(l.where[1]) : FIB_ROUTE_UNICAST;
+    const unsigned type = pathless ? pathless_type(l) : FIB_ROUTE_UNICAST;
     Record r = route_record(l.where[1], false, type, l.where[0], paths);
     const std::string& vlan_port = l.link[2];
     const std::size_t slash = vlan_port.find('/');
