@@ -193,7 +193,9 @@ private:
         const Value b = m.need("b");
         l.a = end_of(r_, a);
         l.b = end_of(r_, b);
-        for (const auto& [end, at] : {std::pair<End&, const Value&>{l.a, a}, {l.b, b}}) {
+        for (const auto& side : {std::pair<End&, const Value&>{l.a, a}, {l.b, b}}) {
+            const End& end = side.first;
+            const Value& at = side.second;
             const Device* d = t_.device(end.device);
             if (d == nullptr) r_.fail(at, "unknown device " + in_quotes(end.device));
             if (!d->linux_source) r_.fail(at, "a scenario device takes no link: " + in_quotes(end.device));

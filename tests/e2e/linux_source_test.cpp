@@ -839,7 +839,9 @@ TEST_F(LinuxRoutesE2E, RouteTypesAreKept) {
     in_ns({"route", "add", "prohibit", "10.163.0.0/16"});
     const std::pair<const char*, unsigned> want[] = {
         {"10.161.0.0", FIB_ROUTE_BLACKHOLE}, {"10.162.0.0", FIB_ROUTE_UNREACHABLE}, {"10.163.0.0", FIB_ROUTE_PROHIBIT}};
-    for (const auto& [dest, type] : want) {
+    for (const auto& item : want) {
+        const char* const dest = item.first;
+        const unsigned type = item.second;
         std::uint8_t entries[4 * FIB_SEARCH_ENTRY_SIZE] = {};
         ASSERT_TRUE(eventually([&] { return search4(dest, "255.255.0.0", 0, entries) == 1; })) << dest;
         EXPECT_EQ(entries[FIB_ENTRY_TYPE_OFFSET], type) << dest;
@@ -897,8 +899,8 @@ TEST_F(LinuxRoutesE2E, LinkStateAndMtuReachSubscribersAndTheDirectory) {
     constexpr std::uint32_t kLinkState = 6, kMtu = 7;
     in_ns({"link", "set", "v2", "down"});
     EXPECT_TRUE(heard(kLinkState, 0));
-    ASSERT_EQ(IF_GetDataByIfIndex(v2_, IF_DATA_LINK_STATE, &state), 0u);
-    EXPECT_EQ(state, 0u);
+    // The directory's answers are kept a moment by the platform: the new state comes soon.
+    EXPECT_TRUE(eventually([&] { return IF_GetDataByIfIndex(v2_, IF_DATA_LINK_STATE, &state) == 0 && state == 0; }));
     in_ns({"link", "set", "v2", "up"});
     EXPECT_TRUE(heard(kLinkState, 1));
     in_ns({"link", "set", "v2", "mtu", "1400"});
