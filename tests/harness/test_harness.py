@@ -134,3 +134,53 @@ def test_a_killed_simulator_is_reported_by_stop(make_device):
     dev = make_device(yaml=SMALL)
     os.kill(dev.pid, signal.SIGKILL)
     assert dev.stop() == 128 + signal.SIGKILL
+
+
+LINE = """lab: pl{id}
+devices:
+  - name: pa{id}
+    interfaces:
+      - {{name: eth1, addresses: [10.0.12.1/24]}}
+  - name: pb{id}
+    interfaces:
+      - {{name: eth1, addresses: [10.0.12.2/24]}}
+links:
+  - {{a: "pa{id}:eth1", b: "pb{id}:eth1"}}
+""".format(id=os.getpid() % 100000)
+
+LINE_FILE = os.path.join(os.environ.get("TMPDIR", "/tmp"), "ipsim-pytest-line-%d.yaml" % os.getpid())
+with open(LINE_FILE, "w", encoding="utf-8") as _f:
+    _f.write(LINE)
+
+
+@pytest.mark.ipsim_lab(LINE_FILE)
+def test_the_lab_fixture_brings_up_devices_that_answer_by_name(lab):
+    assert len(lab.devices) == 2
+    a, b = lab.devices
+    done = subprocess.run([IPCTL, "-j", "neigh", "resolve", "10.0.12.2", "dev", "eth1"], env=lab.environment(a),
+                          capture_output=True, text=True, timeout=30, check=False)
+    assert done.returncode == 0, done.stderr
+    assert json.loads(done.stdout)[0]["state"] == "reachable"
+    assert all(d["running"] for d in lab.show()["devices"])
+    lab.link(a + ":eth1", "down")
+    assert lab.show()["links"][0]["up"] is False
+    names = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True, check=False).stdout
+    assert lab.name + "-" + b in names
+
+
+def test_a_lab_taken_down_leaves_no_namespace(tmp_path):
+    if os.geteuid() != 0:
+        pytest.skip("a lab makes network namespaces: root only")
+    from ipsim import Lab  # pylint: disable=import-outside-toplevel
+    made = Lab(LINE_FILE, state_dir=tmp_path / "state")
+    pids = [p["pid"] for p in made.show()["processes"]]
+    made.close()
+    names = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True, check=False).stdout
+    assert made.state["lab"] + "-" not in names
+    for pid in pids:
+        try:
+            os.kill(pid, 0)
+        except ProcessLookupError:
+            continue
+        with open("/proc/%d/stat" % pid, encoding="utf-8") as f:
+            assert f.read().rsplit(")", 1)[1].split()[0] == "Z", "process %d is gone" % pid

@@ -26,7 +26,7 @@ import subprocess
 import tempfile
 import time
 
-__all__ = ["Device", "DeviceError"]
+__all__ = ["Device", "DeviceError", "Lab"]
 
 _made = itertools.count(1)
 
@@ -207,6 +207,71 @@ class Device:
             self.close()
         except Exception:  # pylint: disable=broad-except
             pass
+
+
+class Lab:
+    """A lab of devices (``ipsimd lab``, docs/lab.md), up until closed.
+
+    ``Lab(topology_file)`` runs ``ipsimd lab up``; ``devices`` names its devices (each an
+    instance: ``environment(device)`` reaches it), ``link(end, state)`` takes a link down or
+    up, ``show()`` gives what ``lab show --json`` says, and ``close()`` runs ``lab down``.
+    Making namespaces needs root.
+    """
+
+    def __init__(self, topology, *, ipsimd=None, state_dir=None):
+        self.program = ipsimd or os.environ.get("IPSIMD") or "ipsimd"
+        self.topology = os.fspath(topology)
+        self._env = dict(os.environ)
+        if state_dir is not None:
+            self._env["IPSIMD_LAB_DIR"] = os.fspath(state_dir)
+        self.name = None
+        done = self._lab("up", self.topology, "--json")
+        if done.returncode != 0:
+            raise DeviceError("ipsimd lab up %s: %s" % (self.topology, done.stderr.strip()))
+        self.state = json.loads(done.stdout)
+        self.name = self.state["lab"]
+
+    def _lab(self, *args):
+        return subprocess.run([self.program, "lab"] + list(args), capture_output=True, text=True,
+                              timeout=120, env=self._env, check=False)
+
+    @property
+    def devices(self):
+        return [d["name"] for d in self.state["devices"]]
+
+    def environment(self, device):
+        """The environment of a child program that reaches one of the lab's devices."""
+        env = dict(os.environ)
+        env["IPCLIENT_INSTANCE"] = device
+        return env
+
+    def show(self):
+        done = self._lab("show", self.name, "--json")
+        if done.returncode != 0:
+            raise DeviceError("ipsimd lab show %s: %s" % (self.name, done.stderr.strip()))
+        self.state = json.loads(done.stdout)
+        return self.state
+
+    def link(self, end, state):
+        """Takes the link with the end DEVICE:IF "down" or "up"."""
+        done = self._lab("link", self.name, end, state)
+        if done.returncode != 0:
+            raise DeviceError("ipsimd lab link %s %s: %s" % (end, state, done.stderr.strip()))
+
+    def close(self):
+        """Takes the lab down: no namespace, link or process of it is left."""
+        if self.name is None:
+            return
+        name, self.name = self.name, None
+        done = self._lab("down", name)
+        if done.returncode != 0:
+            raise DeviceError("ipsimd lab down %s: %s" % (name, done.stderr.strip()))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
 
 
 def _read_line(stream, timeout):

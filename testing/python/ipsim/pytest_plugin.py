@@ -10,15 +10,21 @@ in a conftest.py.
     ``(netns=NAME, writable=True)``.
 ``make_device``
     Makes devices (Device's arguments) for the test; all are closed after it.
+``lab``
+    A lab for the test (``ipsimd lab up``), taken down after it, from the topology file of its
+    ``ipsim_lab`` mark: ``@pytest.mark.ipsim_lab("line3.yaml")``. Skipped unless root.
 """
 
 import pytest
 
-from ipsim import Device
+import os
+
+from ipsim import Device, Lab
 
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "ipsim_device(**kwargs): how the device fixture's device is made")
+    config.addinivalue_line("markers", "ipsim_lab(topology, **kwargs): the lab fixture's topology file")
 
 
 @pytest.fixture
@@ -39,3 +45,17 @@ def make_device():
 def device(request, make_device):
     mark = request.node.get_closest_marker("ipsim_device")
     return make_device(**(mark.kwargs if mark else {}))
+
+
+@pytest.fixture
+def lab(request, tmp_path):
+    mark = request.node.get_closest_marker("ipsim_lab")
+    if mark is None or not mark.args:
+        raise pytest.UsageError("the lab fixture needs @pytest.mark.ipsim_lab(TOPOLOGY_FILE)")
+    if os.geteuid() != 0:
+        pytest.skip("a lab makes network namespaces: root only")
+    kwargs = dict(mark.kwargs)
+    kwargs.setdefault("state_dir", tmp_path / "lab-state")
+    made = Lab(mark.args[0], **kwargs)
+    yield made
+    made.close()
