@@ -1,5 +1,6 @@
 """The Python harness (ipsim, ipsim.pytest_plugin) as applications' tests use it."""
 
+import atexit
 import json
 import os
 import signal
@@ -151,6 +152,7 @@ links:
 LINE_FILE = os.path.join(os.environ.get("TMPDIR", "/tmp"), "ipsim-pytest-line-%d.yaml" % os.getpid())
 with open(LINE_FILE, "w", encoding="utf-8") as _f:
     _f.write(LINE)
+atexit.register(lambda: os.path.exists(LINE_FILE) and os.remove(LINE_FILE))
 
 
 @pytest.mark.ipsim_lab(LINE_FILE)
