@@ -65,11 +65,13 @@ IPCLIENT_STATIC_ASSERT(sizeof(FIB4_SEARCH_KEY_S) == FIB4_SEARCH_KEY_SIZE, fib4_k
 #define FIB_ENTRY_HOP_SIZE 20u
 /** Most further hops a route entry holds (60 + 3 x 20 = 120 of its 128 bytes). */
 #define FIB_ENTRY_MORE_HOPS_MAX 3u
-/** Route types at FIB_ENTRY_TYPE_OFFSET: forwarded to a next hop or an interface; dropped
- * silently; dropped with "unreachable"; dropped with "administratively prohibited". */
+/** Route type at FIB_ENTRY_TYPE_OFFSET: forwarded to a next hop or an interface. */
 #define FIB_ROUTE_UNICAST 1u
+/** Route type: packets of the prefix are dropped silently. */
 #define FIB_ROUTE_BLACKHOLE 6u
+/** Route type: packets of the prefix are dropped with "unreachable". */
 #define FIB_ROUTE_UNREACHABLE 7u
+/** Route type: packets of the prefix are dropped with "administratively prohibited". */
 #define FIB_ROUTE_PROHIBIT 8u
 
 /** Global data records, converted to host order at the offsets the kernel uses. */
