@@ -82,6 +82,7 @@ pid_t start(const std::vector<std::string>& argv, int out_fd, int err_fd) {
     ::dup2(null, 0);
     ::dup2(out_fd >= 0 ? out_fd : null, 1);
     ::dup2(err_fd >= 0 ? err_fd : null, 2);
+    if (null > 2) ::close(null);  // the program keeps no descriptor of the lab's
     ::execvp(args[0], args.data());
     ::_exit(127);
 }

@@ -26,13 +26,6 @@ namespace {
 
 using nlohmann::json;
 
-std::string ip_path() {
-    for (const char* p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-        if (::access(p, X_OK) == 0) return p;
-    }
-    return {};
-}
-
 bool gone(pid_t pid) {
     if (::kill(pid, 0) != 0) return true;
     // A process that ended and waits for a parent that does not reap is gone too.
@@ -45,7 +38,7 @@ bool gone(pid_t pid) {
 class Lab : public ::testing::Test {
 protected:
     void SetUp() override {
-        ip_ = ip_path();
+        ip_ = ip_program();
         if (ip_.empty()) GTEST_SKIP() << "the ip program is not installed";
         if (::geteuid() != 0) GTEST_SKIP() << "not root: network namespaces cannot be made";
         const std::string id = std::to_string(::getpid() % 1000000);

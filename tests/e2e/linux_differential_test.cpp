@@ -78,13 +78,6 @@ using Rows = std::set<std::string>;
 
 // ---- Small helpers ------------------------------------------------------------------------------
 
-std::string ip_path() {
-    for (const char* p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-        if (::access(p, X_OK) == 0) return p;
-    }
-    return {};
-}
-
 // At most n characters of a text, for failure messages.
 std::string clip(const std::string& s, std::size_t n = 2000) {
     return s.size() <= n ? s : s.substr(0, n) + "... (" + std::to_string(s.size()) + " bytes in all)";
@@ -433,7 +426,7 @@ protected:
     };
 
     void SetUp() override {
-        ip_ = ip_path();
+        ip_ = e2e::ip_program();
         if (ip_.empty()) GTEST_SKIP() << "the ip program is not installed: namespaces cannot be made";
         if (::geteuid() != 0) GTEST_SKIP() << "not root: network namespaces cannot be made";
         rng_.seed(GetParam());

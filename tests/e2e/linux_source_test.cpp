@@ -48,13 +48,6 @@ constexpr std::uint8_t kDynamic = 1, kStatic = 2;
 constexpr std::uint32_t kAdded = 0, kDeleted = 2;
 constexpr std::uint32_t kAddrAdd = 1, kAddrDelete = 2;
 
-std::string ip_program() {
-    for (const char* p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
-        if (::access(p, X_OK) == 0) return p;
-    }
-    return {};
-}
-
 // Polls until the condition holds, at most `limit`.
 bool eventually(const std::function<bool()>& cond, std::chrono::milliseconds limit = std::chrono::seconds(3)) {
     const auto end = std::chrono::steady_clock::now() + limit;

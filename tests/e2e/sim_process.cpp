@@ -171,6 +171,13 @@ std::string temp_file(const std::string& name, const std::string& text) {
     return path;
 }
 
+std::string ip_program() {
+    for (const char* p : {"/usr/sbin/ip", "/sbin/ip", "/usr/bin/ip", "/bin/ip"}) {
+        if (::access(p, X_OK) == 0) return p;
+    }
+    return {};
+}
+
 int run(const std::vector<std::string>& argv, std::string* out, std::string* err, std::chrono::milliseconds limit) {
     int o[2], e[2];
     if (::pipe2(o, O_CLOEXEC) != 0) return -1;

@@ -69,6 +69,9 @@ bool read_line(int fd, std::string* buf, std::string* out, std::chrono::millisec
 // {"ok": false, "error": ...} when the channel cannot be reached.
 nlohmann::json control(const nlohmann::json& request);
 
+// The path of the ip program (iproute2), "" when it is not installed.
+std::string ip_program();
+
 // A temporary file with the given text; removed at exit.
 std::string temp_file(const std::string& name, const std::string& text);
 

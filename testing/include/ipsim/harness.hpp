@@ -274,6 +274,7 @@ private:
         if (pid != 0) return pid;
         const int in = ::open("/dev/null", O_RDONLY);
         if (in >= 0) ::dup2(in, 0);
+        if (in > 0) ::close(in);
         if (out_fd >= 0) ::dup2(out_fd, 1);
         if (err_fd >= 0) ::dup2(err_fd, 2);
         if (env.empty()) ::execvp(args[0], args.data());
