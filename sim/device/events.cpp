@@ -95,7 +95,7 @@ json pull(Context& ctx, std::uint16_t node, bool switchover) {
             ctx.addrs.remove(a.stEntry.stKey.uiIfIndex, a.stEntry.stKey.uiAddr);
         }
         held.neighbours = flush_neighbours(ctx, ifs);
-        ctx.fib.each_mutable([&](Route& r) {
+        ctx.fib.each([&](const Route& r) {
             if (r.node == node || ifs.count(r.ifindex) != 0) held.routes.push_back(r);
         });
         for (const Route& r : held.routes) ctx.fib.remove(FibTable::key_of(r));
@@ -144,7 +144,7 @@ json put_back(Context& ctx, std::uint16_t node) {
             (void)ctx.neighs.put(n);  // taken: no limit now
         }
         for (const Route& r : held.routes) {
-            if (ctx.fib.find(FibTable::key_of(r)) != nullptr) {
+            if (ctx.fib.find(FibTable::key_of(r))) {
                 ++skipped;
                 continue;
             }
@@ -173,14 +173,14 @@ json link_set(Context& ctx, std::uint32_t ifindex, bool up) {
     std::vector<Route> changed;
     if (!up) {
         neighbours = flush_neighbours(ctx, {ifindex}).size();
-        ctx.fib.each_mutable([&](Route& r) {
+        ctx.fib.each([&](const Route& r) {
             if (r.ifindex == ifindex && r.active) changed.push_back(r);
         });
         auto& keys = ctx.events.links_down[ifindex];
         for (const Route& r : changed) keys.push_back(FibTable::key_of(r));
     } else {
         for (const FibTable::Key& k : down->second) {
-            if (const Route* r = ctx.fib.find(k); r != nullptr && r->ifindex == ifindex) changed.push_back(*r);
+            if (std::optional<Route> r = ctx.fib.find(k); r && r->ifindex == ifindex) changed.push_back(std::move(*r));
         }
         ctx.events.links_down.erase(down);
     }

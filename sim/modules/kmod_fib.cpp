@@ -66,19 +66,26 @@ public:
         const std::uint32_t entry_len = FibModule::kDumpEntryLen;
         w.zeros(4).raw(&entry_len, 4);  // the entry size travels in host order
         std::size_t n = 0;
+        // The route whose paths go on from the last pull, as it is now.
+        std::optional<Route> r = hop_ > 0 && last_ ? table_.find(*last_) : std::nullopt;
+        if (r && hop_ > r->more.size()) r.reset();
         while (w.room() >= FibModule::kDumpEntryLen) {
             // A multipath route is an entry a path, one after the other; a route that
             // changed between two pulls goes on with the paths it has now.
-            const Route* r = hop_ > 0 && last_ ? table_.find(*last_) : nullptr;
-            if (r == nullptr || hop_ > r->more.size()) {
-                r = table_.next(2, node_, last_);
-                if (r == nullptr) break;
+            if (!r) {
+                r = table_.next(2, node_, last_, &at_);
+                if (!r) break;
                 last_ = FibTable::key_of(*r);
                 hop_ = 0;
             }
             entry(w, *r, hop_);
-            hop_ = hop_ < r->more.size() ? hop_ + 1 : 0;
             ++n;
+            if (hop_ < r->more.size()) {
+                ++hop_;
+            } else {
+                hop_ = 0;
+                r.reset();
+            }
         }
         if (n == 0) return 0;
         *len = w.size();
@@ -99,6 +106,7 @@ private:
     const FibTable& table_;
     std::uint16_t node_;
     std::optional<FibTable::Key> last_;
+    FibTable::Position at_;  // where last_ is, while the table's records stay in place
     std::size_t hop_ = 0;  // the path of last_ to deliver next; 0: the next route's first
 };
 
@@ -108,7 +116,8 @@ std::size_t FibModule::routes_on(std::uint16_t node, std::uint8_t family, bool a
                                  std::optional<std::uint16_t> vrf) const {
     std::size_t n = 0;
     std::optional<FibTable::Key> at;
-    while (const Route* r = table_.next(family, node, at)) {
+    FibTable::Position pos;
+    while (const std::optional<Route> r = table_.next(family, node, at, &pos)) {
         at = FibTable::key_of(*r);
         if ((!active_only || r->active) && (!vrf || r->vrf == *vrf)) ++n;
     }

@@ -24,6 +24,10 @@ constexpr std::uint16_t kNode = 1;
 constexpr std::chrono::milliseconds kCountersPeriod{1000};
 // How soon after a resolution asked of the kernel its incomplete entry is read.
 constexpr std::chrono::milliseconds kIncompleteRead{20};
+// The kernel tells of a link's new state, or of an address gone, before it drops the routes
+// that go with it (and tells nothing of those): the routes are read at once and again after
+// this long.
+constexpr std::chrono::milliseconds kRoutesSettle{50};
 constexpr unsigned kGroups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE | RTMGRP_NEIGH;
 // Interface type codes of the device.
 constexpr std::uint32_t kTypeNull = 1, kTypeEthernet = 6, kTypeVlanIf = 35, kTypeTunnel = 71;
@@ -311,7 +315,7 @@ void LinuxSource::link(const nl::Link& l, bool gone) {
     constexpr unsigned kLowerUp = 0x10000;  // IFF_LOWER_UP of linux/if.h: the carrier
     const unsigned state = IFF_UP | IFF_RUNNING | kLowerUp;
     const bool changed = known && ((prev_flags ^ l.flags) & state) != 0;
-    if (changed && !seen_routes_) reread_routes();
+    if (changed && !seen_routes_) reread_routes_twice();
 }
 
 void LinuxSource::addr(const nl::Addr& a, bool gone) {
@@ -331,7 +335,7 @@ void LinuxSource::addr(const nl::Addr& a, bool gone) {
         // kernel tells only of its connected routes: the routes are read again.
         const auto left = ns_addrs_.lower_bound({a.ifindex, 0});
         const bool last = left == ns_addrs_.end() || left->first != a.ifindex;
-        if (last && !seen_routes_) reread_routes();
+        if (last && !seen_routes_) reread_routes_twice();
         return;
     }
     ns_addrs_.insert({a.ifindex, a.addr});
@@ -396,15 +400,22 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
             out.more.push_back(h);
         }
     }
+    out.metric = r.priority;
     const Applying mark(applying_);
     const FibTable::Key key = FibTable::key_of(out);
     // The namespace's route this one is: the same metric, out interface and gateway.
-    const auto same = [&](const Candidate& c) {
-        return c.metric == r.priority && c.route.ifindex == out.ifindex && c.route.next_hop == out.next_hop;
+    const auto is = [&](std::uint32_t metric, const Route& c) {
+        return metric == r.priority && c.ifindex == out.ifindex && c.next_hop == out.next_hop;
     };
+    const auto same = [&](const Candidate& c) { return is(c.metric, c.route); };
+    auto it = candidates_.find(key);
     if (gone) {
-        if (const auto it = candidates_.find(key); it != candidates_.end()) std::erase_if(it->second, same);
-        choose(key);
+        if (it != candidates_.end()) {
+            std::erase_if(it->second, same);
+            choose(key);
+        } else if (const std::optional<Route> now = ctx_->fib.find(key); now && is(now->metric, *now)) {
+            ctx_->fib.remove(key);  // the key's only route
+        }
         return;
     }
     // The MACs of each path: its interface's, and its gateway's when the neighbour is known.
@@ -421,8 +432,23 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
         Hop& h = out.more[i];
         macs(h.ifindex, h.next_hop, r.paths[i + 1].gateway.has_value(), h.own_mac, h.mac);
     }
-    if (seen_routes_) seen_routes_->insert(key);
-    std::vector<Candidate>& all = candidates_[key];
+    // While the namespace is read again, what the FIB held for a key before its first route
+    // of this reading is not the namespace's.
+    const bool fresh = seen_routes_ && seen_routes_->insert(key).second;
+    if (it == candidates_.end()) {
+        const std::optional<Route> now = fresh ? std::nullopt : ctx_->fib.find(key);
+        // The key's only route, new or changed (a replacement of its metric is a change):
+        // the FIB holds it, with nothing aside.
+        if (!now || (now->metric == r.priority && (r.replace || is(now->metric, *now)))) {
+            if (now && same_entry(*now, out)) return;
+            // The namespace keeps what a full device FIB refuses: kept aside, and counted.
+            if (!ctx_->fib.put(out)) candidates_[key].push_back(Candidate{r.priority, ++learnt_, out});
+            return;
+        }
+        // A second route for the key: the one the FIB holds was learnt first.
+        it = candidates_.emplace(key, std::vector<Candidate>{Candidate{now->metric, 0, *now}}).first;
+    }
+    std::vector<Candidate>& all = it->second;
     // A replacement takes the place of the route of its metric, whatever its path was (the
     // kernel tells no deletion of the one replaced).
     if (r.replace) {
@@ -433,12 +459,17 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
             return;
         }
     }
-    if (const auto it = std::find_if(all.begin(), all.end(), same); it != all.end()) {
-        it->route = out;  // a change of a route held keeps its place
+    if (const auto held = std::find_if(all.begin(), all.end(), same); held != all.end()) {
+        held->route = out;  // a change of a route held keeps its place
     } else {
         all.push_back(Candidate{r.priority, ++learnt_, out});
     }
     choose(key);
+}
+
+bool LinuxSource::same_entry(const Route& a, const Route& b) {
+    return a.next_hop == b.next_hop && a.ifindex == b.ifindex && a.active == b.active && a.mac == b.mac &&
+           a.own_mac == b.own_mac && a.type == b.type && a.metric == b.metric && a.more == b.more;
 }
 
 void LinuxSource::choose(const FibTable::Key& key) {
@@ -463,13 +494,14 @@ void LinuxSource::choose(const FibTable::Key& key) {
         best.more.append(other.more);
         best.active = best.active || other.active;
     }
-    const Route* now = ctx_->fib.find(key);
-    if (now != nullptr && now->next_hop == best.next_hop && now->ifindex == best.ifindex && now->active == best.active &&
-        now->mac == best.mac && now->own_mac == best.own_mac && now->type == best.type && now->more == best.more) {
+    // A key left with one route needs nothing aside once the FIB holds it.
+    const bool alone = it->second.size() == 1;
+    if (const std::optional<Route> now = ctx_->fib.find(key); now && same_entry(*now, best)) {
+        if (alone) candidates_.erase(it);
         return;
     }
     // The namespace keeps what a full device FIB refuses; the refusal is counted.
-    (void)ctx_->fib.put(best);
+    if (ctx_->fib.put(best) && alone) candidates_.erase(it);
 }
 
 void LinuxSource::reread_routes() {
@@ -485,11 +517,25 @@ void LinuxSource::reread_routes() {
     seen_routes_.reset();
 }
 
+void LinuxSource::reread_routes_twice() {
+    reread_routes();
+    if (reread_pending_) return;
+    reread_pending_ = true;
+    const std::weak_ptr<bool> alive = alive_;
+    ctx_->loop.after(kRoutesSettle, [this, alive] {
+        const auto live = alive.lock();
+        if (!live || !*live) return;
+        reread_pending_ = false;
+        if (!seen_routes_) reread_routes();
+    });
+}
+
 void LinuxSource::drop_unseen_routes() {
     for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
         std::vector<FibTable::Key> gone;
         std::optional<FibTable::Key> at;
-        while (const Route* r = ctx_->fib.next(family, kNode, at)) {
+        FibTable::Position pos;
+        while (const std::optional<Route> r = ctx_->fib.next(family, kNode, at, &pos)) {
             at = FibTable::key_of(*r);
             if (seen_routes_->count(*at) == 0) gone.push_back(*at);
         }
@@ -568,17 +614,20 @@ void LinuxSource::drop_link(std::uint32_t ifindex) {
 }
 
 void LinuxSource::drop_routes_via(std::uint32_t ifindex) {
+    // Linux removes a multipath route with the link of any of its paths.
+    const auto via = [ifindex](const Route& r) {
+        return r.ifindex == ifindex || std::any_of(r.more.begin(), r.more.end(), [ifindex](const Hop& h) { return h.ifindex == ifindex; });
+    };
     std::vector<FibTable::Key> changed;
     for (auto& [key, all] : candidates_) {
-        // Linux removes a multipath route with the link of any of its paths.
-        const auto via = [ifindex](const Candidate& c) {
-            return c.route.ifindex == ifindex ||
-                   std::any_of(c.route.more.begin(), c.route.more.end(), [ifindex](const Hop& h) { return h.ifindex == ifindex; });
-        };
-        if (std::erase_if(all, via) != 0) {
-            changed.push_back(key);
-        }
+        if (std::erase_if(all, [&](const Candidate& c) { return via(c.route); }) != 0) changed.push_back(key);
     }
+    // A key's only route is in the FIB alone.
+    std::vector<FibTable::Key> gone;
+    ctx_->fib.each([&](const Route& r) {
+        if (via(r) && candidates_.count(FibTable::key_of(r)) == 0) gone.push_back(FibTable::key_of(r));
+    });
+    for (const auto& k : gone) ctx_->fib.remove(k);
     for (const auto& k : changed) choose(k);
 }
 

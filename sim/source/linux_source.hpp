@@ -172,8 +172,13 @@ private:
     // Puts the route the kernel uses for a FIB key into the FIB, or removes the entry when
     // the namespace has none left.
     void choose(const FibTable::Key& key);
+    // Whether the FIB's entry a is already b (the fields a route of the namespace sets).
+    static bool same_entry(const Route& a, const Route& b);
     // Reads the routes again and drops those the namespace no longer has.
     void reread_routes();
+    // The same, at once and again shortly after (kRoutesSettle): for changes the kernel tells
+    // of before it drops the routes they take with them.
+    void reread_routes_twice();
     // Drops the FIB entries that a reading of the namespace's routes did not see.
     void drop_unseen_routes();
     void move_to_vrf(std::uint32_t ifindex, std::uint16_t vrf);
@@ -211,9 +216,11 @@ private:
     // read-only device, which a reading of the namespace leaves alone.
     std::set<std::pair<std::uint32_t, std::uint32_t>> ns_addrs_;
     void drop_unseen();
-    // Every route the namespace has for a FIB key: the device's entry is the one the kernel
-    // uses, the lowest metric (of equal metrics the first learnt); when it goes, the next
-    // one takes its place. Routes of one key differ in metric, out interface or gateway.
+    // Every route the namespace has for a FIB key that has more than one: the device's entry
+    // is the one the kernel uses, the lowest metric (of equal metrics the first learnt); when
+    // it goes, the next one takes its place. Routes of one key differ in metric, out
+    // interface or gateway. A key with one route has nothing here: the FIB's entry is that
+    // route, metric included (and a route the FIB refused waits here).
     struct Candidate {
         std::uint32_t metric = 0;
         std::uint64_t order = 0;  // when it was learnt
@@ -221,6 +228,7 @@ private:
     };
     std::map<FibTable::Key, std::vector<Candidate>> candidates_;
     std::uint64_t learnt_ = 0;
+    bool reread_pending_ = false;  // a second reading of the routes is due
     // The namespace's counters at the last reading, by set, interface and name.
     std::map<std::string, std::uint64_t, std::less<>> last_counts_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
