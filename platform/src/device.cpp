@@ -71,7 +71,7 @@ long reply_timeout_ms() noexcept {
 // holds the name (an impostor, or another user's simulator, which would refuse this one) is
 // not the device.
 int open_device_socket() noexcept {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const int fd = channel_socket(SOCK_SEQPACKET | SOCK_CLOEXEC);
     if (fd < 0) {
         g_last_failure.store(IPP_DEVICE_NO_RESOURCES, std::memory_order_relaxed);
         return -1;

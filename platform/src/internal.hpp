@@ -17,6 +17,10 @@ std::optional<int> take_fault(ipp_call call) noexcept;
 std::optional<std::uint32_t> take_short_send() noexcept;
 void log_sock(const ipp_sock_event& ev) noexcept;
 
+// An AF_UNIX socket of the device's channels (socket(AF_UNIX, type, 0)), made in the network
+// namespace that IPCLIENT_NETNS names (channel_socket.cpp), else in the process's own.
+int channel_socket(int type) noexcept;
+
 // The local-IPC namespace of this process.
 std::string current_instance();
 

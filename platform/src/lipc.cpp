@@ -237,7 +237,7 @@ IPPLAT_API int __wrap_socket(int domain, int type, int protocol) {
     if ((type & ~(SOCK_NONBLOCK | SOCK_CLOEXEC)) != SOCK_DGRAM) return errno = ESOCKTNOSUPPORT, finish(&ev, -1);
     if (protocol != kProtoPointToPoint && protocol != kProtoGroup) return errno = EPROTONOSUPPORT, finish(&ev, -1);
     const int kind = protocol == kProtoGroup ? SOCK_DGRAM : SOCK_SEQPACKET;
-    const int fd = ::socket(AF_UNIX, kind | flags | SOCK_CLOEXEC, 0);
+    const int fd = channel_socket(kind | flags | SOCK_CLOEXEC);
     if (fd >= 0) {
         const std::lock_guard lock(sockets().mu);
         sockets().table[fd] = Lipc{protocol, 0, false, 0, 0};
@@ -485,7 +485,7 @@ void ipp_lipc_set_instance(const char* name) {
 }
 
 int ipp_lipc_listen(uint16_t node, uint16_t port) {
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const int fd = channel_socket(SOCK_SEQPACKET | SOCK_CLOEXEC);
     if (fd < 0) return -1;
     sockaddr_un sun{};
     const socklen_t n = endpoint_addr(resolve_node(node), port, &sun);
@@ -497,7 +497,7 @@ int ipp_lipc_listen(uint16_t node, uint16_t port) {
 }
 
 int ipp_lipc_group_send(uint32_t group_type, uint16_t first, uint16_t third, const void* bytes, uint32_t len) {
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int fd = channel_socket(SOCK_DGRAM | SOCK_CLOEXEC);
     if (fd < 0) return -1;
     sockaddr_un sun{};
     const socklen_t n = group_addr(group_type, first, third, &sun);

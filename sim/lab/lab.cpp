@@ -16,6 +16,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "ipproto/control_channel.hpp"
@@ -243,6 +244,20 @@ std::string lab_name(const std::string& file_or_name) {
 
 std::string interface_ns(const Topology& t, const std::string& device) { return ns_of(t.name, device); }
 
+// A command run on a device: in its namespace (a Linux device's), with the environment that
+// makes the library talk to the device's simulator: IPCLIENT_INSTANCE, and IPCLIENT_NETNS,
+// the network namespace the simulator listens in (its channels' socket names are of that
+// namespace, not of the device's).
+std::vector<std::string> device_command(const std::string& lab, const std::string& device, bool linux_source,
+                                        pid_t simulator, const std::vector<std::string>& command) {
+    std::vector<std::string> argv;
+    if (linux_source) argv = {ip_program(), "netns", "exec", ns_of(lab, device)};
+    argv.insert(argv.end(), {"env", "IPCLIENT_INSTANCE=" + device});
+    if (linux_source && simulator > 0) argv.push_back("IPCLIENT_NETNS=/proc/" + std::to_string(simulator) + "/ns/net");
+    argv.insert(argv.end(), command.begin(), command.end());
+    return argv;
+}
+
 class Up {
 public:
     Up(const Topology& t, State& st, std::string self) : t_(t), st_(st), self_(std::move(self)) {}
@@ -400,6 +415,7 @@ private:
         if (log >= 0) ::close(log);
         if (pid < 0) throw Failure{d.name + ": cannot start " + self_};
         record(d.name, "ipsimd", pid);
+        sim_pids_[d.name] = pid;
         // Ready once its control channel answers.
         const auto end = std::chrono::steady_clock::now() + kReadyWithin;
         while (!answers(d.name)) {
@@ -415,7 +431,7 @@ private:
     void start_command(const Device& d, std::size_t n) {
         const std::string path = st_.dir() + "/" + d.name + "/run-" + std::to_string(n + 1) + ".log";
         const int log = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        const pid_t pid = start({ip_program(), "netns", "exec", ns_of(t_.name, d.name), "sh", "-c", d.run[n]}, log, log);
+        const pid_t pid = start(device_command(t_.name, d.name, d.linux_source, sim_pids_[d.name], {"sh", "-c", d.run[n]}), log, log);
         if (log >= 0) ::close(log);
         if (pid < 0) throw Failure{d.name + ": cannot run " + d.run[n]};
         record(d.name, "run " + std::to_string(n + 1) + ": " + d.run[n], pid);
@@ -424,6 +440,7 @@ private:
     const Topology& t_;
     State& st_;
     std::string self_;
+    std::map<std::string, pid_t> sim_pids_;  // each device's simulator
 };
 
 json describe(State& st) {
@@ -561,6 +578,36 @@ int cmd_link(const std::string& which, const std::string& end, const std::string
     return 1;
 }
 
+// Runs a command on a device of a lab that is up, as its `run` commands run; the command's
+// exit status, 127 when it cannot be started.
+int cmd_exec(const std::string& which, const std::string& device, const std::vector<std::string>& command) {
+    State st(lab_name(which));
+    if (!st.exists()) {
+        std::fprintf(stderr, "ipsimd lab: no lab %s is up\n", lab_name(which).c_str());
+        return 1;
+    }
+    st.load();
+    const json d = describe(st);
+    for (const json& dev : d["devices"]) {
+        if (dev["name"] != device) continue;
+        if (!dev["running"].get<bool>()) {
+            std::fprintf(stderr, "ipsimd lab: the simulator of device %s is not running\n", device.c_str());
+            return 1;
+        }
+        const std::vector<std::string> argv =
+            device_command(d["lab"].get<std::string>(), device, dev["source"] == "linux", dev.value("pid", pid_t{0}), command);
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        std::fflush(stdout);
+        ::execvp(args[0], args.data());
+        std::fprintf(stderr, "ipsimd lab: cannot run %s: %s\n", args[0], std::strerror(errno));
+        return 127;
+    }
+    std::fprintf(stderr, "ipsimd lab: lab %s has no device %s\n", d["lab"].get<std::string>().c_str(), device.c_str());
+    return 1;
+}
+
 }  // namespace
 
 int lab_main(const std::vector<std::string>& args, const std::string& self) {
@@ -581,6 +628,12 @@ int lab_main(const std::vector<std::string>& args, const std::string& self) {
     link->add_option("LAB", which, "the topology file or the lab's name")->required();
     link->add_option("END", end, "one end of the link, DEVICE:INTERFACE")->required();
     link->add_option("STATE", state, "up or down")->required()->check(CLI::IsMember({"up", "down"}));
+    std::string device;
+    std::vector<std::string> command;
+    CLI::App* exec = app.add_subcommand("exec", "runs a command on a device, as its run commands run");
+    exec->add_option("LAB", which, "the topology file or the lab's name")->required();
+    exec->add_option("DEVICE", device, "the device")->required();
+    exec->add_option("COMMAND", command, "the command and its arguments (after --)")->required();
     std::vector<std::string> argv(args.rbegin(), args.rend());
     try {
         app.parse(argv);
@@ -591,6 +644,7 @@ int lab_main(const std::vector<std::string>& args, const std::string& self) {
         if (up->parsed()) return cmd_up(file, as_json, self);
         if (down->parsed()) return cmd_down(which);
         if (show->parsed()) return cmd_show(which, as_json);
+        if (exec->parsed()) return cmd_exec(which, device, command);
         return cmd_link(which, end, state);
     } catch (const Failure& f) {
         std::fprintf(stderr, "ipsimd lab: %s\n", f.what.c_str());

@@ -17,6 +17,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "e2e/e2e_support.hpp"
@@ -74,7 +76,7 @@ protected:
                "      - {name: eth1, addresses: [10.0.23.3/24]}\n"
                "    routes:\n"
                "      - {to: 10.0.12.0/24, via: 10.0.23.2}\n"
-               "    run: [\"sleep 600\"]\n"
+               "    run: [\"sleep 600\", \"" IPCTL_PATH " -j route show\"]\n"
                "links:\n"
                "  - {a: \"" + a_ + ":eth1\", b: \"" + b_ + ":eth1\"}\n"
                "  - {a: \"" + b_ + ":eth2\", b: \"" + c_ + ":eth1\"}\n";
@@ -156,7 +158,7 @@ TEST_F(Lab, ALineOfThreeComesUpAndEachDeviceAnswersByItsName) {
     const json s = show();
     ASSERT_EQ(s["devices"].size(), 3u);
     for (const json& d : s["devices"]) EXPECT_TRUE(d["running"].get<bool>()) << d.dump();
-    EXPECT_EQ(s["processes"].size(), 4u) << "three simulators and one command";
+    EXPECT_EQ(s["processes"].size(), 5u) << "three simulators and two commands";
     // Routes of the topology in each device's FIB, as a program on the library reads them.
     const std::string routes = ipctl(a_, {"-j", "route", "show"});
     EXPECT_NE(routes.find(R"("dst":"10.0.23.0/24","family":"inet","vrf":"public","gateway":"10.0.12.2","dev":"eth1")"),
@@ -226,7 +228,7 @@ TEST_F(Lab, ALinkDownAndUpShowsInTheEventsAndFibAtBothEnds) {
 TEST_F(Lab, DownLeavesNoNamespaceLinkOrProcess) {
     up();
     const std::vector<pid_t> before = pids();
-    ASSERT_EQ(before.size(), 4u);
+    ASSERT_EQ(before.size(), 5u);
     ASSERT_EQ(lab({"down", file_}), 0);
     up_ = false;
     expect_nothing_left(before);
@@ -256,6 +258,78 @@ TEST_F(Lab, ALabIsUpOnceAndAnotherWithTheSameDevicesIsRefused) {
     (void)run({ip_, "netns", "list"}, &list);
     EXPECT_EQ(list.find("M" + lab_.substr(1) + "-"), std::string::npos) << list;
     EXPECT_TRUE(show()["devices"][0]["running"].get<bool>()) << "the first lab runs on";
+}
+
+TEST_F(Lab, ARunCommandInADevicesNamespaceTalksToItsDevice) {
+    up();
+    // c's second command, ipctl in c's namespace, read c's FIB through the library.
+    const std::string log = dir_ + "/" + lab_ + "/" + c_ + "/run-2.log";
+    std::string text;
+    for (int i = 0; i < 100 && text.find("10.0.12.0/24") == std::string::npos; ++i) {
+        std::ifstream in(log);
+        text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_NE(text.find(R"("dst":"10.0.12.0/24","family":"inet","vrf":"public","gateway":"10.0.23.2","dev":"eth1")"),
+              std::string::npos)
+        << log << ": " << text;
+}
+
+TEST_F(Lab, AProgramInADevicesNamespaceReachesItsSimulatorThroughIpclientNetns) {
+    up();
+    const json s = show();
+    const std::string sim_ns = "/proc/" + std::to_string(s["devices"][0].value("pid", 0)) + "/ns/net";
+    const auto route_to = [&](const std::string& netns) {
+        std::vector<std::string> argv{ip_, "netns", "exec", lab_ + "-" + a_, "env", "IPCLIENT_INSTANCE=" + a_};
+        if (!netns.empty()) argv.push_back("IPCLIENT_NETNS=" + netns);
+        argv.insert(argv.end(), {ROUTE_TO_PATH, "10.0.23.0/24"});
+        std::string out, err;
+        const int rc = run(argv, &out, &err);
+        return std::pair{rc, out + err};
+    };
+    // In the device's namespace the simulator's socket names are not found.
+    auto [rc, out] = route_to("");
+    EXPECT_EQ(rc, 1) << out;
+    EXPECT_NE(out.find("no route to 10.0.23.0/24"), std::string::npos) << out;
+    // A namespace that cannot be opened: no socket, no answer, no crash.
+    std::tie(rc, out) = route_to("/nonexistent/ns");
+    EXPECT_EQ(rc, 1) << out;
+    EXPECT_NE(out.find("no route to 10.0.23.0/24"), std::string::npos) << out;
+    // The simulator's namespace: the route, and the neighbour resolved across the link.
+    std::tie(rc, out) = route_to(sim_ns);
+    EXPECT_EQ(rc, 0) << out;
+    EXPECT_NE(out.find("route 10.0.23.0/24 via 10.0.12.2 dev "), std::string::npos) << out;
+    EXPECT_NE(out.find("neighbour 10.0.12.2 dev "), std::string::npos) << out;
+    EXPECT_NE(out.find("lladdr " + mac(b_, "eth1") + " reachable"), std::string::npos) << out;
+}
+
+TEST_F(Lab, ExecRunsACommandOnADeviceAndRefusesAnUnknownDevice) {
+    up();
+    std::string out, err;
+    EXPECT_EQ(lab({"exec", lab_, a_, "--", ROUTE_TO_PATH, "10.0.23.0/24"}, &out, &err), 0) << out << err;
+    EXPECT_NE(out.find("route 10.0.23.0/24 via 10.0.12.2 dev "), std::string::npos) << out;
+    // Its exit status is the command's.
+    EXPECT_EQ(lab({"exec", lab_, a_, "--", "sh", "-c", "exit 7"}, &out, &err), 7);
+    EXPECT_EQ(lab({"exec", lab_, "z" + a_, "--", "true"}, &out, &err), 1);
+    EXPECT_EQ(err, "ipsimd lab: lab " + lab_ + " has no device z" + a_ + "\n");
+}
+
+// examples/lab/run.sh on a line of the test's own: route_to on the first device, a ping to
+// the third, and the middle device's events while its link to the third goes down and up.
+TEST_F(Lab, TheLabExampleRunsEndToEnd) {
+    std::string out, err;
+    const int rc = run({"/usr/bin/env", "IPSIMD=" IPSIMD_PATH, "IPCTL=" IPCTL_PATH, "ROUTE_TO=" ROUTE_TO_PATH, "TOPOLOGY=" + file_,
+                        "LAB=" + lab_, "R1=" + a_, "R2=" + b_, "R3=" + c_, LAB_EXAMPLE_PATH},
+                       &out, &err, std::chrono::seconds(60));
+    EXPECT_EQ(rc, 0) << out << err;
+    EXPECT_NE(out.find("route 10.0.23.0/24 via 10.0.12.2 dev "), std::string::npos) << out;
+    EXPECT_NE(out.find(" reachable\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("2 packets transmitted, 2 received"), std::string::npos) << out;
+    const std::size_t down = out.find("link change dev eth2 state DOWN");
+    ASSERT_NE(down, std::string::npos) << out;
+    EXPECT_NE(out.find("link change dev eth2 state UP", down), std::string::npos) << out;
+    // The script took its lab down.
+    EXPECT_TRUE(namespaces().empty());
 }
 
 TEST_F(Lab, ABadTopologyIsRefusedWithFileLineAndKey) {
