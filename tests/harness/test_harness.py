@@ -164,6 +164,11 @@ def test_the_lab_fixture_brings_up_devices_that_answer_by_name(lab):
     assert done.returncode == 0, done.stderr
     assert json.loads(done.stdout)[0]["state"] == "reachable"
     assert all(d["running"] for d in lab.show()["devices"])
+    # A program in a's namespace, on the library: a's FIB, and the data plane to b.
+    done = lab.run(a, [IPCTL, "-j", "route", "show"])
+    assert done.returncode == 0, done.stderr
+    assert any(r["dst"] == "10.0.12.0/24" and r.get("dev") == "eth1" for r in json.loads(done.stdout))
+    assert lab.run(a, ["ping", "-c", "1", "-W", "2", "10.0.12.2"]).returncode == 0
     lab.link(a + ":eth1", "down")
     assert lab.show()["links"][0]["up"] is False
     names = subprocess.run(["ip", "netns", "list"], capture_output=True, text=True, check=False).stdout

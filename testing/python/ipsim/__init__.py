@@ -213,8 +213,10 @@ class Lab:
     """A lab of devices (``ipsimd lab``, docs/lab.md), up until closed.
 
     ``Lab(topology_file)`` runs ``ipsimd lab up``; ``devices`` names its devices (each an
-    instance: ``environment(device)`` reaches it), ``link(end, state)`` takes a link down or
-    up, ``show()`` gives what ``lab show --json`` says, and ``close()`` runs ``lab down``.
+    instance: ``environment(device)`` reaches it from the host, ``run(device, argv)`` runs a
+    program in the device's namespace that reaches it), ``link(end, state)`` takes a link
+    down or up, ``show()`` gives what ``lab show --json`` says, and ``close()`` runs
+    ``lab down``.
     Making namespaces needs root.
     """
 
@@ -244,6 +246,12 @@ class Lab:
         env = dict(os.environ)
         env["IPCLIENT_INSTANCE"] = device
         return env
+
+    def run(self, device, argv, timeout=60):
+        """Runs a program on a device (``ipsimd lab exec``): in its namespace, talking to its
+        simulator. The finished process (``subprocess.CompletedProcess``, text output)."""
+        return subprocess.run([self.program, "lab", "exec", self.name, device, "--"] + list(argv),
+                              capture_output=True, text=True, timeout=timeout, env=self._env, check=False)
 
     def show(self):
         done = self._lab("show", self.name, "--json")
