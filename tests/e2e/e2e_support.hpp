@@ -2,6 +2,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <signal.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -11,8 +12,11 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include <ipsim/harness.hpp>
 
 #include "e2e/sim_process.hpp"
 #include "ipclient/kernel.h"
@@ -133,6 +137,43 @@ protected:
     virtual std::vector<std::string> args() { return {}; }
 
     SimProcess sim;
+};
+
+// A test on a device started by the harness that applications' tests use
+// (testing/include/ipsim/harness.hpp), on the simulator built here: the project's own
+// tests use it as an application's would, so that it keeps up with the simulator. The
+// device runs for this test process's instance: its library calls, its children and the
+// control helpers above reach it.
+class HarnessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ipsim::Options options;
+        options.ipsimd = IPSIMD_PATH;
+        options.instance = instance();
+        try {
+            device_.emplace(scenario(), options);
+        } catch (const ipsim::Error& e) {
+            FAIL() << e.what();
+        }
+        device_->use_here();
+    }
+    void TearDown() override {
+        // A simulator ends cleanly on SIGTERM, unless the test killed it.
+        if (device_ && device_->running() && !killed_) {
+            EXPECT_EQ(device_->stop(), 0) << device_->log();
+        }
+    }
+    virtual ipsim::Scenario scenario() { return ipsim::Scenario::bundled(); }
+    ipsim::Device& device() { return *device_; }
+    // Kills the simulator at once (SIGKILL): every connection to it ends.
+    void kill9() {
+        killed_ = true;
+        ::kill(device_->pid(), SIGKILL);
+    }
+
+private:
+    std::optional<ipsim::Device> device_;
+    bool killed_ = false;
 };
 
 }  // namespace e2e

@@ -37,28 +37,6 @@ constexpr std::uint32_t kInjected = 0x4316007Au;
 constexpr std::uint32_t kIpCfgFailed = IPSTATUS_IPCFG_FAILED;
 const std::uint32_t kHostMask = 0xFFFFFFFFu;
 
-// Sets a fault; its id (0 when the simulator refused it, which fails the test).
-std::uint32_t set_fault(json request) {
-    request["op"] = "fault.set";
-    const json answer = ok(request);
-    return answer.value("id", 0u);
-}
-
-// The fault with the id as fault.list shows it, or null.
-json listed(std::uint32_t id) {
-    const json answer = ok({{"op", "fault.list"}});
-    for (const json& f : answer.value("faults", json::array())) {
-        if (f.value("id", 0u) == id) return f;
-    }
-    return nullptr;
-}
-
-std::uint32_t cleared(const json& request) {
-    json req = request;
-    req["op"] = "fault.clear";
-    return ok(req).value("cleared", 0u);
-}
-
 long ms_since(Clock::time_point t0) {
     return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count());
 }
@@ -100,7 +78,32 @@ bool within(std::chrono::milliseconds limit, F cond) {
     return true;
 }
 
-using Faults = SimTest;
+// The device of each test is the harness's, and its faults are set, listed and cleared as
+// an application's test does it.
+class Faults : public HarnessTest {
+protected:
+    // Sets a fault; its id (0 when the simulator refused it, which fails the test).
+    std::uint32_t set_fault(const json& fields) {
+        try {
+            return json::parse(device().set_fault(fields.dump())).value("id", 0u);
+        } catch (const ipsim::Error& e) {
+            ADD_FAILURE() << e.what();
+            return 0;
+        }
+    }
+    // The fault with the id as fault.list shows it, or null.
+    json listed(std::uint32_t id) {
+        const json answer = json::parse(device().faults());
+        for (const json& f : answer.value("faults", json::array())) {
+            if (f.value("id", 0u) == id) return f;
+        }
+        return nullptr;
+    }
+    std::uint32_t cleared(const json& fields) {
+        return json::parse(device().clear_faults(fields.is_null() ? "{}" : fields.dump())).value("cleared", 0u);
+    }
+    std::string state_dir() { return device().directory(); }
+};
 
 TEST_F(Faults, FaultError) {
     const IPAddrInfo info = manual(kGe1, "10.1.1.77", "255.255.255.0");
@@ -195,7 +198,7 @@ TEST_F(Faults, FaultDelay) {
 // A dump chunk cut inside the answer's result word: the pull fails, and so does the save,
 // which removes its file.
 TEST_F(Faults, FaultTruncate) {
-    const std::string path = sim.state_dir() + "/fib-truncated.txt";
+    const std::string path = state_dir() + "/fib-truncated.txt";
     ASSERT_EQ(FIB_SaveForwardingTable(path.c_str()), 0u);
     const std::string whole = file_text(path);
     ASSERT_NE(whole.find("10.8.0.0/16"), std::string::npos) << whole;
@@ -217,7 +220,7 @@ TEST_F(Faults, FaultTruncate) {
 // one and the rest of the chunk are lost without an error (the device's dump went past them).
 // Kept as the reader is: a chunk carries no count that could tell it was cut.
 TEST_F(Faults, FaultTruncateTearsAChunkAndItsCutEntriesAreLost) {
-    const std::string path = sim.state_dir() + "/fib-torn.txt";
+    const std::string path = state_dir() + "/fib-torn.txt";
     ASSERT_EQ(FIB_SaveForwardingTable(path.c_str()), 0u);
     const std::string whole = file_text(path);
     ASSERT_EQ(::unlink(path.c_str()), 0);
@@ -243,7 +246,7 @@ TEST_F(Faults, FaultTruncateTearsAChunkAndItsCutEntriesAreLost) {
 // The dump's request id covers its opening too: an opening answered short (no whole
 // handle) fails the save at once.
 TEST_F(Faults, FaultTruncateOfADumpOpening) {
-    const std::string path = sim.state_dir() + "/fib-unopened.txt";
+    const std::string path = state_dir() + "/fib-unopened.txt";
     const std::uint32_t id = set_fault({{"kernel", ipc::proto::fib::kDumpRequest}, {"truncate", 2}, {"times", 1}});
     ASSERT_NE(id, 0u);
     EXPECT_EQ(listed(id).value("kernel", ""), "0x640001");
@@ -304,7 +307,7 @@ TEST_F(Faults, FaultDropOnAddressConfiguration) {
     EXPECT_EQ(restart.value("service", ""), "address configuration service") << restart.dump();
     const bool ended = within(std::chrono::seconds(5), [&] { return done.load(); });
     EXPECT_TRUE(ended) << "the restart did not end the held exchange";
-    if (!ended) sim.kill9();  // ends every connection, so that the caller returns
+    if (!ended) kill9();  // ends every connection, so that the caller returns
     caller.join();
     if (!ended) return;
     EXPECT_EQ(status.load(), kIpCfgFailed);
@@ -328,8 +331,9 @@ TEST_F(Faults, FaultDropOnAddressConfiguration) {
 
 // Which of 40 lookups a fault of probability 0.5 answers: true for each one answered by the
 // device, false for each one the fault answered (with its exact status).
-std::vector<bool> forty_draws(std::uint64_t seed, std::uint32_t* id) {
-    *id = set_fault({{"kernel", "0x260001"}, {"error", "0x4316007a"}, {"probability", 0.5}, {"seed", seed}});
+std::vector<bool> forty_draws(ipsim::Device& device, std::uint64_t seed, std::uint32_t* id) {
+    const json fault{{"kernel", "0x260001"}, {"error", "0x4316007a"}, {"probability", 0.5}, {"seed", seed}};
+    *id = json::parse(device.set_fault(fault.dump())).value("id", 0u);
     std::vector<bool> outcomes;
     for (int i = 0; i < 40; ++i) {
         IPAddrInfo info{};
@@ -348,7 +352,7 @@ std::string shown(const std::vector<bool>& v) {
 
 TEST_F(Faults, FaultProbabilityReplays) {
     std::uint32_t id = 0;
-    const std::vector<bool> first = forty_draws(7, &id);
+    const std::vector<bool> first = forty_draws(device(), 7, &id);
     ASSERT_NE(id, 0u);
     const json f = listed(id);
     std::uint64_t failures = 0;
@@ -361,12 +365,12 @@ TEST_F(Faults, FaultProbabilityReplays) {
 
     // The same seed again: the same outcomes, in the same order.
     EXPECT_EQ(cleared({{"id", id}}), 1u);
-    const std::vector<bool> replay = forty_draws(7, &id);
+    const std::vector<bool> replay = forty_draws(device(), 7, &id);
     EXPECT_EQ(shown(replay), shown(first));
     EXPECT_EQ(cleared({{"id", id}}), 1u);
 
     // Another seed: other outcomes.
-    const std::vector<bool> other = forty_draws(8, &id);
+    const std::vector<bool> other = forty_draws(device(), 8, &id);
     EXPECT_NE(shown(other), shown(first));
     EXPECT_EQ(cleared({}), 1u);
     IPAddrInfo info{};

@@ -11,7 +11,7 @@
 namespace e2e {
 namespace {
 
-using ServicesE2E = SimTest;
+using ServicesE2E = HarnessTest;
 
 TEST_F(ServicesE2E, BpaConfigurationIsSetAndReadBackThroughTheIPStackDaemon) {
     const std::uint8_t set[8] = {0, 0, 0, 2, 0x12, 0x34, 0x56, 0x78};  // interface 2, inbound, outbound
@@ -43,14 +43,14 @@ TEST_F(ServicesE2E, DaemonRunsOnEveryNodeOfTheScenario) {
     EXPECT_EQ(IP_ServiceStart(), 0u);
 }
 
-class StoppedDaemonE2E : public SimTest {
+class StoppedDaemonE2E : public HarnessTest {
 protected:
-    std::vector<std::string> args() override {
+    ipsim::Scenario scenario() override {
         std::string text = printed_default_scenario();
         const auto at = text.find("{node: 2, name: IPStack, status: running}");
         EXPECT_NE(at, std::string::npos) << text;
         if (at != std::string::npos) text.replace(at, 41, "{node: 2, name: IPStack, status: stopped}");
-        return {"--scenario", temp_file("stopped.yaml", text)};
+        return ipsim::Scenario::yaml(text);
     }
 };
 

@@ -9,7 +9,7 @@
 namespace e2e {
 namespace {
 
-using WalkE2E = SimTest;
+using WalkE2E = HarnessTest;
 
 TEST_F(WalkE2E, QueueWalkVisitsEveryNodeThroughTheDeviceCursors) {
     ADJ_DTQ_NODE_S head{}, a{}, b{}, c{};
