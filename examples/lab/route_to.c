@@ -19,14 +19,6 @@
 #include "ipclient/arp.h"
 #include "ipclient/fib.h"
 
-/* Fields of a 128-byte search entry (host order): VRF word at 0, outgoing interface at 4. */
-#define ENTRY_IFINDEX 4u
-/* Fields of ARP_GetEntryByIP's entry (host order): interface word at 4, MAC at 18, state
- * (u16) at 24: 0 incomplete, 1 reachable, 2 stale, 3 delay, 4 probe. */
-#define ARP_AT_IFINDEX 4u
-#define ARP_AT_MAC 18u
-#define ARP_AT_STATE 24u
-
 static const char *const k_states[] = {"incomplete", "reachable", "stale", "delay", "probe"};
 
 static uint32_t word_at(const uint8_t *p) {
@@ -51,6 +43,8 @@ int main(int argc, char **argv) {
     uint32_t rc, ifindex, hop;
     ARP_ENTRY_S neighbour;
     int polls;
+    unsigned long i;
+    uint8_t mask[4];
 
     if (argc != 2 || strlen(argv[1]) >= sizeof text) {
         fprintf(stderr, "usage: IPCLIENT_INSTANCE=DEVICE %s A.B.C.D/LEN\n", argv[0]);
@@ -58,8 +52,13 @@ int main(int argc, char **argv) {
     }
     strcpy(text, argv[1]);
     slash = strchr(text, '/');
-    len = slash != NULL ? strtoul(slash + 1, NULL, 10) : 32;
-    if (slash != NULL) *slash = '\0';
+    len = 32;
+    if (slash != NULL) {
+        char *end = NULL;
+        len = strtoul(slash + 1, &end, 10);
+        if (end == slash + 1 || *end != '\0') len = 33; /* not a length */
+        *slash = '\0';
+    }
     if (inet_pton(AF_INET, text, &dest) != 1 || len > 32) {
         fprintf(stderr, "route_to: \"%s\" is not an IPv4 prefix\n", argv[1]);
         return 2;
@@ -69,14 +68,16 @@ int main(int argc, char **argv) {
     memset(&key, 0, sizeof key);
     key.uiInstance = 0xFFFFFFFFu;
     key.usFamily = 2;
-    key.uiMask = htonl(len == 0 ? 0 : 0xFFFFFFFFu << (32 - len));
+    memset(mask, 0, sizeof mask);
+    for (i = 0; i < len; ++i) mask[i / 8] |= (uint8_t)(0x80u >> (i % 8));
+    memcpy(&key.uiMask, mask, sizeof mask); /* network order: the bytes as they read */
     key.uiDest = dest.s_addr & key.uiMask;
     rc = FIB4_SearchInfo(&key, &count, entries);
     if (rc != 0 || count == 0) {
         printf("no route to %s (status 0x%08x)\n", argv[1], (unsigned)rc);
         return 1;
     }
-    ifindex = word_at(entries + ENTRY_IFINDEX);
+    ifindex = word_at(entries + FIB_ENTRY_IFINDEX_OFFSET);
     hop = word_at(entries + FIB_ENTRY_NEXTHOP_OFFSET); /* network order, as it goes on the wire */
     inet_ntop(AF_INET, &hop, hop_text, sizeof hop_text);
     printf("route %s via %s dev %u (%s)\n", argv[1], hop != 0 ? hop_text : "-", (unsigned)ifindex,
@@ -94,11 +95,11 @@ int main(int argc, char **argv) {
         uint16_t state;
         memset(&neighbour, 0, sizeof neighbour);
         if (ARP_GetEntryByIP(hop, &neighbour) == 0) {
-            memcpy(&state, neighbour.aucData + ARP_AT_STATE, sizeof state);
+            memcpy(&state, neighbour.aucData + ARP_BYIP_STATE_OFFSET, sizeof state);
             if (state != 0) {
-                const uint8_t *m = neighbour.aucData + ARP_AT_MAC;
+                const uint8_t *m = neighbour.aucData + ARP_BYIP_MAC_OFFSET;
                 printf("neighbour %s dev %u lladdr %02x:%02x:%02x:%02x:%02x:%02x %s\n", hop_text,
-                       (unsigned)word_at(neighbour.aucData + ARP_AT_IFINDEX), m[0], m[1], m[2], m[3], m[4], m[5],
+                       (unsigned)word_at(neighbour.aucData + ARP_BYIP_IFINDEX_OFFSET), m[0], m[1], m[2], m[3], m[4], m[5],
                        state < sizeof k_states / sizeof k_states[0] ? k_states[state] : "unknown");
                 return 0;
             }

@@ -32,7 +32,7 @@ echo "== $r1: ping $r3"
 
 echo "== $r2: link events while its link to $r3 goes down and up"
 events=$(mktemp)
-"$ipctl" -i "$r2" monitor link --count 2 >"$events" 2>/dev/null &
+timeout 10 "$ipctl" -i "$r2" monitor link --count 2 >"$events" 2>/dev/null &
 monitor=$!
 sleep 0.5  # the monitor subscribes
 "$ipsimd" lab link "$lab" "$r2:eth2" down

@@ -131,6 +131,14 @@ IPCLIENT_API uint32_t arp_GetEntryExtend(uint32_t uiIfIndex, uint32_t uiAddr, AR
 /** The refresh time (the extended entry's word at 28) in *puiTime; the status of the
  * extended read (0 or 0x40010001). */
 IPCLIENT_API uint32_t ARP_GetRefreshTime(uint32_t uiIfIndex, uint32_t uiAddr, uint32_t *puiTime);
+/** Offset of the outgoing interface (u32, host order) in ARP_GetEntryByIP's entry; the
+ * address is at 0, in network order. */
+#define ARP_BYIP_IFINDEX_OFFSET 4u
+/** Offset of the neighbour's MAC (6 bytes) in ARP_GetEntryByIP's entry. */
+#define ARP_BYIP_MAC_OFFSET 18u
+/** Offset of the state (u16, host order) in ARP_GetEntryByIP's entry: 0 incomplete,
+ * 1 reachable, 2 stale, 3 delay, 4 probe. */
+#define ARP_BYIP_STATE_OFFSET 24u
 /** The entry of an address, converted: words at 4, 8, 28, 32 and halves at 12, 14, 16, 24. */
 IPCLIENT_API uint32_t ARP_GetEntryByIP(uint32_t uiAddr, ARP_ENTRY_S *pstEntry);
 /** Batch dump: the control request's status; the records are the module's. */

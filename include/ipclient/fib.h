@@ -43,11 +43,22 @@ typedef struct FIB4_SEARCH_KEY_S {
 } FIB4_SEARCH_KEY_S;
 IPCLIENT_STATIC_ASSERT(sizeof(FIB4_SEARCH_KEY_S) == FIB4_SEARCH_KEY_SIZE, fib4_key_size);
 
+/** Offset of a route entry's VRF (u32). A route entry is 128 bytes, in host order as the
+ * kernel stores it; addresses are in network order. */
+#define FIB_ENTRY_VRF_OFFSET 0u
+/** Offset of a route entry's outgoing interface (u32; 0: none). */
+#define FIB_ENTRY_IFINDEX_OFFSET 4u
+/** Offset of a route entry's prefix length (u8). */
+#define FIB_ENTRY_PREFIX_LEN_OFFSET 8u
 /** Offsets read from a 128-byte route entry: family (u16), next hop (4 or 16 bytes), and the
  * flags word (u32, bit 0: an active route), all as the kernel stores them. */
 #define FIB_ENTRY_FAMILY_OFFSET 12u
 /** Offset of a route entry's next hop: 4 bytes for family 2, 16 bytes for family 10. */
 #define FIB_ENTRY_NEXTHOP_OFFSET 16u
+/** Offset of a route entry's destination: 4 or 16 bytes, network order, in a 16-byte field. */
+#define FIB_ENTRY_DEST_OFFSET 32u
+/** Offset of a route entry's node (u32): the node the search was asked of. */
+#define FIB_ENTRY_NODE_OFFSET 48u
 /** Offset of a route entry's flags word (u32; bit 0: an active route). */
 #define FIB_ENTRY_FLAGS_OFFSET 52u
 /** Offset of a route entry's type (u8, one of FIB_ROUTE_*; 0 is read as unicast). */

@@ -73,7 +73,10 @@ long reply_timeout_ms() noexcept {
 int open_device_socket() noexcept {
     const int fd = channel_socket(SOCK_SEQPACKET | SOCK_CLOEXEC);
     if (fd < 0) {
-        g_last_failure.store(IPP_DEVICE_NO_RESOURCES, std::memory_order_relaxed);
+        // Out of descriptors or memory; else the namespace of IPCLIENT_NETNS could not be
+        // entered, where no simulator is found.
+        const bool short_of = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+        g_last_failure.store(short_of ? IPP_DEVICE_NO_RESOURCES : IPP_DEVICE_ABSENT, std::memory_order_relaxed);
         return -1;
     }
     // The bound holds for the connection too: a simulator that accepts no one (stopped, or

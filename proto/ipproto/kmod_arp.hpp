@@ -86,13 +86,13 @@ inline constexpr std::size_t kLen = 36;
 // The entry of sub-op 28, a layout of its own (ARP_ENTRY_LEN bytes).
 namespace by_address {
 inline constexpr std::size_t kAddr = 0;
-inline constexpr std::size_t kIfIndex = 4;
+inline constexpr std::size_t kIfIndex = ARP_BYIP_IFINDEX_OFFSET;
 inline constexpr std::size_t kMember = 8;
 inline constexpr std::size_t kVlan = 12;     // 16 bits
 inline constexpr std::size_t kVrf = 14;      // 16 bits
 inline constexpr std::size_t kNode = 16;     // 16 bits
-inline constexpr std::size_t kMac = 18;
-inline constexpr std::size_t kState = 24;    // 16 bits
+inline constexpr std::size_t kMac = ARP_BYIP_MAC_OFFSET;
+inline constexpr std::size_t kState = ARP_BYIP_STATE_OFFSET;  // 16 bits
 inline constexpr std::size_t kKind = 26;     // byte, then a zero byte
 inline constexpr std::size_t kAge = 28;
 inline constexpr std::size_t kRefresh = 32;

@@ -129,7 +129,7 @@ std::optional<Route> FibTable::next_in(const SortedChunks<Packed<N>, KeyOf>& tab
         const PackedKey<N> k = packed_key<N>(*after);
         const Pos was{at != nullptr ? at->chunk : 0, at != nullptr ? at->index : 0};
         // Where the walk stood, while nothing moved and it still holds `after`.
-        if (at != nullptr && at->valid && at->layout == table.layout() && !table.at_end(was) &&
+        if (at != nullptr && at->valid && at->family == N && at->layout == table.layout() && table.holds(was) &&
             table.at(was).key == k) {
             p = table.advance(was);
         } else {
@@ -139,7 +139,7 @@ std::optional<Route> FibTable::next_in(const SortedChunks<Packed<N>, KeyOf>& tab
     for (; !table.at_end(p); p = table.advance(p)) {
         const Packed<N>& rec = table.at(p);
         if (rec.key.node != 0 && rec.key.node != node) continue;
-        if (at != nullptr) *at = Position{table.layout(), p.chunk, p.index, true};
+        if (at != nullptr) *at = Position{table.layout(), p.chunk, p.index, N, true};
         return decode(rec);
     }
     if (at != nullptr) at->valid = false;

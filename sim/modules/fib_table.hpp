@@ -104,6 +104,7 @@ public:
     struct Position {
         std::uint64_t layout = 0;
         std::size_t chunk = 0, index = 0;
+        std::size_t family = 0;  // the record size of its family's table: 4 or 16
         bool valid = false;
     };
 

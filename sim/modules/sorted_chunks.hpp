@@ -39,6 +39,8 @@ public:
     Pos begin() const noexcept { return Pos{}; }
     Pos end() const noexcept { return Pos{chunks_.size(), 0}; }
     bool at_end(Pos p) const noexcept { return p.chunk >= chunks_.size(); }
+    // Whether p names a record (of any table state: a place kept from before is checked).
+    bool holds(Pos p) const noexcept { return p.chunk < chunks_.size() && p.index < chunks_[p.chunk].size(); }
     const T& at(Pos p) const { return chunks_[p.chunk][p.index]; }
     T& at(Pos p) { return chunks_[p.chunk][p.index]; }
     Pos advance(Pos p) const noexcept {

@@ -436,10 +436,11 @@ void LinuxSource::route(const nl::Route& r, bool gone) {
     // of this reading is not the namespace's.
     const bool fresh = seen_routes_ && seen_routes_->insert(key).second;
     if (it == candidates_.end()) {
-        const std::optional<Route> now = fresh ? std::nullopt : ctx_->fib.find(key);
+        const std::optional<Route> now = ctx_->fib.find(key);
         // The key's only route, new or changed (a replacement of its metric is a change):
-        // the FIB holds it, with nothing aside.
-        if (!now || (now->metric == r.priority && (r.replace || is(now->metric, *now)))) {
+        // the FIB holds it, with nothing aside. An entry left unchanged is not written again
+        // (the route-change number stays).
+        if (fresh || !now || (now->metric == r.priority && (r.replace || is(now->metric, *now)))) {
             if (now && same_entry(*now, out)) return;
             // The namespace keeps what a full device FIB refuses: kept aside, and counted.
             if (!ctx_->fib.put(out)) candidates_[key].push_back(Candidate{r.priority, ++learnt_, out});
@@ -519,13 +520,13 @@ void LinuxSource::reread_routes() {
 
 void LinuxSource::reread_routes_twice() {
     reread_routes();
-    if (reread_pending_) return;
-    reread_pending_ = true;
+    // The second reading comes kRoutesSettle after the last change: one due earlier, for a
+    // change before it, gives way.
+    const std::uint64_t mine = ++reread_latest_;
     const std::weak_ptr<bool> alive = alive_;
-    ctx_->loop.after(kRoutesSettle, [this, alive] {
+    ctx_->loop.after(kRoutesSettle, [this, alive, mine] {
         const auto live = alive.lock();
-        if (!live || !*live) return;
-        reread_pending_ = false;
+        if (!live || !*live || mine != reread_latest_) return;
         if (!seen_routes_) reread_routes();
     });
 }

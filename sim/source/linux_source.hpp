@@ -228,7 +228,7 @@ private:
     };
     std::map<FibTable::Key, std::vector<Candidate>> candidates_;
     std::uint64_t learnt_ = 0;
-    bool reread_pending_ = false;  // a second reading of the routes is due
+    std::uint64_t reread_latest_ = 0;  // the latest second reading of the routes asked for
     // The namespace's counters at the last reading, by set, interface and name.
     std::map<std::string, std::uint64_t, std::less<>> last_counts_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

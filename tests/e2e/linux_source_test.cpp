@@ -698,6 +698,51 @@ TEST_F(LinuxRoutesE2E, TheLowestMetricIsTheDevicesEntryAndItsDeletionPromotesThe
     EXPECT_TRUE(eventually([&] { return device_gateway().empty(); }, std::chrono::seconds(2)));
 }
 
+// A key's only route, then a second one, then the first one gone: the device's entry follows
+// (the key moves from one route to alternates and back); a deletion that names another
+// route of the prefix (another gateway or metric) removes nothing.
+TEST_F(LinuxRoutesE2E, AKeyGoesFromOneRouteToAlternatesAndBack) {
+    start();
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.77.0.2", "dev", "v0", "metric", "100"});
+    expect_as_the_kernel("10.77.0.2");
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.88.0.2", "dev", "v2", "metric", "200"});
+    expect_as_the_kernel("10.77.0.2");
+    in_ns({"route", "del", "10.150.0.0/16", "via", "10.77.0.2", "metric", "100"});
+    expect_as_the_kernel("10.88.0.2");
+    // One route again; the kernel refuses a deletion of a route it does not have.
+    std::string out, err;
+    EXPECT_NE(run({ip_, "-n", ns_, "route", "del", "10.150.0.0/16", "via", "10.77.0.2", "metric", "200"}, &out, &err), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    expect_as_the_kernel("10.88.0.2");
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.77.0.2", "dev", "v0", "metric", "50"});
+    expect_as_the_kernel("10.77.0.2");
+    in_ns({"route", "del", "10.150.0.0/16", "metric", "50"});
+    expect_as_the_kernel("10.88.0.2");
+    in_ns({"route", "del", "10.150.0.0/16", "metric", "200"});
+    EXPECT_TRUE(eventually([&] { return device_gateway().empty(); }, std::chrono::seconds(2)));
+}
+
+// A link with no IPv4 route goes down and up: the routes are read again (twice), find
+// nothing changed, and write nothing: the IPv4 route-change number stays.
+TEST_F(LinuxRoutesE2E, ReadingUnchangedRoutesAgainChangesNoRoute) {
+    in_ns({"link", "add", "v4", "type", "veth", "peer", "name", "v5"});
+    in_ns({"link", "set", "v5", "up"});
+    in_ns({"link", "set", "v4", "up"});
+    start();
+    in_ns({"route", "add", "10.150.0.0/16", "via", "10.77.0.2", "dev", "v0"});
+    expect_as_the_kernel("10.77.0.2");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const std::uint32_t before = FIB4_GetRouteChangeSeq();
+    in_ns({"link", "set", "v4", "down"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    in_ns({"link", "set", "v4", "up"});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(FIB4_GetRouteChangeSeq(), before);
+    // A change is a change: the number moves.
+    in_ns({"route", "add", "10.151.0.0/16", "via", "10.77.0.2", "dev", "v0"});
+    EXPECT_TRUE(eventually([&] { return FIB4_GetRouteChangeSeq() != before; }, std::chrono::seconds(2)));
+}
+
 // A link that goes down and comes up: the device keeps what the kernel keeps, whatever the
 // kernel told or did not tell.
 TEST_F(LinuxRoutesE2E, ALinkFlapKeepsTheRoutesTheKernelKeeps) {

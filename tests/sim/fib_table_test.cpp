@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
+#include <tuple>
 #include <random>
 
 #include "modules/fib_table.hpp"
@@ -101,6 +103,21 @@ TEST(FibTable, RoutesThatShareTheirTailHoldItOnce) {
     EXPECT_EQ(t.size(), 0u);
 }
 
+TEST(FibTable, ARouteThatAloneHoldsItsTailKeepsItWhenPutAgain) {
+    FibTable t;
+    Route r = v4(0x0A000000, 8);
+    r.label = 77;
+    r.more.push_back(Hop{{10, 0, 0, 2}, 5, {1, 2, 3, 4, 5, 6}, {}});
+    ASSERT_TRUE(t.put(r));
+    ASSERT_TRUE(t.put(r));  // the same tail: held again before the old hold is let go
+    r.active = false;
+    ASSERT_TRUE(t.put(r));
+    EXPECT_EQ(t.tails(), 1u);
+    const std::optional<Route> back = t.find(FibTable::key_of(r));
+    ASSERT_TRUE(back.has_value());
+    EXPECT_TRUE(same(*back, r));
+}
+
 TEST(FibTable, ARouteCostsItsRecordAndLittleMore) {
     FibTable t;
     constexpr std::uint32_t kRoutes = 100000;
@@ -120,6 +137,10 @@ TEST(FibTable, RandomChangesKeepTheTableInOrder) {
                                      static_cast<std::uint16_t>(pick % 4), static_cast<std::uint16_t>(pick % 7 == 0 ? 2 : 0));
         r.ifindex = static_cast<std::uint32_t>(rng() % 4 + 1);
         r.metric = static_cast<std::uint32_t>(rng() % 3);
+        // Tails that routes share, and change between.
+        r.mac[5] = static_cast<std::uint8_t>(rng() % 5);
+        r.label = static_cast<std::uint32_t>(rng() % 3);
+        if (rng() % 50 == 0) r.more.push_back(Hop{{10, 0, 0, 9}, 6, {}, {}});
         if (rng() % 3 == 0) {
             EXPECT_EQ(t.remove(FibTable::key_of(r)), model.erase(FibTable::key_of(r)) == 1);
         } else {
@@ -128,6 +149,10 @@ TEST(FibTable, RandomChangesKeepTheTableInOrder) {
         }
     }
     ASSERT_EQ(t.size(), model.size());
+    // Each distinct tail held once, none left over.
+    std::set<std::tuple<std::uint32_t, std::uint8_t, std::size_t, std::uint32_t, std::uint8_t>> tails;
+    for (const auto& [k, r] : model) tails.emplace(r.label, r.mac[5], r.more.size(), r.via_ifindex, r.own_mac[5]);
+    EXPECT_EQ(t.tails(), tails.size());
     for (const std::uint16_t node : {std::uint16_t{1}, std::uint16_t{2}}) {
         for (const std::uint8_t family : {std::uint8_t{2}, std::uint8_t{10}}) {
             std::vector<Route> expected;

@@ -225,10 +225,10 @@ std::vector<std::uint8_t> search6(const std::array<std::uint8_t, 16>& addr, unsi
 Record entry_record(const std::uint8_t* e) {
     const bool v6 = host_at<std::uint16_t>(e + FIB_ENTRY_FAMILY_OFFSET) == 10;
     const auto addr_text = [v6](const std::uint8_t* a) { return v6 ? inet6_text(a) : inet4_text(host_at<std::uint32_t>(a)); };
-    const std::string dst = addr_text(e + 32) + "/" + std::to_string(e[8]);
-    const std::uint32_t ifindex = host_at<std::uint32_t>(e + 4);
-    const std::uint32_t vrf = host_at<std::uint32_t>(e);
-    const std::uint32_t node = host_at<std::uint32_t>(e + 48);
+    const std::string dst = addr_text(e + FIB_ENTRY_DEST_OFFSET) + "/" + std::to_string(e[FIB_ENTRY_PREFIX_LEN_OFFSET]);
+    const std::uint32_t ifindex = host_at<std::uint32_t>(e + FIB_ENTRY_IFINDEX_OFFSET);
+    const std::uint32_t vrf = host_at<std::uint32_t>(e + FIB_ENTRY_VRF_OFFSET);
+    const std::uint32_t node = host_at<std::uint32_t>(e + FIB_ENTRY_NODE_OFFSET);
     const bool active = (host_at<std::uint32_t>(e + FIB_ENTRY_FLAGS_OFFSET) & 1u) != 0;
     const auto dev = [](std::uint32_t index) { return index == 0 ? std::string() : interface_name(index); };
     std::vector<Path> paths{{gateway_text(addr_text(e + FIB_ENTRY_NEXTHOP_OFFSET)), dev(ifindex)}};
@@ -262,7 +262,10 @@ unsigned pathless_type(const RouteLine& l) {
     std::optional<unsigned> found;
     for (std::uint64_t i = 0; i < count && i < FIB_SEARCH_MAX_ENTRIES; ++i) {
         const std::uint8_t* e = entries.data() + i * FIB_SEARCH_ENTRY_SIZE;
-        if (host_at<std::uint32_t>(e + 4) != 0 || (host_at<std::uint32_t>(e) == 0) != is_public) continue;
+        if (host_at<std::uint32_t>(e + FIB_ENTRY_IFINDEX_OFFSET) != 0 ||
+            (host_at<std::uint32_t>(e + FIB_ENTRY_VRF_OFFSET) == 0) != is_public) {
+            continue;
+        }
         const unsigned type = e[FIB_ENTRY_TYPE_OFFSET] == 0 ? FIB_ROUTE_UNICAST : e[FIB_ENTRY_TYPE_OFFSET];
         if (found && *found != type) return kTypeUnknown;
         found = type;
