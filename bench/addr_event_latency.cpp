@@ -54,7 +54,11 @@ mnl_socket* socket_in(const std::string& ns) {
     const bool back = setns(own, CLONE_NEWNET) == 0;
     close(own);
     close(target);
-    if (nl == nullptr || !back || mnl_socket_bind(nl, 0, MNL_SOCKET_AUTOPID) != 0) return nullptr;
+    if (nl == nullptr) return nullptr;
+    if (!back || mnl_socket_bind(nl, 0, MNL_SOCKET_AUTOPID) != 0) {
+        mnl_socket_close(nl);
+        return nullptr;
+    }
     return nl;
 }
 

@@ -19,30 +19,9 @@
 #include <string>
 
 #include "internal.hpp"
+#include "ipproto/raii.hpp"
 
 namespace ipp {
-namespace {
-
-// A descriptor closed on every path, errno kept.
-class NsFd {
-public:
-    explicit NsFd(int fd) noexcept : fd_(fd) {}
-    NsFd(const NsFd&) = delete;
-    NsFd& operator=(const NsFd&) = delete;
-    ~NsFd() {
-        if (fd_ >= 0) {
-            const int e = errno;
-            ::close(fd_);
-            errno = e;
-        }
-    }
-    int get() const noexcept { return fd_; }
-
-private:
-    int fd_;
-};
-
-}  // namespace
 
 int channel_socket(int type) noexcept {
     const char* env = std::getenv("IPCLIENT_NETNS");
@@ -54,10 +33,11 @@ int channel_socket(int type) noexcept {
         errno = ENOMEM;
         return -1;
     }
-    const NsFd target(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const ipc::Fd target(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (target.get() < 0) return -1;
-    const NsFd own(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    const ipc::Fd own(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
     if (own.get() < 0) return -1;
+    // The descriptors close on the way out; a close that succeeds leaves errno as it is.
     if (::setns(target.get(), CLONE_NEWNET) != 0) return -1;
     int fd = ::socket(AF_UNIX, type, 0);
     const int made = errno;
